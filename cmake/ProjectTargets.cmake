@@ -1,0 +1,48 @@
+# What every target of the project shares. Flags live on interface targets; nothing is set globally.
+find_package(Threads REQUIRED)
+
+# Warnings and sanitizers, for every target.
+add_library(vel_base_flags INTERFACE)
+target_compile_options(vel_base_flags INTERFACE -Wall -Wextra -Werror -Wformat=2)
+target_link_libraries(vel_base_flags INTERFACE Threads::Threads)
+if(VEL_SANITIZE)
+  target_compile_options(vel_base_flags INTERFACE -fsanitize=${VEL_SANITIZE} -fno-omit-frame-pointer)
+  target_link_options(vel_base_flags INTERFACE -fsanitize=${VEL_SANITIZE})
+  if(VEL_SANITIZE MATCHES undefined)
+    # The product has no type information, which the vptr check needs.
+    target_compile_options(vel_base_flags INTERFACE -fno-sanitize=vptr -fno-sanitize-recover=all)
+  endif()
+endif()
+
+# The device's flags, for everything that is shipped.
+add_library(vel_product_flags INTERFACE)
+target_compile_options(vel_product_flags INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden> -fvisibility=hidden)
+target_link_libraries(vel_product_flags INTERFACE vel_base_flags)
+
+# Debian's own Android libraries and headers.
+find_path(ANDROID_INCLUDE_DIR android/log.h PATHS /usr/include/android REQUIRED)
+find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED)
+find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED)
+find_library(ANDROID_LIBCUTILS cutils PATH_SUFFIXES android REQUIRED)
+add_library(platform_debian INTERFACE)
+target_include_directories(platform_debian SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBUTILS} ${ANDROID_LIBCUTILS})
+
+# RapidJSON is header-only; a system include keeps its own warnings out of ours.
+find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+add_library(rapidjson_headers INTERFACE)
+target_include_directories(rapidjson_headers SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+
+# vel_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TIMEOUT seconds] [ARGS ...])
+# One executable a subject, run as one shuffled test.
+function(vel_add_test name)
+  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS;ARGS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE vel_base_flags test_support ${T_LIBS})
+  add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_brief=1 ${T_ARGS})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
+endfunction()
