@@ -1,0 +1,229 @@
+#include "JsonMessage.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <random>
+
+#include "AllocationCounter.h"
+#include "JsonUtils.h"
+
+namespace {
+
+// As large as the smallest stack that a binder or HAL thread is given.
+constexpr size_t kSmallStackBytes = 256 * 1024;
+
+void onASmallStack(std::function<void()> body) {
+    pthread_attr_t attributes;
+    ASSERT_EQ(0, pthread_attr_init(&attributes));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, kSmallStackBytes));
+    const auto run = [](void* argument) -> void* {
+        (*static_cast<std::function<void()>*>(argument))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, &body));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    pthread_attr_destroy(&attributes);
+}
+
+std::string repeated(const std::string& part, size_t times) {
+    std::string text;
+    for (size_t i = 0; i < times; ++i)
+        text += part;
+    return text;
+}
+
+std::string nestedArrays(size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+}
+
+size_t depthOfFirstElements(const rapidjson::Value& root) {
+    size_t depth = 0;
+    for (const rapidjson::Value* value = &root; value->IsArray();) {
+        ++depth;
+        if (value->Empty()) break;
+        value = &(*value)[0];
+    }
+    return depth;
+}
+
+TEST(JsonMessage, StartsAsAnEmptyObjectAndIsBuiltInPlace) {
+    JsonMessage message;
+    EXPECT_EQ("{}", message.toText());
+    message.root().AddMember("cameraId", "0", message.allocator());
+    message.root().AddMember("n", 5U, message.allocator());
+    EXPECT_EQ(R"({"cameraId":"0","n":5})", message.toText());
+    message.reset();
+    EXPECT_EQ("{}", message.toText());
+}
+
+TEST(JsonMessage, ParsesAnyValueAndWritesItBackCompactly) {
+    JsonMessage message;
+    for (const char* text : {R"({"a":[1,-2.5,"x",true,null,{}]})", "[]", "\"x\"", "5", "null", "false"}) {
+        EXPECT_TRUE(message.parse(" " + std::string(text) + "\n")) << text;
+        EXPECT_EQ(text, message.toText());
+    }
+}
+
+TEST(JsonMessage, KeepsNothingOfTheMessageBefore) {
+    JsonMessage message;
+    ASSERT_TRUE(message.parse("{\"a\":\"" + std::string(200000, 'x') + "\"}"));
+    ASSERT_FALSE(message.parse("{"));
+    EXPECT_TRUE(message.root().IsNull());
+    ASSERT_TRUE(message.parse("{\"b\":1}"));
+    EXPECT_EQ(rapidjson::kParseErrorNone, message.errorCode());
+    EXPECT_EQ(0U, message.errorOffset());
+    EXPECT_EQ("{\"b\":1}", message.toText());
+}
+
+struct ErrorRow {
+    std::string text;
+    int code;
+    size_t offset;
+};
+
+TEST(JsonMessage, ReportsCodeAndOffsetOfTheError) {
+    const ErrorRow rows[] = {
+        {"", 1, 0},
+        {"  ", 1, 2},
+        {"{", 4, 1},
+        {"[", 3, 1},
+        {"{}x", 2, 2},
+        {"OK", 3, 0},
+        {R"({"a":1,})", 4, 7},
+        {R"({"a"})", 5, 4},
+        {R"({"a":1 "b":2})", 6, 7},
+        {"[1 2]", 7, 3},
+        {R"("\x")", 10, 1},
+        {R"("\ud800")", 9, 1},
+        {R"("abc)", 11, 4},
+        {"1e400", 13, 0},
+        {"1.", 14, 2},
+        {"\xEF\xBB\xBF{}", 3, 0},                // a byte order mark
+        {std::string("\0{}", 3), 1, 0},          // nothing before the NUL
+        {std::string("{\"a\":\0 1}", 9), 3, 5},  // the text ends inside
+    };
+    for (const ErrorRow& row : rows) {
+        SCOPED_TRACE(row.text);
+        JsonMessage message;
+        EXPECT_FALSE(message.parse(row.text));
+        EXPECT_EQ(row.code, message.errorCode());
+        EXPECT_EQ(row.offset, message.errorOffset());
+        EXPECT_TRUE(message.root().IsNull());
+    }
+}
+
+TEST(JsonMessage, ANulEndsTheText) {
+    JsonMessage message;
+    EXPECT_TRUE(message.parse(std::string("{\"a\":1}\0garbage", 15)));
+    EXPECT_EQ("{\"a\":1}", message.toText());
+}
+
+TEST(JsonMessage, RefusesToWriteNumbersThatAreNotFinite) {
+    for (double number : {std::nan(""), std::numeric_limits<double>::infinity()}) {
+        JsonMessage message;
+        message.root().AddMember("a", 1, message.allocator());
+        message.root().AddMember("b", number, message.allocator());
+        std::string text = "stale";
+        EXPECT_FALSE(message.serialise(text));
+        EXPECT_EQ("", text);
+        EXPECT_EQ("", message.toText());
+        message.root()["b"].SetInt(2);
+        EXPECT_TRUE(message.serialise(text));
+        EXPECT_EQ(R"({"a":1,"b":2})", text);
+    }
+}
+
+TEST(JsonMessage, DeepTextsNeedNoDeepStack) {
+    constexpr size_t kLevels = 500000;
+    onASmallStack([&] {
+        JsonMessage message;
+        ASSERT_TRUE(message.parse(nestedArrays(kLevels)));
+        EXPECT_EQ(kLevels, depthOfFirstElements(message.root()));
+        ASSERT_TRUE(message.parse(repeated("{\"a\":", kLevels) + "1" + std::string(kLevels, '}')));
+        EXPECT_TRUE(message.root().IsObject());
+    });
+}
+
+TEST(JsonMessage, UnfinishedDeepTextsFailAtTheirEnd) {
+    onASmallStack([] {
+        JsonMessage message;
+        const std::string arrays(1 << 20, '[');
+        EXPECT_FALSE(message.parse(arrays));
+        EXPECT_EQ(rapidjson::kParseErrorValueInvalid, message.errorCode());
+        EXPECT_EQ(arrays.size(), message.errorOffset());
+        const std::string objects = " \n" + repeated("{\"a\":", (256 << 10) / 5);
+        EXPECT_FALSE(message.parse(objects));
+        EXPECT_EQ(rapidjson::kParseErrorValueInvalid, message.errorCode());
+        EXPECT_EQ(objects.size(), message.errorOffset());
+        // Neither an object nor an array: ends at once, however deep it looks.
+        EXPECT_FALSE(message.parse("]" + arrays));
+        EXPECT_EQ(0U, message.errorOffset());
+    });
+}
+
+// Both ways of parsing must be told apart by nothing: the same text with few and with many levels before it.
+TEST(JsonMessage, ManyBracketsChangeNoResult) {
+    const std::string seed = R"({"a":[1,-2.5e3,{"b":"x\n\u20ac"}],"c":null,"d":[true,false,[]],"e":{}} )";
+    const std::string alphabet = "{}[],:\"\\ 019.-+eatnu\n";
+    std::mt19937 random(1);
+    for (int round = 0; round < 20000; ++round) {
+        std::string text = seed;
+        for (int edits = 1 + static_cast<int>(random() % 3); edits > 0; --edits)
+            text[1 + random() % (text.size() - 1)] = alphabet[random() % alphabet.size()];
+        const std::string prefix = R"({"s":")" + std::string(300, '[') + R"(",)";
+        const std::string plainPrefix = R"({"s":")" + std::string(300, '(') + R"(",)";
+        JsonMessage many;
+        JsonMessage few;
+        ASSERT_EQ(few.parse(plainPrefix + text.substr(1)), many.parse(prefix + text.substr(1))) << text;
+        ASSERT_EQ(few.errorCode(), many.errorCode()) << text;
+        ASSERT_EQ(few.errorOffset(), many.errorOffset()) << text;
+        if (few.errorCode() != rapidjson::kParseErrorNone) continue;
+        many.root().RemoveMember("s");
+        few.root().RemoveMember("s");
+        ASSERT_EQ(few.toText(), many.toText()) << text;
+    }
+}
+
+TEST(JsonMessage, SmallMessagesLeaveTheHeapAlone) {
+    if (!AllocationCounter::available()) GTEST_SKIP() << "the sanitizer owns the heap";
+    const std::string text =
+        R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true,"packageName":"com.example.desktop\n"}})";
+    std::string out;
+    out.reserve(256);
+    AllocationCounter counter;
+    {
+        JsonMessage message;
+        ASSERT_TRUE(message.parse(text));
+        bool isDesktop = false;
+        ASSERT_EQ(0, android::JsonUtils::parseValue(message.root()["event"], "isDesktop", isDesktop, -1));
+        ASSERT_TRUE(message.serialise(out));
+        message.reset();
+        message.root().AddMember("general", 1, message.allocator());
+        ASSERT_TRUE(message.serialise(out));
+        ASSERT_FALSE(message.parse("{\"a\":"));
+    }
+    EXPECT_EQ(0U, counter.count());
+}
+
+TEST(AllocationCounter, CountsEveryWayToTheHeap) {
+    if (!AllocationCounter::available()) GTEST_SKIP() << "the sanitizer owns the heap";
+    AllocationCounter counter;
+    void* volatile block = malloc(8);
+    block = realloc(block, 16);
+    free(block);
+    block = calloc(2, 8);
+    free(block);
+    block = aligned_alloc(64, 64);
+    free(block);
+    block = ::operator new(8);
+    ::operator delete(block);
+    EXPECT_EQ(5U, counter.count());
+}
+
+}  // namespace

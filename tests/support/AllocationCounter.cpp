@@ -1,0 +1,76 @@
+#include "AllocationCounter.h"
+
+#include <errno.h>
+#include <stdlib.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HEAP_IS_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define HEAP_IS_SANITIZED 1
+#endif
+#endif
+
+namespace {
+thread_local size_t tAllocations = 0;
+}
+
+bool AllocationCounter::available() {
+#ifdef HEAP_IS_SANITIZED
+    return false;
+#else
+    return true;
+#endif
+}
+
+AllocationCounter::AllocationCounter() : mStart(tAllocations) {}
+
+size_t AllocationCounter::count() const {
+    return tAllocations - mStart;
+}
+
+#ifndef HEAP_IS_SANITIZED
+
+// operator new ends in malloc or aligned_alloc, so these see it too.
+extern "C" {
+
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+
+void* malloc(size_t size) {
+    ++tAllocations;
+    return __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) {
+    ++tAllocations;
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* block, size_t size) {
+    ++tAllocations;
+    return __libc_realloc(block, size);
+}
+
+void* memalign(size_t alignment, size_t size) {
+    ++tAllocations;
+    return __libc_memalign(alignment, size);
+}
+
+void* aligned_alloc(size_t alignment, size_t size) {
+    return memalign(alignment, size);
+}
+
+int posix_memalign(void** out, size_t alignment, size_t size) {
+    if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0) return EINVAL;
+    void* block = memalign(alignment, size);
+    if (!block) return ENOMEM;
+    *out = block;
+    return 0;
+}
+
+}  // extern "C"
+
+#endif
