@@ -163,6 +163,7 @@ TEST(JsonMessage, UnfinishedDeepTextsFailAtTheirEnd) {
         EXPECT_EQ(objects.size(), message.errorOffset());
         // Neither an object nor an array: ends at once, however deep it looks.
         EXPECT_FALSE(message.parse("]" + arrays));
+        EXPECT_EQ(rapidjson::kParseErrorValueInvalid, message.errorCode());
         EXPECT_EQ(0U, message.errorOffset());
     });
 }
@@ -197,8 +198,8 @@ TEST(JsonMessage, SmallMessagesLeaveTheHeapAlone) {
     std::string out;
     out.reserve(256);
     AllocationCounter counter;
-    {
-        JsonMessage message;
+    JsonMessage message;
+    for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(message.parse(text));
         bool isDesktop = false;
         ASSERT_EQ(0, android::JsonUtils::parseValue(message.root()["event"], "isDesktop", isDesktop, -1));
@@ -209,6 +210,15 @@ TEST(JsonMessage, SmallMessagesLeaveTheHeapAlone) {
         ASSERT_FALSE(message.parse("{\"a\":"));
     }
     EXPECT_EQ(0U, counter.count());
+}
+
+TEST(JsonMessage, LargerMessagesGrowByOneChunk) {
+    if (!AllocationCounter::available()) GTEST_SKIP() << "the sanitizer owns the heap";
+    JsonMessage message;
+    AllocationCounter counter;
+    for (rapidjson::SizeType bytes : {3000, 3000, 20000, 20000})
+        message.allocator().Malloc(bytes);
+    EXPECT_EQ(1U, counter.count());
 }
 
 TEST(AllocationCounter, CountsEveryWayToTheHeap) {
