@@ -1,0 +1,204 @@
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/pidfd.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace vel::sim {
+namespace {
+
+using android::base::unique_fd;
+
+[[noreturn]] void throwErrno(const std::string& what, int error = errno) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+struct Pipe {
+    unique_fd parent;
+    unique_fd child;
+};
+
+// Input is a socket, so that writing to a child that has gone fails without a SIGPIPE.
+Pipe openInput() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throwErrno("socketpair");
+    return {unique_fd(ends[0]), unique_fd(ends[1])};
+}
+
+Pipe openOutput() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throwErrno("pipe2");
+    return {unique_fd(ends[0]), unique_fd(ends[1])};
+}
+
+std::vector<std::string> mergedEnvironment(const std::map<std::string, std::string>& added) {
+    std::vector<std::string> merged;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string line = *entry;
+        if (added.count(line.substr(0, line.find('='))) == 0) merged.push_back(line);
+    }
+    for (const auto& [name, value] : added)
+        merged.push_back(name + "=" + value);
+    return merged;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Runs in the child between fork and exec: only async-signal-safe calls.
+[[noreturn]] void becomeProgram(char* const* command, char* const* environment, int input, int output,
+                                int failure, pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // the parent died before the line above
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(input, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    execvpe(command[0], command, environment);
+    const int error = errno;
+    if (write(failure, &error, sizeof(error)) < 0) _exit(126);
+    _exit(127);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(Options options) : mOnLine(std::move(options.onLine)) {
+    Pipe input = openInput();
+    Pipe output = openOutput();
+    Pipe failure = openOutput();
+    std::vector<std::string> environment = mergedEnvironment(options.environment);
+    const std::vector<char*> arguments = pointersTo(options.command);
+    const std::vector<char*> variables = pointersTo(environment);
+
+    const pid_t parent = getpid();
+    mPid = fork();
+    if (mPid < 0) throwErrno("fork");
+    if (mPid == 0) {
+        becomeProgram(arguments.data(), variables.data(), input.child.get(), output.child.get(),
+                      failure.child.get(), parent);
+    }
+    failure.child.reset();
+    int error = 0;
+    if (read(failure.parent.get(), &error, sizeof(error)) == sizeof(error)) {
+        waitpid(mPid, nullptr, 0);
+        throwErrno("cannot start " + options.command.front(), error);
+    }
+    mPidFd.reset(pidfd_open(mPid, 0));
+    mStop.reset(eventfd(0, EFD_CLOEXEC));
+    mInput = std::move(input.parent);
+    mOutput = std::move(output.parent);
+    mReader = std::thread([this] { readOutput(); });
+}
+
+ChildProcess::~ChildProcess() {
+    kill(SIGKILL);
+    (void)wait();
+    // The child's own children may hold its output open, so the end of the output is not waited for.
+    eventfd_write(mStop.get(), 1);
+    mReader.join();
+}
+
+bool ChildProcess::writeLine(const std::string& line) {
+    const std::string text = line + "\n";
+    size_t sent = 0;
+    while (sent < text.size()) {
+        const ssize_t count = send(mInput.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        sent += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+void ChildProcess::closeInput() {
+    shutdown(mInput.get(), SHUT_WR);
+}
+
+std::optional<std::string> ChildProcess::waitForLine(const std::string& text,
+                                                     std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        while (!mLines.empty()) {
+            std::string line = std::move(mLines.front());
+            mLines.pop_front();
+            if (line.find(text) != std::string::npos) return line;
+        }
+        if (mOutputEnded) return std::nullopt;
+        if (mChanged.wait_until(lock, end) == std::cv_status::timeout && mLines.empty()) return std::nullopt;
+    }
+}
+
+void ChildProcess::kill(int signal) {
+    if (!mExit) ::kill(mPid, signal);
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
+    if (mExit) return mExit;
+    pollfd ended{mPidFd.get(), POLLIN, 0};
+    const auto end = std::chrono::steady_clock::now() + limit;
+    int ready = 0;
+    do {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        ready = poll(&ended, 1, std::max<int>(0, static_cast<int>(left.count())));
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) return std::nullopt;
+    int status = 0;
+    if (waitpid(mPid, &status, 0) != mPid) return std::nullopt;
+    mExit = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    return mExit;
+}
+
+// Waits for output. False once reading is to stop and all that had been written by then has been read.
+bool ChildProcess::outputReadable() {
+    pollfd sources[] = {{mOutput.get(), POLLIN, 0}, {mStop.get(), POLLIN, 0}};
+    while (poll(sources, 2, -1) < 0 && errno == EINTR) {
+    }
+    return sources[0].revents != 0;
+}
+
+void ChildProcess::readOutput() {
+    std::string pending;
+    char buffer[4096];
+    while (outputReadable()) {
+        const ssize_t count = read(mOutput.get(), buffer, sizeof(buffer));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;
+        pending.append(buffer, static_cast<size_t>(count));
+        size_t newline;
+        while ((newline = pending.find('\n')) != std::string::npos) {
+            deliver(pending.substr(0, newline));
+            pending.erase(0, newline + 1);
+        }
+    }
+    if (!pending.empty()) deliver(std::move(pending));
+    std::lock_guard<std::mutex> lock(mLock);
+    mOutputEnded = true;
+    mChanged.notify_all();
+}
+
+void ChildProcess::deliver(std::string line) {
+    if (mOnLine) mOnLine(line);
+    std::lock_guard<std::mutex> lock(mLock);
+    mLines.push_back(std::move(line));
+    mChanged.notify_all();
+}
+
+}  // namespace vel::sim

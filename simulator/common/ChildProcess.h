@@ -1,0 +1,81 @@
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vel::sim {
+
+// A program started by this one, with its standard input and output piped here; standard error is shared.
+//
+// The child is killed when this object goes, and by the kernel when the thread that started it ends: start
+// children from a thread that lives as long as they should. The methods may be called from any thread, but
+// kill(), wait() and the destructor not concurrently with each other.
+class ChildProcess {
+  public:
+    struct Options {
+        std::vector<std::string> command;                // program (searched in PATH) and its arguments
+        std::map<std::string, std::string> environment;  // set in addition to this process's own
+        // Called with each line of output, without its newline, on the reading thread; may be empty. It must
+        // not call back into the object.
+        std::function<void(const std::string&)> onLine;
+    };
+
+    // Starts the program. Throws std::system_error when it cannot be started, with the reason of exec() when
+    // that failed.
+    explicit ChildProcess(Options options);
+    // Kills the child if it still runs (SIGKILL) and reaps it.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return mPid; }
+
+    // Writes the line and a newline to the child's input. False when the child no longer reads.
+    bool writeLine(const std::string& line);
+    // Ends the child's input.
+    void closeInput();
+
+    // The next line of output that contains the text, at most waited for so long; lines before it are passed
+    // over, and a later call goes on behind it. Empty when the output ends first or the limit passes.
+    std::optional<std::string> waitForLine(const std::string& text,
+                                           std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+    // Sends the signal unless the child was reaped already.
+    void kill(int signal);
+    // Waits for the child's end, at most for the limit. The exit code, or the negative number of the signal
+    // that ended it; empty when it still runs. May be called again afterwards.
+    std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+  private:
+    bool outputReadable();
+    void readOutput();
+    void deliver(std::string line);
+
+    const std::function<void(const std::string&)> mOnLine;
+    pid_t mPid = -1;
+    android::base::unique_fd mPidFd;
+    android::base::unique_fd mInput;
+    android::base::unique_fd mOutput;
+    android::base::unique_fd mStop;
+    std::optional<int> mExit;
+
+    std::mutex mLock;  // guards the two fields below
+    std::condition_variable mChanged;
+    std::deque<std::string> mLines;
+    bool mOutputEnded = false;
+
+    std::thread mReader;
+};
+
+}  // namespace vel::sim

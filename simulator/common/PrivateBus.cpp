@@ -1,0 +1,82 @@
+#include "PrivateBus.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace vel::sim {
+namespace {
+
+// Everyone who gets in may own, send and receive everything; only the starting user gets in. The limits are
+// those of a session bus: the built-in one for pending replies is far lower.
+std::string configuration(const std::string& address) {
+    const std::string user = std::to_string(getuid());
+    return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>)" +
+           address + R"(</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <deny user="*"/>
+    <allow user=")" +
+           user + R"("/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+  </policy>
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_message_size">1000000000</limit>
+  <limit name="max_incoming_unix_fds">250000000</limit>
+  <limit name="max_outgoing_unix_fds">250000000</limit>
+  <limit name="max_connections_per_user">100000</limit>
+  <limit name="max_match_rules_per_connection">50000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+</busconfig>
+)";
+}
+
+}  // namespace
+
+PrivateBus::Directory::Directory()
+    : path((std::filesystem::temp_directory_path() / "vel-bus-XXXXXX").string()) {
+    if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
+}
+
+PrivateBus::Directory::~Directory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+PrivateBus::PrivateBus() {
+    const std::string configPath = mDirectory.path + "/bus.conf";
+    std::ofstream(configPath) << configuration("unix:path=" + mDirectory.path + "/bus");
+    ChildProcess::Options options;
+    options.command = {"dbus-daemon", "--config-file=" + configPath,
+                       "--nofork",    "--nopidfile",
+                       "--nosyslog",  "--print-address"};
+    mDaemon = std::make_unique<ChildProcess>(std::move(options));
+    const auto line = mDaemon->waitForLine("unix:path=");
+    if (!line) throw std::runtime_error("the private dbus-daemon did not start");
+    mAddress = line->substr(0, line->find(','));  // without the bus's own id
+}
+
+PrivateBus::~PrivateBus() = default;
+
+void PrivateBus::kill() {
+    mDaemon->kill(SIGKILL);
+    (void)mDaemon->wait();
+}
+
+}  // namespace vel::sim

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vel::sim {
+
+// The steady clock in nanoseconds; the same clock in every process of one machine.
+int64_t steadyNowNs();
+
+// The start of each line of a timeline: "[   12.345 ms] ". Lines of several processes that were given the
+// same origin sort and merge by it.
+std::string timelineStamp(int64_t nowNs, int64_t originNs);
+
+// A message's text as one printable line: control characters and bytes outside ASCII become \xNN, and a text
+// longer than maxBytes is cut with a remark about its length.
+std::string printable(const std::string& text, size_t maxBytes = 4096);
+
+}  // namespace vel::sim
