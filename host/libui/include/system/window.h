@@ -30,7 +30,6 @@ enum {
     NATIVE_WINDOW_CONSUMER_RUNNING_BEHIND = 9,
     NATIVE_WINDOW_CONSUMER_USAGE_BITS = 10,
     NATIVE_WINDOW_DEFAULT_DATASPACE = 12,
-    NATIVE_WINDOW_MAX_BUFFER_COUNT = 21,
 };
 
 // A window as a reference-counted object; its drawing operations are absent on a workstation.
