@@ -1,43 +1,69 @@
 #include "JsonMessage.h"
 
-#include <algorithm>
-
 #include "JsonWriter.h"
 
 namespace {
 
-// Its parse stacks come from a pool as well; the default would fetch each of them from the heap.
-using ParsedDocument =
-    rapidjson::GenericDocument<rapidjson::UTF8<>, JsonPool::Allocator, JsonPool::Allocator>;
+using rapidjson::ParseResult;
+using rapidjson::SizeType;
+using Pool = JsonPool::Allocator;
 
 constexpr size_t kParseStackBytes = 1024;
 
-// The default parser recurses at each level; so many levels fit any thread's stack.
-constexpr auto kMaxRecursion = 256;
+// The default parser recurses once per level; so many levels fit any thread's stack.
+constexpr int kMaxRecursion = 256;
 
-// Whether to parse with a stack on the heap. The result is the same for an object or an array; other texts do
-// not recurse, and for some wrong ones the two parsers report different errors.
-bool mayNestDeeply(const std::string& text) {
-    const size_t start = text.find_first_not_of(" \t\r\n");
-    if (start == std::string::npos || (text[start] != '{' && text[start] != '[')) return false;
-    const auto opens = [](char c) { return c == '{' || c == '['; };
-    return std::count_if(text.begin(), text.end(), opens) > kMaxRecursion;
+// Builds the value from the parser's events, and stops the parser at the level it may not recurse into.
+// Its stacks come from a pool; the default would fetch each of them from the heap.
+class ShallowDocument : public rapidjson::GenericDocument<rapidjson::UTF8<>, Pool, Pool> {
+  public:
+    using GenericDocument::GenericDocument;
+
+    bool StartObject() { return ++mLevel <= kMaxRecursion && GenericDocument::StartObject(); }
+    bool EndObject(SizeType members) { return --mLevel, GenericDocument::EndObject(members); }
+    bool StartArray() { return ++mLevel <= kMaxRecursion && GenericDocument::StartArray(); }
+    bool EndArray(SizeType elements) { return --mLevel, GenericDocument::EndArray(elements); }
+
+  private:
+    int mLevel = 0;
+};
+
+// kParseErrorTermination when the text nests too deeply.
+ParseResult parseShallow(const char* text, Pool& pool, rapidjson::Value& root) {
+    JsonPool stacks;
+    ShallowDocument document(&pool, kParseStackBytes, &stacks.allocator());
+    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, Pool> reader(&stacks.allocator());
+    rapidjson::StringStream stream(text);
+    ParseResult result;
+    const auto generate = [&](auto&) {
+        result = reader.Parse(stream, document);
+        return !result.IsError();
+    };
+    document.Populate(generate);
+    root.Swap(document);
+    return result;
+}
+
+// The same values and the same errors, with a stack on the heap.
+ParseResult parseDeep(const char* text, Pool& pool, rapidjson::Value& root) {
+    rapidjson::Document document(&pool);
+    document.Parse<rapidjson::kParseIterativeFlag>(text);
+    root.Swap(document);
+    return ParseResult(document.GetParseError(), document.GetErrorOffset());
 }
 
 }  // namespace
 
 bool JsonMessage::parse(const std::string& text) {
     reset();
-    JsonPool stacks;
-    ParsedDocument document(&mPool.allocator(), kParseStackBytes, &stacks.allocator());
-    if (mayNestDeeply(text))
-        document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
-    else
-        document.Parse(text.c_str());
-    mRoot.Swap(document);
-    mErrorCode = document.GetParseError();
-    mErrorOffset = document.GetErrorOffset();
-    return !document.HasParseError();
+    ParseResult result = parseShallow(text.c_str(), mPool.allocator(), mRoot);
+    if (result.Code() == rapidjson::kParseErrorTermination) {
+        reset();
+        result = parseDeep(text.c_str(), mPool.allocator(), mRoot);
+    }
+    mErrorCode = result.Code();
+    mErrorOffset = result.Offset();
+    return !result.IsError();
 }
 
 void JsonMessage::reset() {
