@@ -259,6 +259,8 @@ bool growBuffer(DesktopCaptureMetadata& md, size_t dataSize) {
 
 }  // namespace
 
+MetadataHandler::~MetadataHandler() = default;
+
 void MetadataHandler::setVendorTagCallback(VendorTagCallback callback) {
     // The replaced callback is destroyed with the argument, after the lock is released.
     std::lock_guard<std::mutex> lock(vendorTagCallbackLock());

@@ -27,7 +27,7 @@ class MetadataHandler {
 
     // Starts with empty filters and without a vendor tag callback.
     MetadataHandler() = default;
-    virtual ~MetadataHandler() = default;
+    virtual ~MetadataHandler();
     MetadataHandler(const MetadataHandler&) = delete;
     MetadataHandler& operator=(const MetadataHandler&) = delete;
 

@@ -1,0 +1,386 @@
+#include "MetadataHandler.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MetadataFixture.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr uint32_t kFirstVendorTag = VENDOR_SECTION_START;
+constexpr char kVendorSection[] = "com.brisel.zint.velc2d";
+
+std::string arrayOf(size_t count, const std::string& element) {
+    std::string text = "[" + element;
+    for (size_t i = 1; i < count; ++i)
+        text += "," + element;
+    return text + "]";
+}
+
+bool refuseEveryTag(const char*, const char*, unsigned&) {
+    return false;
+}
+
+}  // namespace
+
+// --- Tag names ---
+
+TEST_F(AMetadataHandler, FindsEveryStandardTagByItsFullName) {
+    for (uint32_t section = 0; section < ANDROID_SECTION_COUNT; ++section) {
+        for (uint32_t tag = section << 16; tag < camera_metadata_section_bounds[section][1]; ++tag) {
+            const std::string name =
+                std::string(camera_metadata_section_names[section]) + "." + get_camera_metadata_tag_name(tag);
+            unsigned id = UINT32_MAX;
+            EXPECT_TRUE(handler.findMetadataTagId(name.c_str(), &id)) << name;
+            EXPECT_EQ(id, tag) << name;
+        }
+    }
+}
+
+TEST_F(AMetadataHandler, TakesTheLongestSectionAndSkipsTheSeparatorUnchecked) {
+    const struct {
+        const char* name;
+        unsigned id;
+    } known[] = {{"android.sensor.info.activeArraySize", ANDROID_SENSOR_INFO_ACTIVE_ARRAY_SIZE},
+                 {"android.sensor.timestamp", ANDROID_SENSOR_TIMESTAMP},
+                 {"android.info.version", ANDROID_INFO_VERSION},
+                 {"android.controlXaeMode", ANDROID_CONTROL_AE_MODE}};
+    for (const auto& row : known) {
+        unsigned id = 0;
+        EXPECT_TRUE(handler.findMetadataTagId(row.name, &id)) << row.name;
+        EXPECT_EQ(id, row.id) << row.name;
+    }
+
+    unsigned id = 77;
+    for (const char* name : {"android.sensor.", "android.sensor", "android.sensor.info",
+                             "android.sensor.info.", "android.sensorfoo.bar", "android.control.AEMODE",
+                             "android.control.aeMode ", "aeMode", "vendor.", ".", ""})
+        EXPECT_FALSE(handler.findMetadataTagId(name, &id)) << name;
+    EXPECT_FALSE(handler.findMetadataTagId(nullptr, &id));
+    EXPECT_FALSE(handler.findMetadataTagId("android.control.aeMode", nullptr));
+    EXPECT_EQ(id, 77u);
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(AMetadataHandler, AsksTheCallbackForVendorTags) {
+    unsigned id = 77;
+    EXPECT_FALSE(handler.findMetadataTagId("com.brisel.zint.velc2d.MaxStreamSize", &id));
+    handler.setVendorTagCallback(refuseEveryTag);
+    EXPECT_FALSE(handler.findMetadataTagId("com.brisel.zint.velc2d.MaxStreamSize", &id));
+    EXPECT_EQ(id, 77u);
+    EXPECT_THAT(logged(), ElementsAre("E vendor tag not initalized yet", "E Failed to get vendor tag"));
+
+    std::vector<std::string> asked;
+    handler.setVendorTagCallback([&](const char* section, const char* tag, unsigned& found) {
+        asked.push_back(std::string(section) + "|" + tag);
+        found = 0x80000003;
+        return true;
+    });
+    EXPECT_TRUE(handler.findMetadataTagId("com.brisel.zint.velc2d.MaxStreamSize", &id));
+    EXPECT_EQ(id, 0x80000003u);
+    EXPECT_TRUE(handler.findMetadataTagId(".x", &id));
+    EXPECT_TRUE(handler.findMetadataTagId("android.x", &id));
+    EXPECT_THAT(asked, ElementsAre("com.brisel.zint.velc2d|MaxStreamSize", "|x", "android|x"));
+
+    handler.setVendorTagCallback(nullptr);
+    EXPECT_FALSE(handler.findMetadataTagId(".x", &id));
+}
+
+TEST_F(AMetadataHandler, LetsACallbackReplaceItselfWhileItRuns) {
+    handler.setVendorTagCallback([this](const char*, const char*, unsigned& id) {
+        handler.setVendorTagCallback(refuseEveryTag);
+        id = 5;
+        return true;
+    });
+    unsigned id = 0;
+    EXPECT_TRUE(handler.findMetadataTagId("a.b", &id));
+    EXPECT_FALSE(handler.findMetadataTagId("a.b", &id));
+}
+
+// --- Filters ---
+
+TEST_F(AMetadataHandler, ExportsOnlyTheTagsOfTheCapturesFilter) {
+    const auto makeBuffer = [] {
+        CameraMetadata buffer = makeMetadata(2, 8);
+        addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {1});
+        addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {1234567890123});
+        return buffer;
+    };
+    Capture request(makeBuffer(), Capture::REQUEST), result(makeBuffer());
+    EXPECT_EQ(exported(result), "{}") << "no filter was set yet";
+
+    setRequests(R"(["android.control.aeMode","android.control.aeState"])");
+    setResults(R"(["android.sensor.timestamp"])");
+    EXPECT_EQ(exported(request), R"({"android.control.aeMode":[1]})") << "aeState is absent";
+    EXPECT_EQ(exported(result), R"({"android.sensor.timestamp":[1234567890123]})");
+
+    setResults(R"(["android.control.aeMode","android.control.aeMode"])");
+    EXPECT_EQ(exported(result), R"({"android.control.aeMode":[1]})");
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(AMetadataHandler, ReplacesAFilterWholeEvenByAnUnusableList) {
+    CameraMetadata buffer = makeMetadata(1, 8);
+    addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {5});
+    Capture result(std::move(buffer));
+    setResults(R"(["android.sensor.timestamp",5,null,["x"],"no.such","none"])");
+    EXPECT_THAT(logged(), ElementsAre("E vendor tag not initalized yet", "E Unable to find tag: no.such",
+                                      "E Unable to find tag: none"));
+    EXPECT_EQ(exported(result), R"({"android.sensor.timestamp":[5]})");
+    setResults(R"("android.sensor.timestamp")");
+    EXPECT_EQ(exported(result), "{}");
+}
+
+TEST_F(AMetadataHandler, EndsNamesAtTheirFirstNul) {
+    CameraMetadata buffer = makeMetadata(1, 0);
+    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {1});
+    Capture result(std::move(buffer));
+    setResults(R"(["android.control.aeMode\u0000x"])");
+    import(result, R"({"android.control.aeMode\u0000y":[2]})");
+    EXPECT_EQ(exported(result), R"({"android.control.aeMode":[2]})");
+}
+
+// --- Export ---
+
+TEST_F(AMetadataHandler, ExportsEachTypeInItsJsonForm) {
+    VendorTags vendor(kVendorSection, {{"MaxStreamSize", TYPE_INT32}});
+    handler.setVendorTagCallback(
+        [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
+    CameraMetadata buffer = makeMetadata(8, 256);
+    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {0, 255});
+    addValues<int32_t>(buffer.get(), ANDROID_CONTROL_AE_REGIONS, {INT32_MIN, INT32_MAX});
+    addValues<float>(buffer.get(), ANDROID_LENS_FOCUS_DISTANCE, {0.1f, -0.5f, 0.0f});
+    addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {INT64_MIN, INT64_MAX});
+    addValues<double>(buffer.get(), ANDROID_JPEG_GPS_COORDINATES, {0.1, -1e300});
+    addValues<camera_metadata_rational_t>(buffer.get(), ANDROID_CONTROL_AE_COMPENSATION_STEP,
+                                          {{1, -3}, {7, 0}});
+    addValues<int32_t>(buffer.get(), kFirstVendorTag, {4000, 3000});
+    Capture result(std::move(buffer));
+
+    const struct {
+        std::string name, array;
+    } cases[] = {{"android.control.aeMode", "[0,255]"},
+                 {"android.control.aeRegions", "[-2147483648,2147483647]"},
+                 {"android.lens.focusDistance", "[0.10000000149011612,-0.5,0.0]"},
+                 {"android.sensor.timestamp", "[-9223372036854775808,9223372036854775807]"},
+                 {"android.jpeg.gpsCoordinates", "[0.1,-1e300]"},
+                 {"android.control.aeCompensationStep", "[[1,-3],[7,0]]"},
+                 {std::string(kVendorSection) + ".MaxStreamSize", "[4000,3000]"}};
+    for (const auto& c : cases) {
+        setResults("[\"" + c.name + "\"]");
+        EXPECT_EQ(exported(result), "{\"" + c.name + "\":" + c.array + "}");
+    }
+}
+
+TEST_F(AMetadataHandler, ExportsNothingFromAMissingBuffer) {
+    setResults(R"(["android.control.aeMode"])");
+    Capture empty;
+    EXPECT_EQ(exported(empty), "{}");
+    empty.md.metadata = nullptr;
+    EXPECT_EQ(exported(empty), "{}");
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(AMetadataHandler, ExportsAnEmptyArrayForATagOfUnknownType) {
+    CameraMetadata buffer = makeMetadata(1, 8);
+    {
+        VendorTags vendor("a", {{"b", TYPE_INT64}});
+        addValues<int64_t>(buffer.get(), kFirstVendorTag, {5});
+    }
+    handler.setVendorTagCallback([](const char*, const char*, unsigned& id) {
+        id = kFirstVendorTag;
+        return true;
+    });
+    setResults(R"(["a.b"])");
+    Capture result(std::move(buffer));
+    EXPECT_EQ(exported(result), R"({"a.b":[]})");
+    EXPECT_THAT(logged(), ElementsAre("E Type not defined for tagId: -2147483648!"));
+}
+
+TEST_F(AMetadataHandler, LeavesOutAnEntryNarrowerThanItsTag) {
+    CameraMetadata buffer = makeMetadata(1, 0);
+    {
+        VendorTags vendor("a", {{"b", TYPE_BYTE}});
+        addValues<uint8_t>(buffer.get(), kFirstVendorTag, {1, 2, 3, 4});
+    }
+    VendorTags vendor("a", {{"b", TYPE_INT64}});
+    handler.setVendorTagCallback(
+        [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
+    setResults(R"(["a.b"])");
+    Capture result(std::move(buffer));
+    EXPECT_EQ(exported(result), "{}");
+    EXPECT_THAT(logged(), ElementsAre("E Type not defined for tagId: -2147483648!"));
+}
+
+// --- Import ---
+
+TEST_F(AMetadataHandler, StoresEachTypeInItsWidth) {
+    Capture result;
+    import(result, R"({"android.control.aeMode":[0,255,300,-1,3000000000,18446744073709551615],
+                       "android.control.aeRegions":[-2147483648,2147483647],
+                       "android.lens.focusDistance":[1,0.1,1e300,-1e300,3.4028235e38,1e-60],
+                       "android.sensor.timestamp":[-9223372036854775808,9223372036854775807],
+                       "android.jpeg.gpsCoordinates":[1,-0.1,18446744073709551615],
+                       "android.control.aeCompensationStep":[[1,-3],[-2147483648,2147483647]]})");
+    EXPECT_THAT(logged(), IsEmpty());
+    const camera_metadata_t* buffer = result.current;
+    EXPECT_THAT(valuesOf<uint8_t>(buffer, ANDROID_CONTROL_AE_MODE), ElementsAre(0, 255, 44, 255, 0, 255));
+    EXPECT_THAT(valuesOf<int32_t>(buffer, ANDROID_CONTROL_AE_REGIONS), ElementsAre(INT32_MIN, INT32_MAX));
+    EXPECT_THAT(valuesOf<float>(buffer, ANDROID_LENS_FOCUS_DISTANCE),
+                ElementsAre(1.0f, 0.1f, HUGE_VALF, -HUGE_VALF, FLT_MAX, 0.0f));
+    EXPECT_THAT(valuesOf<int64_t>(buffer, ANDROID_SENSOR_TIMESTAMP), ElementsAre(INT64_MIN, INT64_MAX));
+    EXPECT_THAT(valuesOf<double>(buffer, ANDROID_JPEG_GPS_COORDINATES),
+                ElementsAre(1.0, -0.1, 18446744073709551615.0));
+    EXPECT_THAT(
+        valuesOf<camera_metadata_rational_t>(buffer, ANDROID_CONTROL_AE_COMPENSATION_STEP),
+        ElementsAre(camera_metadata_rational_t{1, -3}, camera_metadata_rational_t{INT32_MIN, INT32_MAX}));
+}
+
+TEST_F(AMetadataHandler, GivesBackWhatWasImportedWhateverTheLength) {
+    const struct {
+        const char *name, *element;
+    } types[] = {{"android.control.aeMode", "200"},         {"android.control.aeRegions", "-5"},
+                 {"android.lens.focusDistance", "0.25"},    {"android.sensor.timestamp", "-1234567890123"},
+                 {"android.jpeg.gpsCoordinates", "1e-300"}, {"android.control.aeCompensationStep", "[2,-6]"}};
+    for (const auto& type : types) {
+        for (size_t count : {1, 4, 32, 33, 100000}) {
+            const std::string object =
+                std::string("{\"") + type.name + "\":" + arrayOf(count, type.element) + "}";
+            Capture result;
+            import(result, object);
+            setResults(std::string("[\"") + type.name + "\"]");
+            EXPECT_TRUE(exported(result) == object) << count << " values of " << type.name << " changed";
+        }
+    }
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(AMetadataHandler, ResolvesImportedNamesInResultsThenRequestsThenAllTags) {
+    VendorTags vendor("v", {{"result", TYPE_BYTE}, {"request", TYPE_BYTE}, {"new", TYPE_BYTE}});
+    unsigned next = kFirstVendorTag;
+    const auto answerNext = [&](const char*, const char*, unsigned& id) {
+        id = next++;
+        return true;
+    };
+    handler.setVendorTagCallback(answerNext);
+    setResults(R"(["v.x"])");
+    setRequests(R"(["v.x","v.y"])");  // v.x is known by another id now, as is v.y
+    Capture request(nullptr, Capture::REQUEST);
+    import(request, R"({"v.x":[1]})");
+    EXPECT_TRUE(hasTag(request.current, kFirstVendorTag)) << "the results come first, for a request as well";
+    EXPECT_EQ(next, kFirstVendorTag + 3) << "a name in a filter is not resolved again";
+    setRequests("[]");
+    import(request, R"({"v.new":[1]})");
+    EXPECT_EQ(next, kFirstVendorTag + 4);
+}
+
+TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
+    VendorTags vendor("v", {{"odd", 77}});
+    handler.setVendorTagCallback(
+        [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
+    Capture result;
+    import(result, R"({"android.control.aeMode":1, "nothing":[1], "v.none":[1], "v.odd":[1],
+                       "android.control.aeCompensationStep":[1,2],
+                       "android.colorCorrection.transform":[[1,2],[1,2,3]],
+                       "android.sensor.neutralColorPoint":[[]],
+                       "android.control.afMode":[3]})");
+    EXPECT_THAT(
+        logged(),
+        ElementsAre("E Expecting array for: android.control.aeMode", "E Unable to find tag: nothing",
+                    "E Failed to get vendor tag", "E Unable to find tag: v.none",
+                    "E Type not defined for tagId: -2147483648!", "E Failed to set metadata for v.odd",
+                    "E rational parse failed, not expected array",
+                    "E Failed to set metadata for android.control.aeCompensationStep",
+                    "E rational parse failed, not expected array",
+                    "E Failed to set metadata for android.colorCorrection.transform",
+                    "E rational parse failed, not expected array",
+                    "E Failed to set metadata for android.sensor.neutralColorPoint"));
+    EXPECT_EQ(get_camera_metadata_entry_count(result.current), 1u);
+    EXPECT_THAT(valuesOf<uint8_t>(result.current, ANDROID_CONTROL_AF_MODE), ElementsAre(3));
+}
+
+TEST_F(AMetadataHandler, ImportsEmptyArraysAsZeroValuesOfAnyType) {
+    Capture result;
+    import(result, R"({"android.control.aeMode":[],"android.control.aeCompensationStep":[]})");
+    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_TRUE(hasTag(result.current, ANDROID_CONTROL_AE_MODE));
+    EXPECT_TRUE(hasTag(result.current, ANDROID_CONTROL_AE_COMPENSATION_STEP));
+}
+
+// --- Broken contracts ---
+
+// No LogCapture here: the child process must reach the real log.
+TEST(AMetadataHandlerInAnyBuild, EndsTheProcessOnElementsOfTheWrongKind) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const char* text :
+         {"[]", "null", "5", R"("x")", R"({"android.control.aeMode":[1.0]})",
+          R"({"android.control.aeMode":["1"]})", R"({"android.control.aeRegions":["1"]})",
+          R"({"android.control.aeRegions":[2147483648]})", R"({"android.control.aeRegions":[1.5]})",
+          R"({"android.sensor.timestamp":[9223372036854775808]})", R"({"android.sensor.timestamp":[1.0]})",
+          R"({"android.lens.focusDistance":[null]})", R"({"android.jpeg.gpsCoordinates":[true]})",
+          R"({"android.control.aeCompensationStep":[[1,2.0]]})"}) {
+        JsonMessage message;
+        ASSERT_TRUE(message.parse(text));
+        MetadataHandler handler;
+        Capture result;
+        EXPECT_EXIT(handler.convertToMetadata(result.md, message.root()), ::testing::KilledBySignal(SIGABRT),
+                    "")
+            << text;
+    }
+}
+
+// --- Threads ---
+
+TEST_F(AMetadataHandler, ShowsEveryExportAWholeFilterWhileOthersSetImportAndInstall) {
+    constexpr int kRounds = 500;
+    CameraMetadata buffer = makeMetadata(3, 8);
+    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {1});
+    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AF_MODE, {2});
+    addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {3});
+    Capture result(std::move(buffer));
+
+    JsonMessage pair, single;
+    ASSERT_TRUE(pair.parse(R"(["android.control.aeMode","android.control.afMode","v.x"])"));
+    ASSERT_TRUE(single.parse(R"(["android.sensor.timestamp"])"));
+    handler.setResultsOfInterest(single.root());
+    handler.setVendorTagCallback(refuseEveryTag);
+
+    std::thread setter([&] {
+        for (int i = 0; i < kRounds; ++i)
+            handler.setResultsOfInterest(i % 2 ? single.root() : pair.root());
+    });
+    std::thread installer([&] {
+        for (int i = 0; i < kRounds; ++i)
+            handler.setVendorTagCallback(refuseEveryTag);
+    });
+    std::thread importer([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            JsonMessage reply;
+            Capture other;
+            ASSERT_TRUE(reply.parse(R"({"android.control.aeMode":[1],"v.y":[2]})"));
+            handler.convertToMetadata(other.md, reply.root());
+            ASSERT_TRUE(hasTag(other.current, ANDROID_CONTROL_AE_MODE));
+        }
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        JsonMessage message;
+        handler.convertFromMetadata(result.md, message.root(), message.allocator());
+        const size_t members = message.root().MemberCount();
+        ASSERT_EQ(members, message.root().HasMember("android.sensor.timestamp") ? 1u : 2u);
+    }
+    setter.join();
+    installer.join();
+    importer.join();
+}
