@@ -356,8 +356,9 @@ TEST(CameraMetadataBuffer, KeepsEveryValueThroughRandomChanges) {
         for (size_t t = 0; t < std::size(tags); ++t) {
             camera_metadata_ro_entry_t entry;
             ASSERT_EQ(find_camera_metadata_ro_entry(buffer.get(), tags[t], &entry), 0);
-            ASSERT_EQ(entry.count * camera_metadata_type_size[entry.type], model[t].size());
-            ASSERT_EQ(memcmp(entry.data.u8, model[t].data(), model[t].size()), 0) << "after step " << step;
+            const size_t size = entry.count * camera_metadata_type_size[entry.type];
+            ASSERT_EQ(std::vector<uint8_t>(entry.data.u8, entry.data.u8 + size), model[t])
+                << "after step " << step;
         }
         ASSERT_EQ(validate_camera_metadata_structure(buffer.get(), nullptr), 0);
     }
