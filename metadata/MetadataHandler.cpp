@@ -298,7 +298,7 @@ void MetadataHandler::convertFromMetadata(DesktopCaptureMetadata& md, Value& out
     for (const auto& [name, id] : filter) {
         const int type = get_camera_metadata_tag_type(id);
         camera_metadata_entry_t entry = {};
-        entry.type = static_cast<uint8_t>(type);
+        entry.type = static_cast<uint8_t>(type);  // what holds when find does not tell
         if (find_camera_metadata_entry(bufferOf(md), id, &entry) != 0) continue;
         if (isNarrower(entry.type, type)) {
             LOGE("Type not defined for tagId: %d!", static_cast<int>(id));
