@@ -1,0 +1,73 @@
+#include <android/hidl/base/1.0/IBase.h>
+#include <unistd.h>
+
+#include "BaseOperations.h"
+#include "Fatal.h"
+
+namespace android::hidl::base::V1_0 {
+
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+
+const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
+
+bool IBase::isRemote() const {
+    return false;
+}
+
+Return<void> IBase::interfaceChain(interfaceChain_cb _hidl_cb) {
+    if (_hidl_cb == nullptr) return vel::host::nullReplyFunction();
+    _hidl_cb({IBase::descriptor});
+    return Void();
+}
+
+Return<void> IBase::debug(const hidl_handle&, const hidl_vec<hidl_string>&) {
+    return Void();
+}
+
+Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    if (_hidl_cb == nullptr) return vel::host::nullReplyFunction();
+    _hidl_cb(IBase::descriptor);
+    return Void();
+}
+
+Return<void> IBase::getHashChain(getHashChain_cb) {
+    vel::host::fatal("getHashChain() is not available on a workstation");
+}
+
+Return<void> IBase::setHALInstrumentation() {
+    return Void();
+}
+
+Return<bool> IBase::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t) {
+    return recipient != nullptr;
+}
+
+Return<void> IBase::ping() {
+    return Void();
+}
+
+Return<void> IBase::getDebugInfo(getDebugInfo_cb _hidl_cb) {
+    if (_hidl_cb == nullptr) return vel::host::nullReplyFunction();
+    _hidl_cb({getpid(), reinterpret_cast<uintptr_t>(this),
+              sizeof(void*) == 8 ? Architecture::IS_64BIT : Architecture::IS_32BIT});
+    return Void();
+}
+
+Return<void> IBase::notifySyspropsChanged() {
+    return Void();
+}
+
+Return<bool> IBase::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+Return<sp<IBase>> IBase::castFrom(const sp<IBase>& parent, bool) {
+    return parent;
+}
+
+}  // namespace android::hidl::base::V1_0

@@ -1,0 +1,55 @@
+#include "LocalService.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vel::host {
+
+using ::android::sp;
+
+LocalService::LocalService(std::string name, sp<ICameraDesktop> object)
+    : mName(std::move(name)), mObject(std::move(object)) {}
+
+sp<LocalService::ICameraDesktop> LocalService::object() const {
+    std::lock_guard guard(mLock);
+    return mObject;
+}
+
+bool LocalService::linkToDeath(const sp<IBase>& proxy, const sp<Recipient>& recipient, uint64_t cookie) {
+    std::lock_guard guard(mLock);
+    if (mObject == nullptr) return false;
+    mRegistrations.push_back({proxy.get(), proxy, recipient, cookie});
+    return true;
+}
+
+bool LocalService::unlinkToDeath(const IBase* proxy, const sp<Recipient>& recipient) {
+    std::lock_guard guard(mLock);
+    if (mObject == nullptr) return false;
+    // The promotion tells a dead recipient from a new one at the same address; it can only yield the caller's
+    // object.
+    const auto newest =
+        std::find_if(mRegistrations.rbegin(), mRegistrations.rend(), [&](const DeathNotice& entry) {
+            return entry.proxy == proxy && entry.recipient.unsafe_get() == recipient.get() &&
+                   entry.recipient.promote() != nullptr;
+        });
+    if (newest == mRegistrations.rend()) return false;
+    mRegistrations.erase(std::next(newest).base());
+    return true;
+}
+
+void LocalService::forgetProxy(const IBase* proxy) {
+    std::lock_guard guard(mLock);
+    mRegistrations.erase(std::remove_if(mRegistrations.begin(), mRegistrations.end(),
+                                        [&](const DeathNotice& entry) { return entry.proxy == proxy; }),
+                         mRegistrations.end());
+}
+
+std::vector<LocalService::DeathNotice> LocalService::kill() {
+    // Goes after the lock: the object's destructor is not ours.
+    sp<ICameraDesktop> released;
+    std::lock_guard guard(mLock);
+    released = std::exchange(mObject, nullptr);
+    return std::exchange(mRegistrations, {});
+}
+
+}  // namespace vel::host

@@ -1,0 +1,133 @@
+#include "LocalServiceRegistry.h"
+
+#include <hidl_host/LocalServices.h>
+
+#include <thread>
+#include <utility>
+
+#include "Fatal.h"
+
+namespace vel::host {
+
+using ::android::sp;
+using ::android::hardware::Status;
+
+namespace {
+
+void tell(const LocalService::DeathNotice& notice) {
+    // Without its proxy a registration has ended.
+    if (notice.who.promote() == nullptr) return;
+    const sp<LocalService::Recipient> recipient = notice.recipient.promote();
+    if (recipient != nullptr) recipient->serviceDied(notice.cookie, notice.who);
+}
+
+}  // namespace
+
+LocalServiceRegistry& LocalServiceRegistry::instance() {
+    static LocalServiceRegistry* const registry = new LocalServiceRegistry;
+    return *registry;
+}
+
+::android::status_t LocalServiceRegistry::add(const std::string& name,
+                                              const sp<LocalService::ICameraDesktop>& object) {
+    auto service = std::make_shared<LocalService>(name, object);
+    std::lock_guard guard(mLock);
+    Entry& entry = mEntries[name];
+    if (entry.refused) return ::android::UNKNOWN_ERROR;
+    entry.service.swap(service);  // the replaced one goes after the lock
+    return ::android::OK;
+}
+
+sp<LocalService::ICameraDesktop> LocalServiceRegistry::find(const std::string& name) {
+    std::shared_ptr<LocalService> service;
+    {
+        std::lock_guard guard(mLock);
+        Entry& entry = mEntries[name];
+        ++entry.lookUps;
+        service = entry.service;
+    }
+    return service ? makeLocalProxy(service) : nullptr;
+}
+
+std::optional<Status> LocalServiceRegistry::takeFault(const std::string& name) {
+    std::lock_guard guard(mLock);
+    Entry& entry = mEntries[name];
+    if (entry.faults == 0) return std::nullopt;
+    --entry.faults;
+    return entry.fault;
+}
+
+bool LocalServiceRegistry::kill(const std::string& name) {
+    std::shared_ptr<LocalService> service;
+    {
+        std::lock_guard guard(mLock);
+        service = std::exchange(mEntries[name].service, nullptr);
+        if (!service) return false;
+        ++mDeliveries;
+    }
+    std::thread(&LocalServiceRegistry::deliver, this, service->kill()).detach();
+    return true;
+}
+
+void LocalServiceRegistry::deliver(std::vector<LocalService::DeathNotice> notices) {
+    for (const LocalService::DeathNotice& notice : notices)
+        tell(notice);
+    notices.clear();
+    std::lock_guard guard(mLock);
+    --mDeliveries;
+    mDelivered.notify_all();
+}
+
+void LocalServiceRegistry::awaitDeathNotices() {
+    std::unique_lock guard(mLock);
+    mDelivered.wait(guard, [this] { return mDeliveries == 0; });
+}
+
+void LocalServiceRegistry::clear() {
+    std::map<std::string, Entry> released;
+    std::lock_guard guard(mLock);
+    released.swap(mEntries);
+}
+
+size_t LocalServiceRegistry::lookUpCount(const std::string& name) {
+    std::lock_guard guard(mLock);
+    return mEntries[name].lookUps;
+}
+
+void LocalServiceRegistry::failNextCalls(const std::string& name, size_t count, const Status& status) {
+    if (status.isOk()) fatal("failNextLocalCalls() needs a failed status");
+    std::lock_guard guard(mLock);
+    mEntries[name].faults = count;
+    mEntries[name].fault = status;
+}
+
+void LocalServiceRegistry::refuseRegistration(const std::string& name, bool refuse) {
+    std::lock_guard guard(mLock);
+    mEntries[name].refused = refuse;
+}
+
+bool killLocalService(const std::string& name) {
+    return LocalServiceRegistry::instance().kill(name);
+}
+
+void awaitDeathNotices() {
+    LocalServiceRegistry::instance().awaitDeathNotices();
+}
+
+void clearLocalServices() {
+    LocalServiceRegistry::instance().clear();
+}
+
+size_t localLookUpCount(const std::string& name) {
+    return LocalServiceRegistry::instance().lookUpCount(name);
+}
+
+void failNextLocalCalls(const std::string& name, size_t count, const Status& status) {
+    LocalServiceRegistry::instance().failNextCalls(name, count, status);
+}
+
+void refuseLocalRegistration(const std::string& name, bool refuse) {
+    LocalServiceRegistry::instance().refuseRegistration(name, refuse);
+}
+
+}  // namespace vel::host
