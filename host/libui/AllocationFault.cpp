@@ -17,8 +17,6 @@ status_t injectedAllocationFault() {
     return fault;
 }
 
-namespace testing {
-
 AllocationFault::AllocationFault(status_t status, int skipCount) {
     gSkipCount = skipCount;
     gFault = status;
@@ -28,5 +26,4 @@ AllocationFault::~AllocationFault() {
     gFault = NO_ERROR;
 }
 
-}  // namespace testing
 }  // namespace android

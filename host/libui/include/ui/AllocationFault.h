@@ -3,8 +3,6 @@
 #include <utils/Errors.h>
 
 namespace android {
-namespace testing {
-
 // Makes the next allocations of graphic buffers in this process fail with the given status, until it goes out
 // of scope; the first skipCount still succeed. One at a time. For tests of this host only.
 class AllocationFault {
@@ -15,5 +13,4 @@ class AllocationFault {
     AllocationFault& operator=(const AllocationFault&) = delete;
 };
 
-}  // namespace testing
 }  // namespace android

@@ -1,0 +1,153 @@
+#include "ScriptedProducer.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+
+using namespace android;
+
+namespace {
+
+template <typename Answer>
+Answer takeOr(std::deque<Answer>& answers, const Answer& fallback) {
+    if (answers.empty()) return fallback;
+    const Answer answer = answers.front();
+    answers.pop_front();
+    return answer;
+}
+
+}  // namespace
+
+void ScriptedProducer::onDequeue(const Dequeue& answer) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mDequeues.push_back(answer);
+}
+
+void ScriptedProducer::onRequest(const Request& answer) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mRequests.push_back(answer);
+}
+
+void ScriptedProducer::onQueue(status_t status) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mQueues.push_back(status);
+}
+
+void ScriptedProducer::onCancel(status_t status) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mCancels.push_back(status);
+}
+
+void ScriptedProducer::onConnect(status_t status) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mConnects.push_back(status);
+}
+
+void ScriptedProducer::onDisconnect(status_t status) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mDisconnects.push_back(status);
+}
+
+void ScriptedProducer::onSetMax(status_t status) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mSetMaxes.push_back(status);
+}
+
+void ScriptedProducer::whileDequeueing(std::function<void()> action) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mWhileDequeueing = std::move(action);
+}
+
+std::vector<std::string> ScriptedProducer::calls() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mCalls;
+}
+
+std::vector<ScriptedProducer::Queued> ScriptedProducer::queued() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mQueued;
+}
+
+std::vector<sp<Fence>> ScriptedProducer::cancelledFences() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mCancelledFences;
+}
+
+void ScriptedProducer::forgetCalls() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mCalls.clear();
+    mQueued.clear();
+    mCancelledFences.clear();
+}
+
+void ScriptedProducer::recordLocked(const char* format, ...) {
+    char text[128];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    mCalls.push_back(text);
+}
+
+status_t ScriptedProducer::requestBuffer(int slot, sp<GraphicBuffer>* buf) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("request %d", slot);
+    const Request answer = takeOr(mRequests, Request{NO_ERROR, nullptr});
+    *buf = answer.buffer;
+    if (answer.status == NO_ERROR && answer.buffer == nullptr)
+        *buf = new GraphicBuffer(16, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, 1, GRALLOC_USAGE_SW_WRITE_OFTEN);
+    return answer.status;
+}
+
+status_t ScriptedProducer::setMaxDequeuedBufferCount(int maxDequeuedBuffers) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("setMax %d", maxDequeuedBuffers);
+    return takeOr(mSetMaxes, status_t{NO_ERROR});
+}
+
+status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w, uint32_t h,
+                                         PixelFormat format, uint64_t usage, uint64_t* outBufferAge,
+                                         FrameEventHistoryDelta* outTimestamps) {
+    std::function<void()> action;
+    Dequeue answer;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        recordLocked("dequeue %ux%u format %d usage %#llx%s", w, h, format,
+                     static_cast<unsigned long long>(usage), outTimestamps ? " timestamps" : "");
+        answer = takeOr(mDequeues, Dequeue{NO_INIT});
+        action = mWhileDequeueing;
+    }
+    if (action) action();
+    *slot = answer.slot;
+    *fence = answer.fence;
+    if (outBufferAge) *outBufferAge = 0;
+    return answer.status;
+}
+
+status_t ScriptedProducer::queueBuffer(int slot, const QueueBufferInput& input,
+                                       QueueBufferOutput* /*output*/) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("queue %d", slot);
+    mQueued.push_back({slot, input});
+    return takeOr(mQueues, status_t{NO_ERROR});
+}
+
+status_t ScriptedProducer::cancelBuffer(int slot, const sp<Fence>& fence) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("cancel %d", slot);
+    mCancelledFences.push_back(fence);
+    return takeOr(mCancels, status_t{NO_ERROR});
+}
+
+status_t ScriptedProducer::connect(const sp<IProducerListener>& listener, int api,
+                                   bool producerControlledByApp, QueueBufferOutput* /*output*/) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("connect api %d%s%s", api, listener != nullptr ? " listener" : "",
+                 producerControlledByApp ? " by app" : "");
+    return takeOr(mConnects, status_t{NO_ERROR});
+}
+
+status_t ScriptedProducer::disconnect(int api, DisconnectMode mode) {
+    std::lock_guard<std::mutex> lock(mLock);
+    recordLocked("disconnect api %d mode %d", api, static_cast<int>(mode));
+    return takeOr(mDisconnects, status_t{NO_ERROR});
+}
