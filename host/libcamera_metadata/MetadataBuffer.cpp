@@ -7,8 +7,8 @@
 
 // A block of memory holds, one after the other: this header, room for the entries, and room for the values
 // that do not fit in their entries. Positions are in bytes from the start of the block, so that it can be
-// moved as a whole.
-struct camera_metadata {
+// moved as a whole. It may come to stand at a multiple of 4 only, which validation then tells.
+struct __attribute__((packed, aligned(4))) camera_metadata {
     uint32_t size;  // of the block
     uint32_t version;
     uint32_t flags;
