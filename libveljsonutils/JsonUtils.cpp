@@ -4,12 +4,10 @@
 #include <errno.h>
 #include <stdint.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdlib>
-#include <limits>
 
 #include "JsonWriter.h"
+#include "NarrowToFloat.h"
 
 namespace android {
 
@@ -23,15 +21,6 @@ constexpr char kParseValue[] = "parseValue";
 
 // What a result code holds until getValue sets it.
 constexpr int kUnset = INT32_MIN;
-
-// Rounds as the hardware does, without relying on an out-of-range conversion.
-float narrow(double value) {
-    constexpr double kMax = std::numeric_limits<float>::max();
-    constexpr float kInfinity = std::numeric_limits<float>::infinity();
-    constexpr double kFirstInfinite = 0x1.ffffffp127;  // halfway from kMax to the next power of two
-    if (std::fabs(value) >= kFirstInfinite) return value < 0 ? -kInfinity : kInfinity;
-    return static_cast<float>(std::clamp(value, -kMax, kMax));
-}
 
 // Finds the value, tests its type and stores it; logMismatch writes the line for a value of another type.
 template <typename Accepts, typename Store, typename LogMismatch>
@@ -104,7 +93,7 @@ bool isPair(const Value& value) {
 }
 
 float secondOf(const Value& pair, float) {
-    return narrow(pair[1].GetDouble());
+    return narrowToFloat(pair[1].GetDouble());
 }
 
 int secondOf(const Value& pair, int) {
@@ -130,7 +119,7 @@ int readPairs(const Value& root, const char* name, std::vector<std::pair<float, 
                                 kParseValue, name);
             return -EINVAL;
         }
-        out.emplace_back(narrow(element[0].GetDouble()), secondOf(element, Second()));
+        out.emplace_back(narrowToFloat(element[0].GetDouble()), secondOf(element, Second()));
         return 0;
     });
 }
@@ -233,7 +222,7 @@ int JsonUtils::parseValue(const Value& root, const char* name, long long& out, i
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, float& out, int index) {
-    return readReal(root, name, out, index, narrow);
+    return readReal(root, name, out, index, narrowToFloat);
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, double& out, int index) {
@@ -313,8 +302,9 @@ int JsonUtils::parseIntArr(const Value& root, const char* name, int* out, int in
 }
 
 int JsonUtils::parseFloatArr(const Value& root, const char* name, float* out, int index) {
-    return readNumbers("parseFloatArr", root, name, index, &Value::IsNumber,
-                       [&](SizeType i, const Value& element) { out[i] = narrow(element.GetDouble()); });
+    return readNumbers(
+        "parseFloatArr", root, name, index, &Value::IsNumber,
+        [&](SizeType i, const Value& element) { out[i] = narrowToFloat(element.GetDouble()); });
 }
 
 std::string JsonUtils::toString(const Value& v) {

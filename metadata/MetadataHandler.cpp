@@ -3,13 +3,13 @@
 #include <android/log.h>
 
 #include <array>
-#include <cfloat>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
 #include <utility>
+
+#include "NarrowToFloat.h"
 
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "MetadataHandler", __VA_ARGS__)
 
@@ -118,14 +118,6 @@ bool isNarrower(uint8_t entryType, int tagType) {
 
 // --- JSON to values ---
 
-// Rounds as the processor would, and stays defined where no float is near enough.
-float narrow(double value) {
-    constexpr double kHalfwayToInfinity = 0x1.ffffffp127;
-    const double magnitude = std::fabs(value);
-    if (magnitude <= FLT_MAX) return static_cast<float>(value);
-    return std::copysign(magnitude < kHalfwayToInfinity ? FLT_MAX : HUGE_VALF, value < 0 ? -1.0f : 1.0f);
-}
-
 bool fromJson(const Value& element, uint8_t& out) {
     out = static_cast<uint8_t>(element.IsUint64() ? element.GetUint64() : element.GetInt64());
     return true;
@@ -137,7 +129,7 @@ bool fromJson(const Value& element, int32_t& out) {
 }
 
 bool fromJson(const Value& element, float& out) {
-    out = narrow(element.GetDouble());
+    out = android::narrowToFloat(element.GetDouble());
     return true;
 }
 
