@@ -1,0 +1,175 @@
+// Any object that an application may answer with: it is written into captures with and without metadata, and
+// what the captures then hold is exported and compared.
+
+#include <android/log.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+#include "CameraMetadata.h"
+#include "JsonMessage.h"
+#include "MetadataHandler.h"
+#include "NarrowToFloat.h"
+
+namespace {
+
+using rapidjson::Value;
+
+void require(bool condition) {
+    if (!condition) std::abort();
+}
+
+// Short names for every type, and one that no type fits.
+const VendorTags& vendorTags() {
+    static const VendorTags tags("v", {{"byte", TYPE_BYTE},
+                                       {"int32", TYPE_INT32},
+                                       {"float", TYPE_FLOAT},
+                                       {"int64", TYPE_INT64},
+                                       {"double", TYPE_DOUBLE},
+                                       {"rational", TYPE_RATIONAL},
+                                       {"odd", 77}});
+    return tags;
+}
+
+// Elements of the wrong kind end the process by contract; texts that hold one are passed over.
+bool isReadableAs(int type, const Value& element) {
+    switch (type) {
+        case TYPE_BYTE:
+            return element.IsInt64() || element.IsUint64();
+        case TYPE_INT32:
+            return element.IsInt();
+        case TYPE_INT64:
+            return element.IsInt64();
+        case TYPE_FLOAT:
+        case TYPE_DOUBLE:
+            return element.IsNumber();
+        case TYPE_RATIONAL:
+            return !element.IsArray() || element.Size() != 2 || (element[0].IsInt() && element[1].IsInt());
+        default:
+            return true;
+    }
+}
+
+bool isStoredAs(int type, const Value& given, const Value& stored) {
+    switch (type) {
+        case TYPE_BYTE:
+            return stored.GetUint() == (given.IsUint64() ? given.GetUint64() & 255 : given.GetInt64() & 255);
+        case TYPE_FLOAT:
+            return stored.GetDouble() == android::narrowToFloat(given.GetDouble());
+        case TYPE_DOUBLE:
+            return stored.GetDouble() == given.GetDouble();
+        default:
+            return stored == given;
+    }
+}
+
+// What the object holds, as the handler will see it.
+struct Contents {
+    bool isReadable = true;  // without ending the process
+    bool hasDuplicates = false;
+    bool hasEmptyArray = false;
+    JsonMessage names;
+};
+
+void inspect(MetadataHandler& handler, const Value& object, Contents& contents) {
+    std::set<unsigned> seen;
+    contents.names.root().SetArray();
+    for (const auto& member : object.GetObject()) {
+        contents.names.root().PushBack(Value(member.name.GetString(), contents.names.allocator()),
+                                       contents.names.allocator());
+        unsigned id = 0;
+        if (!member.value.IsArray() || !handler.findMetadataTagId(member.name.GetString(), &id)) continue;
+        if (!seen.insert(id).second) contents.hasDuplicates = true;
+        if (member.value.Empty()) contents.hasEmptyArray = true;
+        const int type = get_camera_metadata_tag_type(id);
+        for (const Value& element : member.value.GetArray()) {
+            if (!isReadableAs(type, element)) contents.isReadable = false;
+        }
+    }
+}
+
+// A capture that starts with a copy of the given buffer, or with none.
+struct Capture {
+    explicit Capture(const camera_metadata_t* buffer) : original(clone_camera_metadata(buffer)) {
+        md.metadata = &current;
+    }
+    ~Capture() {
+        if (current != original.get()) free_camera_metadata(current);
+    }
+
+    const CameraMetadata original;
+    camera_metadata_t* current = original.get();
+    DesktopCaptureMetadata md;
+};
+
+void exportTo(JsonMessage& message, MetadataHandler& handler, Capture& capture) {
+    handler.convertFromMetadata(capture.md, message.root(), message.allocator());
+}
+
+// Each member that reached the capture holds what was given.
+void checkValues(MetadataHandler& handler, const Value& given, const Value& stored) {
+    for (const auto& member : given.GetObject()) {
+        const auto found = stored.FindMember(member.name.GetString());
+        unsigned id = 0;
+        if (found == stored.MemberEnd() || !handler.findMetadataTagId(member.name.GetString(), &id)) continue;
+        if (!member.value.IsArray()) continue;
+        const int type = get_camera_metadata_tag_type(id);
+        require(found->value.Size() == member.value.Size());
+        for (rapidjson::SizeType i = 0; i < member.value.Size(); ++i)
+            require(isStoredAs(type, member.value[i], found->value[i]));
+    }
+}
+
+// What was exported can be imported again and gives the same export.
+void checkRoundTrip(MetadataHandler& handler, JsonMessage& exported) {
+    const std::string text = exported.toText();
+    if (text.empty()) return;  // a number beyond float's range became an infinity
+    Capture again(nullptr);
+    JsonMessage message;
+    handler.convertToMetadata(again.md, exported.root());
+    exportTo(message, handler, again);
+    require(message.toText() == text);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static MetadataHandler handler;
+    static const CameraMetadata filled = [] {
+        __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
+        handler.setVendorTagCallback(
+            [](const char* s, const char* t, unsigned& id) { return vendorTags().find(s, t, id); });
+        vendorTags();
+        CameraMetadata buffer = makeMetadata(3, 64);
+        addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {1});
+        addValues<uint8_t>(buffer.get(), VENDOR_SECTION_START, {1, 2});
+        addValues<int64_t>(buffer.get(), VENDOR_SECTION_START + 3, {1, 2});
+        return buffer;
+    }();
+
+    JsonMessage input;
+    Contents contents;
+    if (!input.parse(std::string(reinterpret_cast<const char*>(data), size)) || !input.root().IsObject())
+        return 0;
+    inspect(handler, input.root(), contents);
+    if (!contents.isReadable) return 0;
+    handler.setResultsOfInterest(contents.names.root());
+
+    for (const camera_metadata_t* start : {static_cast<camera_metadata_t*>(nullptr), filled.get()}) {
+        // An update to no values spoils a buffer; growing it then leaks the refused copy, as it is meant to.
+        const bool mayUpdate = start || contents.hasDuplicates;
+        if (mayUpdate && contents.hasEmptyArray) continue;
+        Capture capture(start);
+        JsonMessage exported;
+        handler.convertToMetadata(capture.md, input.root());
+        exportTo(exported, handler, capture);
+        require(capture.md.isMetadataReplaced == (capture.current != capture.original.get()));
+        require(!capture.current || validate_camera_metadata_structure(capture.current, nullptr) == 0);
+        if (!mayUpdate) checkValues(handler, input.root(), exported.root());
+        checkRoundTrip(handler, exported);
+    }
+    return 0;
+}
