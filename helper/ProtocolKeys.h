@@ -1,0 +1,39 @@
+#pragma once
+
+// The words of the JSON messages, in both directions. Arrays, not pointers: RapidJSON then refers to the text
+// itself and knows its length.
+namespace keys {
+
+// Top level of a command.
+constexpr char kFilterRequests[] = "filter-requests";
+constexpr char kFilterResults[] = "filter-results";
+constexpr char kSurfaceConfig[] = "surface-config";
+constexpr char kImgSubConfigureStream[] = "imgsub-configure-stream";
+constexpr char kEvent[] = "event";
+constexpr char kGeneral[] = "general";
+constexpr char kGet[] = "get";
+
+// Members of an event.
+constexpr char kType[] = "type";
+constexpr char kCameraOpen[] = "cameraOpen";
+constexpr char kCameraClosed[] = "cameraClosed";
+constexpr char kSessionRestartDone[] = "sessionRestartDone";
+constexpr char kId[] = "id";
+constexpr char kIsDesktop[] = "isDesktop";
+constexpr char kPackageName[] = "packageName";
+
+// Members of a query and of its answer.
+constexpr char kWhat[] = "what";
+constexpr char kClientName[] = "clientName";
+constexpr char kError[] = "error";
+
+// Camera ids.
+constexpr char kOriginalId[] = "originalId";
+constexpr char kOverrideId[] = "overrideId";
+constexpr char kCameraIds[] = "cameraIds";
+
+// The request to restart a session.
+constexpr char kRestartNeeded[] = "restartNeeded";
+constexpr char kCameraId[] = "cameraId";
+
+}  // namespace keys

@@ -1,0 +1,97 @@
+// The desktop application: sends commands to the camera HAL, and prints and answers what it receives.
+
+#include <atomic>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Program.h"
+#include "ServiceClient.h"
+
+namespace {
+
+using vel::sim::ServiceClient;
+using ClientType = ServiceClient::ClientType;
+
+constexpr std::chrono::seconds kServiceLimit{10};
+
+struct Options {
+    vel::sim::CommonOptions common;
+    ClientType to = ClientType::CLIENT_CAMERA_HAL;
+    std::vector<std::string> commands;
+    std::string reply = "OK_APP";
+    std::vector<std::string> talkBack;
+    bool stay = false;
+    bool quiet = false;
+};
+
+// Sends one command and prints its reply; false when it could not be delivered.
+bool sendAndPrint(ServiceClient& client, const Options& options, const std::string& command) {
+    const ServiceClient::Reply reply = client.send(options.to, command);
+    vel::sim::printLine("%s %s", reply.ok ? "reply" : "error", reply.text.c_str());
+    return reply.ok;
+}
+
+std::optional<int> parse(int argc, char** argv, Options& options) {
+    CLI::App cli(
+        "The desktop application. Registers with the desktop service, sends the given commands, then those "
+        "that it reads from standard input, one a line, and prints the replies and what it receives.");
+    const std::map<std::string, ClientType> peers = {{"hal", ClientType::CLIENT_CAMERA_HAL},
+                                                     {"camera-service", ClientType::CLIENT_CAMERA_SERVICE},
+                                                     {"app", ClientType::CLIENT_APP}};
+    cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input");
+    cli.add_option("--to", options.to, "who gets them: hal, camera-service or app (default hal)")
+        ->transform(CLI::CheckedTransformer(peers, CLI::ignore_case));
+    cli.add_option("--reply", options.reply, "what to answer to a received command (default OK_APP)");
+    cli.add_option("--talk-back", options.talkBack,
+                   "a command to send while answering a received one, before the answer; may be repeated");
+    cli.add_flag("--stay", options.stay, "stay registered after the commands until a signal comes");
+    cli.add_flag("--quiet", options.quiet, "do not print what is received");
+    vel::sim::addCommonOptions(cli, options.common);
+    return vel::sim::parseArguments(cli, argc, argv);
+}
+
+bool sendAll(ServiceClient& client, const Options& options) {
+    bool allSent = true;
+    for (const std::string& command : options.commands) {
+        if (command != "-") {
+            allSent = sendAndPrint(client, options, command) && allSent;
+            continue;
+        }
+        for (std::string line; std::getline(std::cin, line);) {
+            if (!line.empty()) allSent = sendAndPrint(client, options, line) && allSent;
+        }
+    }
+    return allSent;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (const auto code = parse(argc, argv, options)) return *code;
+    vel::sim::applyCommonOptions(options.common);
+    vel::sim::EndSignals signals;  // before any thread starts, so that all of them leave the signals alone
+
+    std::atomic<ServiceClient*> link{nullptr};
+    ServiceClient client(
+        ClientType::CLIENT_APP,
+        [&](const std::string& command) {
+            if (!options.quiet) vel::sim::printLine("received %s", command.c_str());
+            for (const std::string& text : options.talkBack) {
+                if (ServiceClient* target = link.load()) (void)target->send(options.to, text);
+            }
+            return options.reply;
+        },
+        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+    link = &client;
+
+    if (!client.waitUntilConnected(kServiceLimit)) {
+        vel::sim::printLine("error the desktop service did not appear");
+        return 1;
+    }
+    const bool allSent = sendAll(client, options);
+    if (options.stay || options.commands.empty()) signals.wait();
+    return allSent ? 0 : 1;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+class VelChiDesktopHelper;
+
+namespace vel::sim {
+
+/**
+ * A camera HAL as the library sees it: opens and closes framework cameras, and restarts a session by asking
+ * whether the open camera must be switched and opening it again without a close. One thread.
+ */
+class CameraServer {
+  public:
+    explicit CameraServer(VelChiDesktopHelper* helper);
+
+    /** Carries out one line: "open N", "close N" or "status N". False for anything else, said in a line. */
+    bool execute(const std::string& line);
+
+    /** Answers a request to restart the session of a framework camera. */
+    void restartSession(uint32_t fwkId);
+
+  private:
+    void open(uint32_t fwkId);
+    void close(uint32_t fwkId);
+    void printStatus(uint32_t fwkId);
+
+    VelChiDesktopHelper* const mHelper;
+    std::map<uint32_t, uint32_t> mOpenCameras;  // camera id by framework id
+};
+
+}  // namespace vel::sim

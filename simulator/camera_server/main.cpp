@@ -1,0 +1,76 @@
+// The camera server: loads the library as a camera HAL does, and answers for the camera service.
+
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "CameraServer.h"
+#include "JsonMessage.h"
+#include "JsonUtils.h"
+#include "Program.h"
+#include "ServiceClient.h"
+#include "TaskQueue.h"
+#include "VelChiDesktopHelper.h"
+
+namespace {
+
+using android::JsonUtils;
+using vel::sim::CameraServer;
+using vel::sim::ServiceClient;
+
+// The framework id in a request to restart a session, or INVALID_CAMERA_ID when the text is none.
+uint32_t restartRequestedFor(const std::string& command) {
+    JsonMessage message;
+    const rapidjson::Value* request = nullptr;
+    std::string idText;
+    if (!message.parse(command) ||
+        JsonUtils::parseValue(message.root(), "restartNeeded", &request, -1) != 0 ||
+        JsonUtils::parseValue(*request, "cameraId", idText, -1) != 0) {
+        return VelChiDesktopHelper::INVALID_CAMERA_ID;
+    }
+    return static_cast<uint32_t>(std::strtoul(idText.c_str(), nullptr, 10));
+}
+
+std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options) {
+    CLI::App cli(
+        "The camera server. Loads the desktop helper as a camera HAL does and reads what to do from standard "
+        "input, one a line: open N, close N, status N. Answers the library's restart requests by opening the "
+        "camera again. Ends with its input or by a signal.");
+    vel::sim::addCommonOptions(cli, options);
+    return vel::sim::parseArguments(cli, argc, argv);
+}
+
+// Feeds the queue with the lines of standard input; its end is the program's.
+void readInput(vel::sim::TaskQueue& tasks, CameraServer& server) {
+    for (std::string line; std::getline(std::cin, line);) {
+        if (!line.empty()) tasks.post([&server, line] { server.execute(line); });
+    }
+    tasks.finish();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vel::sim::CommonOptions options;
+    if (const auto code = parse(argc, argv, options)) return *code;
+    vel::sim::applyCommonOptions(options);
+
+    vel::sim::TaskQueue tasks;
+    CameraServer server(VelChiDesktopHelper::getInstance());
+    ServiceClient cameraService(
+        ServiceClient::ClientType::CLIENT_CAMERA_SERVICE,
+        [&](const std::string& command) -> std::string {
+            vel::sim::printLine("received %s", command.c_str());
+            const uint32_t fwkId = restartRequestedFor(command);
+            if (fwkId == VelChiDesktopHelper::INVALID_CAMERA_ID) return "UNKNOWN";
+            // The restart runs on the HAL's thread, not within the request.
+            tasks.post([&server, fwkId] { server.restartSession(fwkId); });
+            return "OK_CAMERA_SERVICE";
+        },
+        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+
+    std::thread input(readInput, std::ref(tasks), std::ref(server));
+    tasks.run();
+    input.join();
+    return 0;
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vel::sim {
+
+// What every program of the simulator is told on its command line.
+struct CommonOptions {
+    std::string bus;           // empty: what VEL_DESKTOP_BUS_ADDRESS says
+    int64_t timeOriginNs = 0;  // steady clock that printed times count from
+};
+
+/** Adds --bus and --time-origin. */
+void addCommonOptions(CLI::App& cli, CommonOptions& options);
+
+/** Parses the command line; an exit code when the program is to end with it (help, or words it does not
+ * know). */
+std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
+
+/** Makes the options hold for this process: the bus address and the origin of printLine(). Before any thread.
+ */
+void applyCommonOptions(const CommonOptions& options);
+
+/** Prints one stamped line and flushes it; any thread may call. Bytes that are not printable are escaped. */
+__attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
+
+/**
+ * Takes SIGINT and SIGTERM as requests to end. Create it before any thread starts: the threads then leave
+ * these signals to wait().
+ */
+class EndSignals {
+  public:
+    EndSignals();
+    /** Blocks until one of the signals arrives. */
+    void wait();
+
+  private:
+    sigset_t mSignals;
+};
+
+}  // namespace vel::sim

@@ -1,0 +1,37 @@
+#include "TaskQueue.h"
+
+#include <utility>
+
+namespace vel::sim {
+
+void TaskQueue::post(std::function<void()> task) {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mFinished) return;
+        mTasks.push_back(std::move(task));
+    }
+    mChanged.notify_one();
+}
+
+void TaskQueue::finish() {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mFinished = true;
+    }
+    mChanged.notify_all();
+}
+
+void TaskQueue::run() {
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        mChanged.wait(lock, [this] { return mFinished || !mTasks.empty(); });
+        if (mTasks.empty()) return;
+        const std::function<void()> task = std::move(mTasks.front());
+        mTasks.pop_front();
+        lock.unlock();
+        task();
+        lock.lock();
+    }
+}
+
+}  // namespace vel::sim

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vel::sim {
+
+// What is waited for: a line of one program that holds all of the parts.
+struct Expectation {
+    std::string source;
+    std::vector<std::string> parts;
+
+    std::string text() const;
+};
+
+/**
+ * Merges the output of the programs into one timeline, prints it as it comes, and waits for expected lines.
+ * Any thread may call it.
+ */
+class Recorder {
+  public:
+    /** Adds a line of a program, printed at once. The line brings its own time stamp. */
+    void add(const std::string& source, const std::string& line);
+
+    /**
+     * Waits for a line that came at or behind the mark and meets the expectation. False when the limit passes
+     * or interrupt() is called first.
+     */
+    bool waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit);
+
+    /** A mark behind the lines that came so far. */
+    size_t mark() const;
+
+    /** Ends every wait, now and later. */
+    void interrupt();
+    bool isInterrupted() const;
+
+  private:
+    struct Entry {
+        std::string source;
+        std::string line;
+    };
+
+    bool isMetSince(const Expectation& expectation, size_t mark) const;
+
+    mutable std::mutex mLock;
+    std::condition_variable mChanged;
+    std::vector<Entry> mEntries;  // guarded by mLock
+    bool mInterrupted = false;    // guarded by mLock
+};
+
+}  // namespace vel::sim

@@ -1,0 +1,182 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <type_traits>
+
+#include "DesktopHelperTestAccess.h"
+#include "LogCapture.h"
+
+namespace {
+
+using Access = DesktopHelperTestAccess;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr uint32_t kNone = 65535;
+constexpr char kTag[] = "VelCameraDesktopChiHelper";
+
+static_assert(sizeof(DesktopCamIdType) == 1);
+static_assert(!std::is_copy_constructible<VelChiDesktopHelper>::value);
+static_assert(!std::is_move_constructible<VelChiDesktopHelper>::value);
+static_assert(std::has_virtual_destructor<VelChiDesktopHelper>::value);
+
+class ARegistry : public testing::Test {
+  protected:
+    ARegistry() : helper(Access::create()) { log.clear(); }
+
+    VelChiDesktopHelper::DesktopSettings& record(uint32_t fwkId) { return Access::settings(*helper, fwkId); }
+    std::vector<std::string> logged() const { return log.texts(kTag); }
+
+    LogCapture log;
+    std::unique_ptr<VelChiDesktopHelper> helper;
+};
+
+TEST(AHelper, LogsItsConstructionBeforeItLooksForTheServiceAndItsDestruction) {
+    LogCapture log;
+    Access::create();
+    EXPECT_THAT(log.texts(kTag),
+                ElementsAre("D Calling constructor VelChiDesktopHelper", "D Trying to get service",
+                            HasSubstr("D Got service for camera desktop "),
+                            "D Calling destructor ~VelChiDesktopHelper"));
+}
+
+TEST_F(ARegistry, StartsWithEveryCameraClosedAndOnlyTheMainCameraOverridden) {
+    for (uint32_t id = 0; id < 16; ++id) {
+        SCOPED_TRACE(id);
+        EXPECT_FALSE(record(id).isDesktop);
+        EXPECT_TRUE(record(id).overrideAllowed);
+        EXPECT_FALSE(record(id).restartPending);
+        EXPECT_EQ(record(id).defaultOverrideId, id == 0 ? 4 : id);
+        EXPECT_EQ(record(id).requiredOverrideId, id == 0 ? 4 : id);
+        EXPECT_EQ(record(id).currentOverrideId, kNone);
+    }
+}
+
+TEST_F(ARegistry, AcceptsIdsBelowSixteen) {
+    EXPECT_TRUE(helper->isValidCameraId(0));
+    EXPECT_TRUE(helper->isValidCameraId(15));
+    for (uint32_t id : {16u, kNone, 0x80000000u, 0xFFFFFFFFu})
+        EXPECT_FALSE(helper->isValidCameraId(id)) << id;
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(ARegistry, MapsEveryOpenCameraThereAndBack) {
+    for (uint32_t fwkId = 0; fwkId < 16; ++fwkId)
+        record(fwkId).currentOverrideId = 15 - fwkId;
+    for (uint32_t fwkId = 0; fwkId < 16; ++fwkId) {
+        SCOPED_TRACE(fwkId);
+        EXPECT_EQ(helper->getCurrentOverrideId(fwkId), 15 - fwkId);
+        EXPECT_EQ(helper->getOriginalCameraId(15 - fwkId), fwkId);
+        EXPECT_TRUE(helper->isCameraInOverride(fwkId));
+    }
+    record(1).currentOverrideId = 1;
+    record(14).currentOverrideId = kNone;
+    EXPECT_FALSE(helper->isCameraInOverride(1)) << "open under its own id is not in override";
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(ARegistry, GivesTheLowestFrameworkIdWhenTwoCamerasShareAnId) {
+    record(2).currentOverrideId = 9;
+    record(5).currentOverrideId = 9;
+    EXPECT_EQ(helper->getOriginalCameraId(9), 2u);
+    record(0).currentOverrideId = 4;
+    record(4).currentOverrideId = 4;
+    EXPECT_TRUE(helper->isCameraInOverride(4)) << "camera 0 stands before camera 4";
+}
+
+TEST_F(ARegistry, FallsBackToTheIdItIsAsked) {
+    EXPECT_EQ(helper->getCurrentOverrideId(0), 0u);
+    EXPECT_EQ(helper->getCurrentOverrideId(20), 20u);
+    EXPECT_THAT(logged(), ElementsAre("E getCurrentOverrideIdLocked: Invalid framework id 0",
+                                      "E getCurrentOverrideIdLocked: Invalid framework id 20"));
+    log.clear();
+    EXPECT_EQ(helper->getOriginalCameraId(7), 7u);
+    EXPECT_THAT(logged(), IsEmpty()) << "an id that is merely not open is no error";
+    EXPECT_EQ(helper->getOriginalCameraId(100), 100u);
+    EXPECT_FALSE(helper->isCameraInOverride(100));
+    EXPECT_THAT(
+        logged(),
+        testing::Each(testing::MatchesRegex("E getOriginalFwkIdLocked:[0-9]+ Invalid camera id 100")));
+    EXPECT_EQ(logged().size(), 2u);
+}
+
+TEST_F(ARegistry, TellsDesktopModeByEitherKindOfId) {
+    record(0).isDesktop = true;
+    record(0).currentOverrideId = 4;
+    EXPECT_TRUE(helper->isDesktopMode(0, FWK_CAMERA_ID));
+    EXPECT_FALSE(helper->isDesktopMode(4, FWK_CAMERA_ID));
+    EXPECT_TRUE(helper->isDesktopMode(4, OVERRIDE_CAMERA_ID));
+    EXPECT_FALSE(helper->isDesktopMode(0, OVERRIDE_CAMERA_ID));
+    EXPECT_FALSE(helper->isDesktopMode(4, static_cast<DesktopCamIdType>(2)));
+    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_FALSE(helper->isDesktopMode(16, FWK_CAMERA_ID));
+    EXPECT_FALSE(helper->isDesktopMode(16, static_cast<DesktopCamIdType>(2)));
+    EXPECT_THAT(logged(), ElementsAre("E Invalid camera id 16", "E Invalid camera id 16"));
+}
+
+TEST_F(ARegistry, AsksForASwitchOnceTheRequiredIdDiffersFromTheOpenOne) {
+    uint32_t fwkId = 77;
+    record(0).currentOverrideId = 4;
+    EXPECT_FALSE(helper->needsCameraIdSwitch(4, fwkId));
+    EXPECT_EQ(fwkId, 0u);
+    EXPECT_FALSE(record(0).restartPending);
+
+    record(0).requiredOverrideId = 2;
+    EXPECT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
+    EXPECT_EQ(fwkId, 0u);
+    EXPECT_TRUE(record(0).restartPending);
+    EXPECT_THAT(logged(), IsEmpty());
+
+    uint32_t inAndOut = 4;
+    EXPECT_TRUE(helper->needsCameraIdSwitch(inAndOut, inAndOut)) << "one variable may serve for both";
+    EXPECT_EQ(inAndOut, 0u);
+}
+
+TEST_F(ARegistry, RefusesASwitchWithAnErrorLineForEachBadId) {
+    uint32_t fwkId = 77;
+    EXPECT_FALSE(helper->needsCameraIdSwitch(5, fwkId));
+    EXPECT_EQ(fwkId, kNone);
+
+    record(3).currentOverrideId = 9;
+    record(3).requiredOverrideId = 2;
+    record(3).overrideAllowed = false;
+    EXPECT_FALSE(helper->needsCameraIdSwitch(9, fwkId));
+    EXPECT_EQ(fwkId, 3u) << "the id found is told even when the override is refused";
+    EXPECT_FALSE(record(3).restartPending);
+
+    EXPECT_FALSE(helper->needsCameraIdSwitch(30, fwkId));
+    EXPECT_EQ(fwkId, kNone);
+    EXPECT_THAT(logged(),
+                ElementsAre("E needsCameraIdSwitch: Invalid override id 5",
+                            "E needsCameraIdSwitch: Invalid override id 9",
+                            testing::MatchesRegex("E getOriginalFwkIdLocked:[0-9]+ Invalid camera id 30"),
+                            "E needsCameraIdSwitch: Invalid override id 30"));
+}
+
+TEST_F(ARegistry, RefusesTheOverrideToTheCameraApplicationOnly) {
+    const std::string refused = "com.korvanta.camera";
+    EXPECT_FALSE(helper->isOverrideAllowedForPackage(refused));
+    EXPECT_FALSE(helper->isOverrideAllowedForPackage(refused + ".pro"));
+    EXPECT_FALSE(helper->isOverrideAllowedForPackage(refused + std::string("\0x", 2)));
+    for (const std::string& name :
+         {std::string(), refused.substr(0, refused.size() - 1), std::string("com.korvanta.cameRa"),
+          std::string("com.korvanta\0camera", 19), "x" + refused, std::string("org.example.app")}) {
+        EXPECT_TRUE(helper->isOverrideAllowedForPackage(name)) << name;
+    }
+}
+
+TEST_F(ARegistry, PassesTheVendorTagResolverOn) {
+    std::string seen;
+    helper->setVendorTagCallback([&](const char* section, const char* tag, unsigned int& id) {
+        seen = std::string(section) + "|" + tag;
+        id = 0x80000001u;
+        return true;
+    });
+    unsigned int id = 0;
+    EXPECT_TRUE(Access::metadataHandler(*helper).findMetadataTagId("com.example.section.tag", &id));
+    EXPECT_EQ(id, 0x80000001u);
+    EXPECT_EQ(seen, "com.example.section|tag");
+}
+
+}  // namespace

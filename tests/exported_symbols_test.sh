@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# The library exports what the camera HAL uses and nothing else.
+# usage: exported_symbols_test.sh LIBRARY LIST
+set -euo pipefail
+
+exported=$(nm -D --defined-only --demangle "$1" | cut -d' ' -f3- |
+    sed 's/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/std::string/g' | LC_ALL=C sort -u)
+diff <(LC_ALL=C sort "$2") <(printf '%s\n' "$exported") || {
+    echo "exported symbols differ from $2 (< expected, > exported)"
+    exit 1
+}
