@@ -22,12 +22,14 @@ target_link_libraries(vel_product_flags INTERFACE vel_base_flags)
 
 # Debian's own Android libraries and headers.
 find_path(ANDROID_INCLUDE_DIR android/log.h PATHS /usr/include/android REQUIRED)
-find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED)
-find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED)
-find_library(ANDROID_LIBCUTILS cutils PATH_SUFFIXES android REQUIRED)
 add_library(platform_debian INTERFACE)
 target_include_directories(platform_debian SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
-target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBUTILS} ${ANDROID_LIBCUTILS})
+if(VEL_BUILD_HOST)
+  find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED)
+  find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED)
+  find_library(ANDROID_LIBCUTILS cutils PATH_SUFFIXES android REQUIRED)
+  target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBUTILS} ${ANDROID_LIBCUTILS})
+endif()
 
 # RapidJSON is header-only; a system include keeps its own warnings out of ours.
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
