@@ -1,0 +1,296 @@
+#include <gtest/gtest.h>
+#include <gui/BufferItemConsumer.h>
+#include <gui/BufferQueue.h>
+#include <gui/Surface.h>
+#include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
+#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
+#include <media/NdkImageReader.h>
+#include <sys/eventfd.h>
+
+#include "ScriptedProducer.h"
+#include "SignalFence.h"
+
+using namespace android;
+using hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
+using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
+
+namespace {
+
+constexpr int kCamera = NATIVE_WINDOW_API_CAMERA;
+constexpr PixelFormat kRawOpaque = HAL_PIXEL_FORMAT_RAW_OPAQUE;
+
+BGraphicBufferProducer::QueueBufferInput frame(const sp<Fence>& fence = Fence::NO_FENCE) {
+    return {-77, true, HAL_DATASPACE_STANDARD_BT601_625, Rect(1, 0, 20, 1), 3, 5, fence, 6};
+}
+
+// A real queue that is reached through both adapters, as by a camera library.
+class AnAdaptedQueue : public testing::Test {
+  protected:
+    AnAdaptedQueue() {
+        sp<IGraphicBufferConsumer> end;
+        BufferQueue::createBufferQueue(&queue, &end);
+        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN);
+        producer = new H2BGraphicBufferProducer(new Wrapper(queue));
+        EXPECT_EQ(NO_ERROR, producer->connect(nullptr, kCamera, false, &output));
+    }
+
+    status_t dequeue(int* slot, uint64_t usage = GRALLOC_USAGE_SW_WRITE_OFTEN) {
+        return producer->dequeueBuffer(slot, &fence, 64, 1, kRawOpaque, usage, &age, nullptr);
+    }
+
+    sp<IGraphicBufferProducer> queue;
+    sp<BufferItemConsumer> consumer;
+    sp<IGraphicBufferProducer> producer;
+    IGraphicBufferProducer::QueueBufferOutput output;
+    sp<Fence> fence;
+    sp<GraphicBuffer> buffer;
+    uint64_t age = 99;
+};
+
+TEST_F(AnAdaptedQueue, DequeueGivesANewFence_NeverNoFence) {
+    int slot = -1;
+    EXPECT_EQ(IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, dequeue(&slot));
+    EXPECT_EQ(0, slot);
+    EXPECT_EQ(0u, age);
+    ASSERT_NE(nullptr, fence);
+    EXPECT_NE(Fence::NO_FENCE, fence);
+    EXPECT_FALSE(fence->isValid());
+    EXPECT_EQ(NO_ERROR, fence->wait(100));
+    consumer->abandon();
+    fence.clear();
+    EXPECT_EQ(NO_INIT, dequeue(&slot));
+    EXPECT_NE(nullptr, fence) << "on failure too";
+}
+
+TEST_F(AnAdaptedQueue, RequestGivesAnotherObject_OfTheSameMemoryAndId) {
+    int slot = -1;
+    dequeue(&slot);
+    sp<GraphicBuffer> original;
+    sp<GraphicBuffer> again;
+    ASSERT_EQ(NO_ERROR, queue->requestBuffer(slot, &original));
+    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &again));
+    EXPECT_NE(original, buffer);
+    EXPECT_NE(again, buffer);
+    EXPECT_EQ(original->getId(), buffer->getId());
+    EXPECT_EQ(original->getUsage(), buffer->getUsage());
+    EXPECT_EQ(original->getPixelFormat(), buffer->getPixelFormat());
+    void* written = nullptr;
+    void* seen = nullptr;
+    ASSERT_EQ(NO_ERROR, buffer->lock(GRALLOC_USAGE_SW_WRITE_OFTEN, &written));
+    ASSERT_EQ(NO_ERROR, original->lock(GRALLOC_USAGE_SW_READ_OFTEN, &seen));
+    static_cast<uint8_t*>(written)[63] = 0x3C;
+    EXPECT_EQ(0x3C, static_cast<uint8_t*>(seen)[63]);
+}
+
+TEST_F(AnAdaptedQueue, RefusedRequest_LeavesAZeroSizedBuffer) {
+    EXPECT_EQ(BAD_VALUE, producer->requestBuffer(5, &buffer));
+    ASSERT_NE(nullptr, buffer);
+    EXPECT_EQ(0u, buffer->getWidth());
+}
+
+TEST_F(AnAdaptedQueue, QueuedFrame_ArrivesAsItWasQueued) {
+    int slot = -1;
+    dequeue(&slot);
+    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+    SignalFence written;
+    output.maxBufferCount = -3;
+    ASSERT_EQ(NO_ERROR, producer->queueBuffer(slot, frame(written.fence()), &output));
+    EXPECT_EQ(2u, output.nextFrameNumber);
+    EXPECT_EQ(1u, output.numPendingBuffers);
+    EXPECT_EQ(-3, output.maxBufferCount) << "does not cross";
+
+    BufferItem item;
+    ASSERT_EQ(NO_ERROR, consumer->acquireBuffer(&item, 0, false));
+    EXPECT_EQ(-77, item.mTimestamp);
+    EXPECT_TRUE(item.mIsAutoTimestamp);
+    EXPECT_EQ(HAL_DATASPACE_STANDARD_BT601_625, item.mDataSpace);
+    EXPECT_EQ(Rect(1, 0, 20, 1), item.mCrop);
+    EXPECT_EQ(3u, item.mScalingMode);
+    EXPECT_EQ(5u, item.mTransform);
+    EXPECT_EQ(-ETIME, item.mFence->wait(0));
+    written.signal();
+    EXPECT_EQ(NO_ERROR, item.mFence->wait(0)) << "the fence crosses as a live one";
+}
+
+TEST_F(AnAdaptedQueue, CancelAndReleaseFences_Cross) {
+    int slot = -1;
+    dequeue(&slot);
+    SignalFence free;
+    EXPECT_EQ(BAD_VALUE, producer->cancelBuffer(slot, nullptr));
+    ASSERT_EQ(NO_ERROR, producer->cancelBuffer(slot, free.fence()));
+    ASSERT_EQ(NO_ERROR, dequeue(&slot));
+    EXPECT_EQ(-ETIME, fence->wait(0));
+    free.signal();
+    EXPECT_EQ(NO_ERROR, fence->wait(0));
+}
+
+TEST_F(AnAdaptedQueue, LimitsAndDisconnect_PassTheirStatuses) {
+    EXPECT_EQ(BAD_VALUE, producer->setMaxDequeuedBufferCount(0));
+    EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(6));
+    EXPECT_EQ(BAD_VALUE, producer->connect(nullptr, kCamera, false, &output));
+    EXPECT_EQ(BAD_VALUE, producer->disconnect(NATIVE_WINDOW_API_CPU));
+    EXPECT_EQ(NO_ERROR, producer->disconnect(kCamera));
+    EXPECT_EQ(NO_INIT, producer->disconnect(kCamera));
+}
+
+TEST_F(AnAdaptedQueue, OptionalOperations_AreForwarded) {
+    int value = 0;
+    EXPECT_EQ(NO_ERROR, producer->query(NATIVE_WINDOW_MIN_UNDEQUEUED_BUFFERS, &value));
+    EXPECT_EQ(1, value);
+    EXPECT_EQ(NO_ERROR, producer->setDequeueTimeout(1000));
+    int slot = -1;
+    dequeue(&slot);
+    dequeue(&slot);
+    EXPECT_EQ(TIMED_OUT, dequeue(&slot));
+    EXPECT_EQ(NO_ERROR, producer->setAsyncMode(true));
+    consumer->setName(String8("a name"));
+    EXPECT_STREQ("a name", producer->getConsumerName().string());
+    uint64_t id = 0;
+    uint64_t expected = 1;
+    EXPECT_EQ(NO_ERROR, producer->getUniqueId(&id));
+    EXPECT_EQ(NO_ERROR, queue->getUniqueId(&expected));
+    EXPECT_EQ(expected, id);
+}
+
+TEST_F(AnAdaptedQueue, EndOfTheAdapters_LeavesTheConnection) {
+    producer.clear();
+    EXPECT_EQ(BAD_VALUE, queue->connect(nullptr, kCamera, false, &output)) << "still connected";
+}
+
+TEST(WrappedProducer, OutlivesItsConsumer_AndAnswersNoInit) {
+    AImageReader* reader = nullptr;
+    ASSERT_EQ(AMEDIA_OK, AImageReader_new(64, 1, AIMAGE_FORMAT_RAW_PRIVATE, 3, &reader));
+    ANativeWindow* window = nullptr;
+    ASSERT_EQ(AMEDIA_OK, AImageReader_getWindow(reader, &window));
+    const sp<HGraphicBufferProducer> wrapped =
+        new Wrapper(static_cast<Surface*>(window)->getIGraphicBufferProducer());
+    AImageReader_delete(reader);
+    const sp<IGraphicBufferProducer> producer = new H2BGraphicBufferProducer(wrapped);
+    IGraphicBufferProducer::QueueBufferOutput output;
+    EXPECT_EQ(NO_INIT, producer->connect(nullptr, kCamera, false, &output));
+}
+
+TEST(WrappedProducer, NullProducer_IsAcceptedUntilTheFirstCall) {
+    const sp<HGraphicBufferProducer> wrapped = new Wrapper(nullptr);
+    EXPECT_FALSE(wrapped->isRemote());
+}
+
+// A scripted producer behind both adapters.
+class AnAdaptedScript : public testing::Test {
+  protected:
+    status_t dequeue(int* slot) {
+        return producer->dequeueBuffer(slot, &fence, 640, 480, 1, 0x100000020, nullptr, nullptr);
+    }
+
+    const sp<ScriptedProducer> script{new ScriptedProducer};
+    const sp<HGraphicBufferProducer> wrapped{new Wrapper(script)};
+    const sp<IGraphicBufferProducer> producer{new H2BGraphicBufferProducer(wrapped)};
+    sp<Fence> fence;
+    sp<GraphicBuffer> buffer;
+};
+
+TEST_F(AnAdaptedScript, ForeignFlagsHostileSlotsAndErrors_PassUnchanged) {
+    const ScriptedProducer::Dequeue answers[] = {{2, 3}, {3, 4}, {1, 64}, {0, -7}, {-110, 0}, {INT32_MIN, 1}};
+    for (const auto& answer : answers) {
+        script->onDequeue(answer);
+        int slot = 0;
+        EXPECT_EQ(answer.status, dequeue(&slot));
+        EXPECT_EQ(answer.slot, slot);
+    }
+    script->onQueue(-5);
+    script->onCancel(-6);
+    script->onConnect(-7);
+    script->onDisconnect(-8);
+    script->onSetMax(-9);
+    IGraphicBufferProducer::QueueBufferOutput output;
+    EXPECT_EQ(-5, producer->queueBuffer(1, frame(), &output));
+    EXPECT_EQ(-6, producer->cancelBuffer(1, Fence::NO_FENCE));
+    EXPECT_EQ(-7, producer->connect(nullptr, kCamera, true, &output));
+    EXPECT_EQ(-8, producer->disconnect(kCamera, IGraphicBufferProducer::DisconnectMode::AllLocal));
+    EXPECT_EQ(-9, producer->setMaxDequeuedBufferCount(6));
+}
+
+TEST_F(AnAdaptedScript, Usage_IsCutTo32Bits) {
+    int slot = 0;
+    dequeue(&slot);
+    EXPECT_EQ(std::vector<std::string>{"dequeue 640x480 format 1 usage 0x20"}, script->calls());
+}
+
+TEST_F(AnAdaptedScript, NullFenceAndBuffer_BecomeEmptyObjects) {
+    script->onDequeue({0, 2, nullptr});
+    script->onRequest({-1, nullptr});
+    int slot = 0;
+    EXPECT_EQ(NO_ERROR, dequeue(&slot));
+    ASSERT_NE(nullptr, fence);
+    EXPECT_FALSE(fence->isValid());
+    EXPECT_EQ(-1, producer->requestBuffer(2, &buffer));
+    EXPECT_NE(nullptr, buffer);
+}
+
+TEST_F(AnAdaptedScript, HandleThatIsNoFence_IsRefusedBeforeTheProducer) {
+    native_handle_t* handle = native_handle_create(2, 0);
+    handle->data[0] = eventfd(0, 0);
+    handle->data[1] = eventfd(0, 0);
+    hidl_handle twoDescriptors;
+    twoDescriptors.setTo(handle, true);
+    HGraphicBufferProducer::QueueBufferInput input{};
+    input.fence = twoDescriptors;
+    int32_t status = 0;
+    EXPECT_TRUE(wrapped->queueBuffer(0, input, [&](int32_t told, const auto&) { status = told; }).isOk());
+    EXPECT_EQ(BAD_VALUE, status);
+    EXPECT_EQ(BAD_VALUE, wrapped->cancelBuffer(0, twoDescriptors).withDefault(0));
+    EXPECT_TRUE(script->calls().empty());
+}
+
+// A peer that cannot be reached: every call fails, and a failed result that nobody checks ends the process.
+struct UnreachableProducer : public Wrapper {
+    explicit UnreachableProducer(status_t status)
+        : Wrapper(nullptr), failure(hardware::Status::fromStatusT(status)) {}
+    Return<void> requestBuffer(int32_t, requestBuffer_cb) override { return failure; }
+    Return<int32_t> setMaxDequeuedBufferCount(int32_t) override { return failure; }
+    Return<int32_t> setAsyncMode(bool) override { return failure; }
+    Return<void> dequeueBuffer(uint32_t, uint32_t, hardware::graphics::common::V1_0::PixelFormat, uint32_t,
+                               bool, dequeueBuffer_cb) override {
+        return failure;
+    }
+    Return<void> queueBuffer(int32_t, const QueueBufferInput&, queueBuffer_cb) override { return failure; }
+    Return<int32_t> cancelBuffer(int32_t, const hidl_handle&) override { return failure; }
+    Return<void> query(int32_t, query_cb) override { return failure; }
+    Return<void> connect(const sp<HProducerListener>&, int32_t, bool, connect_cb) override { return failure; }
+    Return<int32_t> disconnect(int32_t, DisconnectMode) override { return failure; }
+    Return<void> getConsumerName(getConsumerName_cb) override { return failure; }
+    Return<int32_t> setDequeueTimeout(int64_t) override { return failure; }
+    Return<void> getUniqueId(getUniqueId_cb) override { return failure; }
+    const hardware::Status failure;
+};
+
+TEST(UnreachablePeer, EveryCall_ReturnsDeadObjectOrUnknownError) {
+    const std::pair<status_t, status_t> kinds[] = {{DEAD_OBJECT, DEAD_OBJECT},
+                                                   {FAILED_TRANSACTION, UNKNOWN_ERROR}};
+    for (const auto& [failure, expected] : kinds) {
+        const sp<IGraphicBufferProducer> producer =
+            new H2BGraphicBufferProducer(new UnreachableProducer(failure));
+        IGraphicBufferProducer::QueueBufferOutput output;
+        int slot = 8;
+        sp<Fence> fence;
+        sp<GraphicBuffer> buffer;
+        uint64_t id = 0;
+        EXPECT_EQ(expected, producer->connect(nullptr, kCamera, false, &output));
+        EXPECT_EQ(expected, producer->setMaxDequeuedBufferCount(6));
+        EXPECT_EQ(expected, producer->dequeueBuffer(&slot, &fence, 1, 1, 1, 0, nullptr, nullptr));
+        EXPECT_NE(nullptr, fence);
+        EXPECT_EQ(expected, producer->requestBuffer(0, &buffer));
+        EXPECT_NE(nullptr, buffer);
+        EXPECT_EQ(expected, producer->queueBuffer(0, frame(), &output));
+        EXPECT_EQ(expected, producer->cancelBuffer(0, Fence::NO_FENCE));
+        EXPECT_EQ(expected, producer->disconnect(kCamera));
+        EXPECT_EQ(expected, producer->query(0, &slot));
+        EXPECT_EQ(expected, producer->setAsyncMode(true));
+        EXPECT_EQ(expected, producer->setDequeueTimeout(1));
+        EXPECT_EQ(expected, producer->getUniqueId(&id));
+        EXPECT_STREQ("TransactFailed", producer->getConsumerName().string());
+    }
+}
+
+}  // namespace
