@@ -4,9 +4,9 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/pidfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -99,7 +99,8 @@ ChildProcess::ChildProcess(Options options) : mOnLine(std::move(options.onLine))
         waitpid(mPid, nullptr, 0);
         throwErrno("cannot start " + options.command.front(), error);
     }
-    mPidFd.reset(pidfd_open(mPid, 0));
+    // Not by pidfd_open(): glibc's header of it does not link from C++.
+    mPidFd.reset(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
     mStop.reset(eventfd(0, EFD_CLOEXEC));
     mInput = std::move(input.parent);
     mOutput = std::move(output.parent);
@@ -134,15 +135,16 @@ std::optional<std::string> ChildProcess::waitForLine(const std::string& text,
                                                      std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     std::unique_lock<std::mutex> lock(mLock);
-    for (;;) {
-        while (!mLines.empty()) {
-            std::string line = std::move(mLines.front());
-            mLines.pop_front();
-            if (line.find(text) != std::string::npos) return line;
-        }
-        if (mOutputEnded) return std::nullopt;
-        if (mChanged.wait_until(lock, end) == std::cv_status::timeout && mLines.empty()) return std::nullopt;
-    }
+    const auto holdsText = [&](const std::string& line) { return line.find(text) != std::string::npos; };
+    auto found = mLines.end();
+    mChanged.wait_until(lock, end, [&] {
+        found = std::find_if(mLines.begin(), mLines.end(), holdsText);
+        return found != mLines.end() || mOutputEnded;
+    });
+    if (found == mLines.end()) return std::nullopt;
+    std::string line = std::move(*found);
+    mLines.erase(found);
+    return line;
 }
 
 void ChildProcess::kill(int signal) {
@@ -198,6 +200,7 @@ void ChildProcess::deliver(std::string line) {
     if (mOnLine) mOnLine(line);
     std::lock_guard<std::mutex> lock(mLock);
     mLines.push_back(std::move(line));
+    if (mLines.size() > kKeptLines) mLines.pop_front();
     mChanged.notify_all();
 }
 

@@ -23,6 +23,8 @@ namespace vel::sim {
 // kill(), wait() and the destructor not concurrently with each other.
 class ChildProcess {
   public:
+    static constexpr size_t kKeptLines = 4096;
+
     struct Options {
         std::vector<std::string> command;                // program (searched in PATH) and its arguments
         std::map<std::string, std::string> environment;  // set in addition to this process's own
@@ -46,8 +48,8 @@ class ChildProcess {
     // Ends the child's input.
     void closeInput();
 
-    // The next line of output that contains the text, at most waited for so long; lines before it are passed
-    // over, and a later call goes on behind it. Empty when the output ends first or the limit passes.
+    // The earliest line of output that contains the text and was not returned before, at most waited for so
+    // long. Empty when the output ends first or the limit passes. The newest kKeptLines lines are searched.
     std::optional<std::string> waitForLine(const std::string& text,
                                            std::chrono::milliseconds limit = std::chrono::seconds(30));
 
