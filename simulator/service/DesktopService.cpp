@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "BusEvents.h"
 #include "DesktopBusNames.h"
 #include "Trace.h"
 #include "WireText.h"
@@ -12,10 +13,6 @@ namespace bus = vel::desktop_bus;
 using bus::InterfaceObject;
 
 namespace {
-
-constexpr char kNameOwnerChanged[] =
-    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
-    "interface='org.freedesktop.DBus',member='NameOwnerChanged'";
 
 constexpr uint8_t kTypeHal = 2;
 
@@ -75,9 +72,7 @@ DesktopService::~DesktopService() = default;
 
 void DesktopService::publish() {
     mConnection.setMethodCallTimeout(UINT64_MAX);  // a peer may take its time; its death is told
-    mConnection.addMatch(
-        kNameOwnerChanged, [this](sdbus::Message& signal) { onNameOwnerChanged(signal); },
-        sdbus::floating_slot);
+    bus::watchPeerDeaths(mConnection, [this](const std::string& busName) { onPeerDied(busName); });
     mObject = sdbus::createObject(mConnection, bus::kServicePath);
     const auto add = [this](const char* name, const char* in, std::vector<std::string> inNames,
                             const char* out, std::vector<std::string> outNames,
@@ -157,17 +152,7 @@ void DesktopService::getSurface(sdbus::MethodCall& call) {
     reply.send();
 }
 
-void DesktopService::onNameOwnerChanged(sdbus::Message& signal) try {
-    std::string name, oldOwner, newOwner;
-    signal >> name >> oldOwner >> newOwner;
-    if (!newOwner.empty() || name != oldOwner) return;
-    forgetPeer(name);
-    mCalls.failCallsTo(name);
-} catch (const std::exception& exception) {
-    mTrace.event("SERVICE", "ignored", exception.what());
-}
-
-void DesktopService::forgetPeer(const std::string& busName) {
+void DesktopService::onPeerDied(const std::string& busName) {
     const std::string who = nameOf(busName);
     const auto drop = [&](ObjectsByType& objects, const char* what) {
         for (auto entry = objects.begin(); entry != objects.end();) {
@@ -181,6 +166,7 @@ void DesktopService::forgetPeer(const std::string& busName) {
     };
     drop(mSurfaces, "surface");
     drop(mCallbacks, "callback");
+    mCalls.failCallsTo(busName);
 }
 
 void DesktopService::replace(ObjectsByType& objects, uint8_t type, const InterfaceObject& object) {

@@ -12,7 +12,6 @@ namespace sdbus {
 class Error;
 class IConnection;
 class IObject;
-class Message;
 class MethodCall;
 class MethodReply;
 }  // namespace sdbus
@@ -46,8 +45,8 @@ class DesktopService {
     void setSurface(sdbus::MethodCall& call);
     void getSurface(sdbus::MethodCall& call);
 
-    void onNameOwnerChanged(sdbus::Message& signal);
-    void forgetPeer(const std::string& busName);
+    // Drops what the peer had registered and ends the commands that wait for it.
+    void onPeerDied(const std::string& busName);
     // Stores the object under its type (null removes) and gives back the reference to the one before.
     void replace(ObjectsByType& objects, uint8_t type, const vel::desktop_bus::InterfaceObject& object);
     void refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error);

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include "BusPoll.h"
+#include "BusEvents.h"
 #include "DesktopBusNames.h"
 #include "DesktopService.h"
 #include "Trace.h"

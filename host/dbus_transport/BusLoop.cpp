@@ -1,0 +1,168 @@
+#include "BusLoop.h"
+
+#include <android/log.h>
+#include <poll.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/eventfd.h>
+
+#include <thread>
+
+namespace vel::host {
+namespace {
+
+constexpr char kTag[] = "DesktopBus";
+
+// A call that a thread waits for.
+class WaitedCall {
+  public:
+    void finish(CallStatus status) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mStatus = std::move(status);
+        mDone = true;
+        mFinished.notify_one();
+    }
+
+    CallStatus wait() {
+        std::unique_lock<std::mutex> lock(mLock);
+        mFinished.wait(lock, [this] { return mDone; });
+        return mStatus;
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mFinished;
+    bool mDone = false;
+    CallStatus mStatus;
+};
+
+CallStatus outcome(sdbus::MethodReply* reply, const sdbus::Error* error,
+                   const BusLoop::ReadReply& readReply) {
+    if (error != nullptr) return CallStatus::of(*error);
+    try {
+        readReply(*reply);
+        return {};
+    } catch (const std::exception& exception) {
+        return {CallStatus::FAILED, exception.what()};
+    }
+}
+
+}  // namespace
+
+BusLoop::BusLoop(BusListener& listener)
+    : mListener(listener), mWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    std::thread([this] { run(); }).detach();
+}
+
+OpenSession BusLoop::open(const std::string& address, std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mLock);
+    if (mState == State::CLOSED) {
+        mState = State::OPENING;
+        mClosures.push_back([this, id = ++mLastSession.id, address] { openOnLoop(id, address); });
+        wake();
+    }
+    if (!mStateChanged.wait_for(lock, limit, [this] { return mState != State::OPENING; })) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "The bus at %s does not answer", address.c_str());
+    }
+    return mState == State::OPEN ? mLastSession : OpenSession();
+}
+
+CallStatus BusLoop::call(const RemoteObject& target, const char* interface, const char* method,
+                         const WriteArguments& writeArguments, const ReadReply& readReply) {
+    const auto waited = std::make_shared<WaitedCall>();
+    enqueue([&, this, waited] {
+        BusSession* session = sessionOnLoop(target.session);
+        if (session == nullptr) {
+            waited->finish({CallStatus::DEAD, "the connection to the bus has ended"});
+            return;
+        }
+        session->calls().begin(target.object, interface, method, writeArguments,
+                               [&readReply, waited](sdbus::MethodReply* reply, const sdbus::Error* error) {
+                                   waited->finish(outcome(reply, error, readReply));
+                               });
+    });
+    return waited->wait();
+}
+
+void BusLoop::post(SessionId session, std::function<void(BusSession&)> work) {
+    enqueue([this, session, work = std::move(work)] {
+        if (BusSession* current = sessionOnLoop(session)) work(*current);
+    });
+}
+
+void BusLoop::enqueue(Closure closure) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mClosures.push_back(std::move(closure));
+    wake();
+}
+
+void BusLoop::wake() {
+    eventfd_write(mWakeUp.get(), 1);
+}
+
+void BusLoop::run() {
+    for (;;) {
+        runClosures();
+        processOrWait();
+    }
+}
+
+void BusLoop::runClosures() {
+    eventfd_t ignored;
+    (void)eventfd_read(mWakeUp.get(), &ignored);
+    std::deque<Closure> closures;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        closures.swap(mClosures);
+    }
+    for (const Closure& closure : closures) {
+        try {
+            closure();
+        } catch (const std::exception& exception) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "Bus work failed: %s", exception.what());
+        }
+    }
+}
+
+void BusLoop::processOrWait() {
+    if (!mSession) {
+        pollfd wakeUp{mWakeUp.get(), POLLIN, 0};
+        (void)poll(&wakeUp, 1, -1);
+        return;
+    }
+    try {
+        mSession->processOrWait(mWakeUp.get());
+    } catch (const std::exception& exception) {
+        endSession(exception.what());
+    }
+}
+
+void BusLoop::openOnLoop(SessionId id, const std::string& address) {
+    try {
+        mSession = std::make_unique<BusSession>(
+            id, address, [this, id](const std::string& busName) { mListener.onPeerDied(id, busName); });
+    } catch (const std::exception& exception) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "Cannot reach the bus at %s: %s", address.c_str(),
+                            exception.what());
+    }
+    std::lock_guard<std::mutex> lock(mLock);
+    mState = mSession ? State::OPEN : State::CLOSED;
+    if (mSession) mLastSession.ownName = mSession->uniqueName();
+    mStateChanged.notify_all();
+}
+
+void BusLoop::endSession(const char* reason) {
+    __android_log_print(ANDROID_LOG_WARN, kTag, "The connection to the bus has ended: %s", reason);
+    const SessionId id = mSession->id();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mState = State::CLOSED;
+    }
+    mSession.reset();
+    mListener.onSessionEnded(id);
+}
+
+BusSession* BusLoop::sessionOnLoop(SessionId id) {
+    return mSession && mSession->id() == id ? mSession.get() : nullptr;
+}
+
+}  // namespace vel::host

@@ -1,0 +1,55 @@
+#include "CallStatus.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <utils/Errors.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "DesktopBusNames.h"
+
+namespace vel::host {
+namespace {
+
+// What the bus says for calls to, or left open by, a process or connection that has gone. NoReply means
+// nothing else, since calls have no time limit.
+constexpr const char* kDeathErrors[] = {
+    "org.freedesktop.DBus.Error.NoReply",
+    "org.freedesktop.DBus.Error.ServiceUnknown",
+    "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.Disconnected",
+    "org.freedesktop.DBus.Error.UnknownObject",
+    "System.Error.ENOTCONN",
+    "System.Error.ECONNRESET",
+    "System.Error.EPIPE",
+};
+
+CallStatus::Kind kindOf(const std::string& errorName) {
+    const auto isName = [&](const char* name) { return errorName == name; };
+    if (std::any_of(std::begin(kDeathErrors), std::end(kDeathErrors), isName)) return CallStatus::DEAD;
+    const bool isOwn = errorName.rfind(desktop_bus::kErrorPrefix, 0) == 0;
+    return isOwn ? CallStatus::REFUSED : CallStatus::FAILED;
+}
+
+}  // namespace
+
+CallStatus CallStatus::of(const sdbus::Error& error) {
+    return {kindOf(error.getName()), error.getName() + ": " + error.getMessage()};
+}
+
+android::hardware::Status CallStatus::toStatus() const {
+    using android::hardware::Status;
+    switch (kind) {
+        case OK:
+            return Status::ok();
+        case DEAD:
+            return Status::fromStatusT(android::DEAD_OBJECT);
+        case REFUSED:
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, text.c_str());
+        case FAILED:
+            break;
+    }
+    return Status::fromStatusT(android::FAILED_TRANSACTION);
+}
+
+}  // namespace vel::host

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <hidl/Status.h>
+
+#include <string>
+
+namespace sdbus {
+class Error;
+}
+
+namespace vel::host {
+
+// How a call over the bus ended.
+struct CallStatus {
+    enum Kind {
+        OK,
+        DEAD,     // the peer, its object or the bus is gone
+        REFUSED,  // the service answered with an error of its own
+        FAILED,   // anything else: the message could not be sent, read or was not understood
+    };
+    Kind kind = OK;
+    std::string text;  // of the error, for the log
+
+    // The failed status as callers of the interface see it: DEAD_OBJECT, an exception with the text, or
+    // FAILED_TRANSACTION.
+    android::hardware::Status toStatus() const;
+
+    static CallStatus of(const sdbus::Error& error);
+};
+
+}  // namespace vel::host

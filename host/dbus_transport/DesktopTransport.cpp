@@ -1,0 +1,173 @@
+#include "DesktopTransport.h"
+
+#include <android/log.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "DesktopBusNames.h"
+#include "RemoteCameraDesktop.h"
+#include "WireText.h"
+
+namespace vel::host {
+
+namespace bus = vel::desktop_bus;
+using android::sp;
+using bus::InterfaceObject;
+using bus::WireText;
+using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
+
+namespace {
+
+constexpr char kTag[] = "DesktopBus";
+// A local socket answers at once or not at all; a HAL's thread is not to find out which.
+constexpr auto kOpenLimit = std::chrono::seconds(3);
+
+// The answer to an incoming command: a text, or an error.
+struct CommandAnswer {
+    WireText text;
+    const char* errorName = nullptr;
+    std::string errorText;
+};
+
+// Runs the command as the platform does for its own services: an implementation that breaks the rules about
+// its reply function ends its process.
+CommandAnswer runCommand(const sp<ICameraDesktopCallback>& callback, const WireText& command) {
+    const auto text = command.decode();
+    if (!text) return {{}, bus::kErrorInvalidArgs, "the command is not acceptable"};
+    int replies = 0;
+    std::optional<WireText> reply;
+    const auto status = callback->onCommand(*text, [&](const android::hardware::hidl_string& replyText) {
+        ++replies;
+        reply = WireText::encode(replyText.c_str(), replyText.size());
+    });
+    status.assertOk();
+    if (replies != 1) {
+        __android_log_assert("replies == 1", kTag, "onCommand called its reply function %d times", replies);
+    }
+    if (!reply) return {{}, bus::kErrorFailed, "the reply is too long"};
+    return {*reply, nullptr, {}};
+}
+
+}  // namespace
+
+DesktopTransport& DesktopTransport::instance() {
+    static DesktopTransport& transport = *new DesktopTransport;
+    return transport;
+}
+
+sp<DesktopTransport::ICameraDesktop> DesktopTransport::findService(const std::string& instanceName) {
+    const char* const address = std::getenv(bus::kAddressVariable);
+    if (address == nullptr || *address == '\0') {
+        static std::atomic<bool> told{false};
+        if (!told.exchange(true)) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "No desktop service: %s is not set",
+                                bus::kAddressVariable);
+        }
+        return nullptr;
+    }
+    if (instanceName != "default") return nullptr;
+    const OpenSession session = mLoop.open(address, kOpenLimit);
+    std::string owner;
+    if (session.id == 0 || getNameOwner(session.id, bus::kServiceName, &owner).kind != CallStatus::OK) {
+        return nullptr;
+    }
+    return new RemoteCameraDesktop(*this, session, owner);
+}
+
+CallStatus DesktopTransport::getNameOwner(SessionId session, const std::string& name, std::string* owner) {
+    const RemoteObject daemon{session, {"org.freedesktop.DBus", "/org/freedesktop/DBus"}};
+    return call(
+        daemon, "org.freedesktop.DBus", "GetNameOwner", [&](sdbus::MethodCall& message) { message << name; },
+        [&](sdbus::MethodReply& reply) { reply >> *owner; });
+}
+
+InterfaceObject DesktopTransport::lend(const RemoteObject& peer, const OpenSession& session, Kind kind,
+                                       const sp<IBase>& object) {
+    if (object == nullptr) return {};
+    return {session.ownName,
+            mExporter.hold(session.id, peer.object.busName, kind, object,
+                           [&](const std::string& path) { publish(session.id, kind, path); })};
+}
+
+void DesktopTransport::takeBack(const RemoteObject& peer, const InterfaceObject& reference) {
+    discard(peer.session, mExporter.release(peer.session, peer.object.busName, reference.path));
+}
+
+bool DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watcher) {
+    mDeathWatch.add(peer.session, peer.object.busName, std::move(watcher));
+    // The peer may have died before; then no notice comes any more.
+    std::string owner;
+    return getNameOwner(peer.session, peer.object.busName, &owner).kind == CallStatus::OK;
+}
+
+void DesktopTransport::onPeerDied(SessionId session, const std::string& busName) {
+    notifyLater(mDeathWatch.take(session, busName));
+    discard(session, mExporter.releaseHolder(session, busName));
+}
+
+void DesktopTransport::onSessionEnded(SessionId session) {
+    notifyLater(mDeathWatch.takeAll(session));
+    discard(session, mExporter.releaseSession(session));
+}
+
+// On workers, never on the loop: a recipient takes locks that other threads hold while they wait for a reply,
+// and replies need the loop.
+void DesktopTransport::notifyLater(std::vector<DeathWatch::Watcher> watchers) {
+    for (DeathWatch::Watcher& watcher : watchers) {
+        mWorkers.post([watcher = std::move(watcher)] {
+            const sp<IBase> proxy = watcher.proxy.promote();
+            const auto links = watcher.links.lock();
+            if (proxy != nullptr && links) links->notify(proxy);
+        });
+    }
+}
+
+void DesktopTransport::discard(SessionId session, std::vector<ObjectExporter::Dropped> dropped) {
+    for (ObjectExporter::Dropped& entry : dropped) {
+        mLoop.post(session, [path = entry.path](BusSession& current) { current.removeObject(path); });
+        mWorkers.post([object = std::move(entry.object)] {});  // a destructor may call the service
+    }
+}
+
+void DesktopTransport::publish(SessionId session, Kind kind, const std::string& path) {
+    mLoop.post(session, [this, kind, path](BusSession& current) {
+        current.addObject(path, [&](sdbus::IObject& object) {
+            addReferenceMethods(object, current.id(), path);
+            if (kind == Kind::CALLBACK) addCallbackMethods(object, current, path);
+        });
+    });
+}
+
+void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session,
+                                           const std::string& path) {
+    object.registerMethod(bus::kReferenceInterface, bus::kRelease, "", "",
+                          [this, session, path](sdbus::MethodCall call) {
+                              discard(session, mExporter.release(session, call.getSender(), path));
+                          });
+}
+
+void DesktopTransport::addCallbackMethods(sdbus::IObject& object, BusSession& session,
+                                          const std::string& path) {
+    object.registerMethod(bus::kCallbackInterface, bus::kOnCommand, "v", {"command"}, "v", {"reply"},
+                          [this, &session, path](sdbus::MethodCall call) { onCommand(session, path, call); });
+}
+
+void DesktopTransport::onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call) {
+    const sp<IBase> object = mExporter.find(session.id(), Kind::CALLBACK, path);
+    if (object == nullptr) throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
+    const sp<ICameraDesktopCallback> callback = static_cast<ICameraDesktopCallback*>(object.get());
+    mWorkers.post(
+        [this, callback, command = WireText::read(call), id = session.id(), ticket = session.park(call)] {
+            mLoop.post(id, [answer = runCommand(callback, command), ticket](BusSession& current) {
+                if (answer.errorName != nullptr) {
+                    current.refuse(ticket, answer.errorName, answer.errorText);
+                    return;
+                }
+                current.answer(ticket, [&](sdbus::MethodReply& reply) { answer.text.write(reply); });
+            });
+        });
+}
+
+}  // namespace vel::host

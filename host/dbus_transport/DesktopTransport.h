@@ -1,0 +1,70 @@
+#pragma once
+
+#include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
+
+#include <string>
+#include <vector>
+
+#include "BusLoop.h"
+#include "DeathLinks.h"
+#include "ObjectExporter.h"
+#include "WorkerPool.h"
+
+namespace vel::host {
+
+// What the interfaces of this process need to reach other processes and be reached by them: the loop, the
+// workers, the objects exported and the deaths watched. One a process, never destroyed. Any thread.
+class DesktopTransport final : private BusListener {
+  public:
+    using IBase = android::hidl::base::V1_0::IBase;
+    using ICameraDesktop = korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
+    using Kind = ObjectExporter::Kind;
+
+    static DesktopTransport& instance();
+
+    // A new proxy of the service on the bus that the environment names; null, logged, when there is no bus.
+    // Null as well when the service is not there. Waits for neither beyond a few seconds.
+    android::sp<ICameraDesktop> findService(const std::string& instanceName);
+
+    CallStatus call(const RemoteObject& target, const char* interface, const char* method,
+                    const BusLoop::WriteArguments& writeArguments, const BusLoop::ReadReply& readReply) {
+        return mLoop.call(target, interface, method, writeArguments, readReply);
+    }
+
+    // A reference to a local object, for a call to the peer that will hold it; null for null. It must be
+    // taken back when the call fails.
+    desktop_bus::InterfaceObject lend(const RemoteObject& peer, const OpenSession& session, Kind kind,
+                                      const android::sp<IBase>& object);
+    void takeBack(const RemoteObject& peer, const desktop_bus::InterfaceObject& reference);
+    // The local object behind a path of this process, null when it has none such.
+    android::sp<IBase> findLocal(SessionId session, Kind kind, const std::string& path) const {
+        return mExporter.find(session, kind, path);
+    }
+
+    // Has the links notified of the peer's death on a worker. False when the peer is dead already.
+    bool watch(const RemoteObject& peer, DeathWatch::Watcher watcher);
+
+  private:
+    DesktopTransport() = default;
+    ~DesktopTransport() = default;  // never run
+
+    // The owner of a bus name; the status is DEAD when it has none.
+    CallStatus getNameOwner(SessionId session, const std::string& name, std::string* owner);
+
+    void onPeerDied(SessionId session, const std::string& busName) override;
+    void onSessionEnded(SessionId session) override;
+    void notifyLater(std::vector<DeathWatch::Watcher> watchers);
+    void discard(SessionId session, std::vector<ObjectExporter::Dropped> dropped);
+
+    void publish(SessionId session, Kind kind, const std::string& path);
+    void addReferenceMethods(sdbus::IObject& object, SessionId session, const std::string& path);
+    void addCallbackMethods(sdbus::IObject& object, BusSession& session, const std::string& path);
+    void onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call);
+
+    WorkerPool& mWorkers = *new WorkerPool;
+    ObjectExporter mExporter;
+    DeathWatch mDeathWatch;
+    BusLoop& mLoop = *new BusLoop(*this);  // last: its thread uses the others
+};
+
+}  // namespace vel::host
