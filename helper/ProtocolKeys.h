@@ -36,4 +36,9 @@ constexpr char kCameraIds[] = "cameraIds";
 constexpr char kRestartNeeded[] = "restartNeeded";
 constexpr char kCameraId[] = "cameraId";
 
+// Capture metadata for the application.
+constexpr char kFrameNumber[] = "frame_number";
+constexpr char kRequest[] = "request";
+constexpr char kResult[] = "result";
+
 }  // namespace keys

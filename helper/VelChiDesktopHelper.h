@@ -190,6 +190,19 @@ class VEL_EXPORT VelChiDesktopHelper {
     /** Tells the application that the restarted session is open. Blocks for the call; takes mServiceLock. */
     void sendSessionRestartDoneToApp(uint32_t originalId, uint32_t overrideId);
 
+    // --- Capture metadata ----------------------------------------------------------------------------------
+
+    /**
+     * To be called for each capture request and each capture result, with the id that the HAL has open. Sends
+     * the application the tags that its filter names, and waits for the answer without a time limit; writes
+     * the tags of the answer into the capture, see MetadataHandler::convertToMetadata(). md belongs to the
+     * caller, who finds *md.metadata replaced by a buffer to free when md.isMetadataReplaced is set. Nothing
+     * changes without a service or an answer, or when the answer is no JSON (error line); an answer that is
+     * no object ends the process. Tags that hold numbers without a JSON form are left out (error line). Takes
+     * mSettingsLock, then mServiceLock for the exchange, never both; any capture thread may call.
+     */
+    void handleCaptureMetadata(DesktopCaptureMetadata& md, unsigned cameraId);
+
     // --- The service link ----------------------------------------------------------------------------------
 
     /**

@@ -18,5 +18,6 @@ struct DesktopHelperTestAccess {
     static std::mutex& settingsLock(VelChiDesktopHelper& helper) { return helper.mSettingsLock; }
     static std::mutex& serviceLock(VelChiDesktopHelper& helper) { return helper.mServiceLock; }
     static bool isConnected(VelChiDesktopHelper& helper) { return helper.serviceProxy() != nullptr; }
+    static auto& maxStreamSizes(VelChiDesktopHelper& helper) { return helper.mMaxStreamSizes; }
     static MetadataHandler& metadataHandler(VelChiDesktopHelper& helper) { return *helper.mMetadataHandler; }
 };
