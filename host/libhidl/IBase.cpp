@@ -54,7 +54,7 @@ Return<void> IBase::ping() {
 Return<void> IBase::getDebugInfo(getDebugInfo_cb _hidl_cb) {
     if (_hidl_cb == nullptr) return vel::host::nullReplyFunction();
     _hidl_cb({getpid(), reinterpret_cast<uintptr_t>(this),
-              sizeof(void*) == 8 ? Architecture::IS_64BIT : Architecture::IS_32BIT});
+              sizeof(void*) == 8 ? DebugInfo::Architecture::IS_64BIT : DebugInfo::Architecture::IS_32BIT});
     return Void();
 }
 

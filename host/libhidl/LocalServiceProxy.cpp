@@ -22,6 +22,7 @@ using ::android::hardware::Return;
 using ::android::hardware::Status;
 using ::android::hardware::Void;
 using ::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+using ::android::hidl::base::V1_0::DebugInfo;
 using ::korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
 using ::korvanta::hardware::camera::desktop::V2_0::ClientType;
 using ::korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;

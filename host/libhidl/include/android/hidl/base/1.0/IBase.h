@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android/hidl/base/1.0/types.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
 #include <utils/RefBase.h>
@@ -15,13 +16,6 @@ namespace android::hidl::base::V1_0 {
 /// those of a local object; a proxy overrides them.
 struct IBase : virtual public ::android::RefBase {
     static const char* descriptor;
-
-    enum class Architecture : int32_t { UNKNOWN = 0, IS_64BIT = 1, IS_32BIT = 2 };
-    struct DebugInfo final {
-        int32_t pid;
-        uint64_t ptr;
-        Architecture arch;
-    };
 
     /// False for an object of this process, true for a proxy.
     virtual bool isRemote() const;

@@ -83,21 +83,6 @@ struct IGraphicBufferProducer : public ::android::hidl::base::V1_0::IBase {
 
     virtual bool isRemote() const override;
 
-    virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> debug(
-        const ::android::hardware::hidl_handle& fd,
-        const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& options) override;
-    virtual ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> getHashChain(getHashChain_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> setHALInstrumentation() override;
-    virtual ::android::hardware::Return<bool> linkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie) override;
-    virtual ::android::hardware::Return<void> ping() override;
-    virtual ::android::hardware::Return<void> getDebugInfo(getDebugInfo_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
-    virtual ::android::hardware::Return<bool> unlinkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
-
     using requestBuffer_cb =
         std::function<void(int32_t status, const ::android::hardware::media::V1_0::AnwBuffer& buffer)>;
     virtual ::android::hardware::Return<void> requestBuffer(int32_t slot, requestBuffer_cb _hidl_cb) = 0;
@@ -172,6 +157,21 @@ struct IGraphicBufferProducer : public ::android::hidl::base::V1_0::IBase {
 
     using getUniqueId_cb = std::function<void(int32_t status, uint64_t outId)>;
     virtual ::android::hardware::Return<void> getUniqueId(getUniqueId_cb _hidl_cb);
+
+    virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> debug(
+        const ::android::hardware::hidl_handle& fd,
+        const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& options) override;
+    virtual ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> getHashChain(getHashChain_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> setHALInstrumentation() override;
+    virtual ::android::hardware::Return<bool> linkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie) override;
+    virtual ::android::hardware::Return<void> ping() override;
+    virtual ::android::hardware::Return<void> getDebugInfo(getDebugInfo_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
+    virtual ::android::hardware::Return<bool> unlinkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
 };
 
 }  // namespace android::hardware::graphics::bufferqueue::V1_0

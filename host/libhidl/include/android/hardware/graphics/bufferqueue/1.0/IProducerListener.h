@@ -12,6 +12,9 @@ struct IProducerListener : public ::android::hidl::base::V1_0::IBase {
 
     virtual bool isRemote() const override;
 
+    virtual ::android::hardware::Return<void> onBufferReleased() = 0;
+    virtual ::android::hardware::Return<bool> needsReleaseNotify() = 0;
+
     virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
     virtual ::android::hardware::Return<void> debug(
         const ::android::hardware::hidl_handle& fd,
@@ -26,9 +29,6 @@ struct IProducerListener : public ::android::hidl::base::V1_0::IBase {
     virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
     virtual ::android::hardware::Return<bool> unlinkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
-
-    virtual ::android::hardware::Return<void> onBufferReleased() = 0;
-    virtual ::android::hardware::Return<bool> needsReleaseNotify() = 0;
 };
 
 }  // namespace android::hardware::graphics::bufferqueue::V1_0

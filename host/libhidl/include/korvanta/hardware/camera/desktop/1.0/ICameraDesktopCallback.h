@@ -14,6 +14,11 @@ struct ICameraDesktopCallback : public ::android::hidl::base::V1_0::IBase {
 
     virtual bool isRemote() const override;
 
+    using onCommand_cb = std::function<void(const ::android::hardware::hidl_string& reply)>;
+    /// Handles one JSON command. The implementation calls `_hidl_cb` exactly once before it returns.
+    virtual ::android::hardware::Return<void> onCommand(const ::android::hardware::hidl_string& command,
+                                                        onCommand_cb _hidl_cb) = 0;
+
     virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
     virtual ::android::hardware::Return<void> debug(
         const ::android::hardware::hidl_handle& fd,
@@ -28,11 +33,6 @@ struct ICameraDesktopCallback : public ::android::hidl::base::V1_0::IBase {
     virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
     virtual ::android::hardware::Return<bool> unlinkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
-
-    using onCommand_cb = std::function<void(const ::android::hardware::hidl_string& reply)>;
-    /// Handles one JSON command. The implementation calls `_hidl_cb` exactly once before it returns.
-    virtual ::android::hardware::Return<void> onCommand(const ::android::hardware::hidl_string& command,
-                                                        onCommand_cb _hidl_cb) = 0;
 
     /// `parent` as this interface when its interface chain has it, otherwise null; with `emitError` a failed
     /// question is passed on.

@@ -22,21 +22,6 @@ struct ICameraDesktop : public ::android::hidl::base::V1_0::IBase {
 
     virtual bool isRemote() const override;
 
-    virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> debug(
-        const ::android::hardware::hidl_handle& fd,
-        const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& options) override;
-    virtual ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> getHashChain(getHashChain_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> setHALInstrumentation() override;
-    virtual ::android::hardware::Return<bool> linkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie) override;
-    virtual ::android::hardware::Return<void> ping() override;
-    virtual ::android::hardware::Return<void> getDebugInfo(getDebugInfo_cb _hidl_cb) override;
-    virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
-    virtual ::android::hardware::Return<bool> unlinkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
-
     // Four operations of the service's own, which the camera HAL never calls.
     virtual ::android::hardware::Return<void> reserved1() = 0;
     virtual ::android::hardware::Return<void> reserved2() = 0;
@@ -66,6 +51,21 @@ struct ICameraDesktop : public ::android::hidl::base::V1_0::IBase {
     virtual ::android::hardware::Return<
         ::android::sp<::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer>>
     getSurface(::korvanta::hardware::camera::desktop::V2_0::ClientType type) = 0;
+
+    virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> debug(
+        const ::android::hardware::hidl_handle& fd,
+        const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& options) override;
+    virtual ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> getHashChain(getHashChain_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> setHALInstrumentation() override;
+    virtual ::android::hardware::Return<bool> linkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie) override;
+    virtual ::android::hardware::Return<void> ping() override;
+    virtual ::android::hardware::Return<void> getDebugInfo(getDebugInfo_cb _hidl_cb) override;
+    virtual ::android::hardware::Return<void> notifySyspropsChanged() override;
+    virtual ::android::hardware::Return<bool> unlinkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
 
     /// `parent` as this interface when its interface chain has it, otherwise null; with `emitError` a failed
     /// question is passed on.
