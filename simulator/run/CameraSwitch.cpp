@@ -50,7 +50,7 @@ std::vector<Step> cameraSwitchSteps() {
           app("received"), reply("APP", "HAL", "OK_APP")}},
         {"the application asks which camera is open",
          "app",
-         R"({"get":{"what":"overrideId","originalId":0}})",
+         R"({"get":{"what":"overrideId","originalId":0,"clientName":"org.example.desktop"}})",
          {message("APP", "HAL", R"({"get":)"), reply("HAL", "APP", R"({"overrideId":2})"),
           app(R"(reply {"overrideId":2})")}},
         {"the HAL closes camera 0", "camera_server", "close 0", {camera("close 0")}},
@@ -77,10 +77,12 @@ std::vector<std::string> play(const std::vector<Step>& steps, Recorder& recorder
             return missing;
         }
         for (const Expectation& expectation : step.expectations) {
-            if (!recorder.waitFor(expectation, mark, kLimit)) missing.push_back(expectation.text());
-            if (recorder.isInterrupted()) return missing;
+            if (recorder.waitFor(expectation, mark, kLimit)) continue;
+            if (!recorder.isInterrupted()) missing.push_back(expectation.text());
+            break;
         }
-        if (!missing.empty()) return missing;
+        recorder.print();
+        if (!missing.empty() || recorder.isInterrupted()) return missing;
     }
     return missing;
 }

@@ -29,10 +29,22 @@ void Recorder::add(const std::string& source, const std::string& line) {
     {
         std::lock_guard<std::mutex> lock(mLock);
         mEntries.push_back({source, line});
-        std::printf("%s\n", withSource(source, line).c_str());
-        std::fflush(stdout);
     }
     mChanged.notify_all();
+}
+
+void Recorder::print() {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::vector<std::string> lines;
+    for (; mPrinted < mEntries.size(); ++mPrinted) {
+        lines.push_back(withSource(mEntries[mPrinted].source, mEntries[mPrinted].line));
+    }
+    // Every line begins with its time, right-aligned: sorting the texts sorts the times.
+    std::stable_sort(lines.begin(), lines.end(), [](const std::string& left, const std::string& right) {
+        return left.substr(0, left.find(']')) < right.substr(0, right.find(']'));
+    });
+    for (const std::string& line : lines) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
 }
 
 bool Recorder::waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit) {

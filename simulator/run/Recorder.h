@@ -17,13 +17,15 @@ struct Expectation {
 };
 
 /**
- * Merges the output of the programs into one timeline, prints it as it comes, and waits for expected lines.
- * Any thread may call it.
+ * Merges the output of the programs into one timeline and waits for expected lines. Any thread may call it.
  */
 class Recorder {
   public:
-    /** Adds a line of a program, printed at once. The line brings its own time stamp. */
+    /** Adds a line of a program. It brings its own time stamp. */
     void add(const std::string& source, const std::string& line);
+
+    /** Prints the lines that came since the last print, in the order of their times. */
+    void print();
 
     /**
      * Waits for a line that came at or behind the mark and meets the expectation. False when the limit passes
@@ -49,6 +51,7 @@ class Recorder {
     mutable std::mutex mLock;
     std::condition_variable mChanged;
     std::vector<Entry> mEntries;  // guarded by mLock
+    size_t mPrinted = 0;          // guarded by mLock; so many entries were printed
     bool mInterrupted = false;    // guarded by mLock
 };
 

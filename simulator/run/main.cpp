@@ -83,6 +83,7 @@ class Peers {
 int run(const std::string& directory, Recorder& recorder) {
     Peers peers(directory, recorder);
     if (!peers.start()) {
+        recorder.print();
         std::printf("the desktop service did not start\n");
         return 1;
     }
@@ -96,6 +97,7 @@ int run(const std::string& directory, Recorder& recorder) {
     for (const std::string& expectation : missing)
         std::printf("missing: %s\n", expectation.c_str());
     const bool endedWell = peers.end();
+    recorder.print();
     if (!missing.empty() || !endedWell) return 1;
     std::printf("\nevery expected message was seen\n");
     return 0;

@@ -1,0 +1,216 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <hidl_host/LocalServices.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "DesktopHelperTestAccess.h"
+#include "DetachedThread.h"
+#include "FakeDesktopService.h"
+#include "LogCapture.h"
+#include "ServiceCalls.h"
+#include "WaitUntil.h"
+
+namespace {
+
+using Access = DesktopHelperTestAccess;
+using korvanta::hardware::camera::desktop::V2_0::ClientType;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr uint32_t kNone = 65535;
+constexpr char kTag[] = "VelCameraDesktopChiHelper";
+constexpr char kRestartDone02[] =
+    R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":2}})";
+
+class ASession : public testing::Test {
+  protected:
+    ASession() : service(FakeDesktopService::start()), helper(Access::create()) { log.clear(); }
+    ~ASession() override {
+        messages();
+        helper.reset();
+        vel::host::clearLocalServices();
+    }
+
+    uint32_t open(uint32_t fwkId) {
+        uint32_t cameraId = fwkId;
+        helper->updateCameraIdOnHalOpen(cameraId);
+        return cameraId;
+    }
+    // The messages sent so far, once no thread is left that could send another.
+    std::vector<std::string> messages() {
+        EXPECT_TRUE(waitUntil([] { return detached_thread::liveCount() == 0; }));
+        return describe(service->calls(FakeDesktopService::Operation::SEND_COMMAND));
+    }
+    VelChiDesktopHelper::DesktopSettings& record(uint32_t fwkId) { return Access::settings(*helper, fwkId); }
+    std::vector<std::string> logged() const { return log.texts(kTag); }
+
+    LogCapture log;
+    android::sp<FakeDesktopService> service;
+    std::unique_ptr<VelChiDesktopHelper> helper;
+};
+
+MATCHER_P2(CommandTo, type, text, "") {
+    return arg.type == type && arg.text == text;
+}
+
+TEST_F(ASession, OpensTheRequiredCameraWithoutAMessage) {
+    EXPECT_EQ(open(0), 4u);
+    EXPECT_EQ(record(0).currentOverrideId, 4u);
+    for (uint32_t id = 1; id < 16; ++id)
+        EXPECT_EQ(open(id), id);
+    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(ASession, OpensTheFrameworksOwnIdWhenTheOverrideIsNotAllowed) {
+    record(0).overrideAllowed = false;
+    EXPECT_EQ(open(0), 0u);
+    EXPECT_EQ(record(0).currentOverrideId, 0u);
+    helper->setRequiredOverrideId(0, 2);
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
+    record(0).restartPending = true;
+    EXPECT_EQ(open(0), 0u);
+    EXPECT_THAT(
+        messages(),
+        ElementsAre(
+            R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":0}})"));
+}
+
+TEST_F(ASession, LeavesAnInvalidIdAlone) {
+    EXPECT_EQ(open(16), 16u);
+    helper->onHalClose(kNone);
+    helper->setRequiredOverrideId(0, 16);
+    helper->setRequiredOverrideId(16, 0);
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
+    EXPECT_THAT(logged(), ElementsAre("E updateCameraIdOnHalOpen: Invalid camera id 16",
+                                      testing::MatchesRegex("E onHalClose:[0-9]+ Invalid camera id 65535")));
+}
+
+TEST_F(ASession, AsksTheCameraServiceForARestartOnceWhenAnOpenCameraMustChange) {
+    service->setReply(ClientType::CLIENT_CAMERA_SERVICE, "YES");
+    open(0);
+    helper->setRequiredOverrideId(0, 2);
+    helper->setRequiredOverrideId(0, 2);
+    EXPECT_EQ(record(0).requiredOverrideId, 2u);
+    EXPECT_THAT(messages(), ElementsAre(R"(sendCommand 1 {"restartNeeded":{"cameraId":"0"}})"));
+    EXPECT_THAT(logged(), ElementsAre("D triggerSessionRestart: CameraService replied YES"));
+
+    helper->setRequiredOverrideId(0, 4);
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
+    EXPECT_EQ(messages().size(), 1u) << "going back to the open camera needs no restart";
+}
+
+TEST_F(ASession, RemembersARequestForAClosedCamera) {
+    helper->setRequiredOverrideId(0, 2);
+    EXPECT_EQ(open(0), 2u);
+    EXPECT_THAT(messages(), IsEmpty());
+}
+
+TEST_F(ASession, AnnouncesTheFinishedRestartAtEveryOpenUntilTheClose) {
+    open(0);
+    helper->setRequiredOverrideId(0, 2);
+    messages();
+    service->forgetCalls();
+    uint32_t fwkId = kNone;
+    ASSERT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
+    EXPECT_EQ(open(0), 2u);
+    EXPECT_THAT(messages(), ElementsAre(kRestartDone02));
+    EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
+    EXPECT_EQ(open(0), 2u);
+    EXPECT_EQ(messages().size(), 2u);
+
+    helper->onHalClose(0);
+    EXPECT_EQ(record(0).currentOverrideId, kNone);
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
+    EXPECT_FALSE(record(0).restartPending);
+    EXPECT_EQ(open(0), 4u);
+    EXPECT_EQ(messages().size(), 2u) << "a close ends the announcements";
+}
+
+TEST_F(ASession, CloseKeepsWhatTheEventsHaveSet) {
+    record(2).isDesktop = true;
+    record(2).overrideAllowed = false;
+    helper->onHalClose(2);
+    EXPECT_TRUE(record(2).isDesktop);
+    EXPECT_FALSE(record(2).overrideAllowed);
+}
+
+TEST_F(ASession, GoesOnWhenItsMessagesCannotBeDelivered) {
+    vel::host::killLocalService("default");
+    vel::host::awaitDeathNotices();
+    open(0);
+    helper->setRequiredOverrideId(0, 2);
+    uint32_t fwkId = kNone;
+    EXPECT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
+    EXPECT_EQ(open(0), 2u);
+    messages();
+    EXPECT_EQ(log.count("triggerSessionRestart: CameraService replied "), 1u);
+    EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
+    EXPECT_EQ(log.count("Service not available"), 2u);
+}
+
+// The link is busy with a message whose receiver will only answer after a command of its own, which needs the
+// registry: the close must keep out of the registry while it waits for the link.
+TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {
+    open(0);
+    std::promise<std::string> talkedBack;
+    service->setReply([&](ClientType, const std::string&) {
+        talkedBack.set_value(
+            service->sendToCallback(R"({"get":{"what":"overrideId","originalId":0}})").value_or("nobody"));
+        return std::string("OK_APP");
+    });
+    service->block(FakeDesktopService::Operation::SEND_COMMAND);
+    std::thread sender([&] { helper->sendSessionRestartDoneToApp(0, 2); });
+    ASSERT_TRUE(service->awaitBlocked(FakeDesktopService::Operation::SEND_COMMAND));
+
+    std::atomic<bool> closed{false};
+    std::thread closer([&] {
+        helper->onHalClose(0);
+        closed = true;
+    });
+    // The registry answers although the close is on its way.
+    for (int query = 0; query < 50; ++query)
+        EXPECT_EQ(helper->getCurrentOverrideId(0), 4u);
+    EXPECT_FALSE(closed);
+    service->unblock(FakeDesktopService::Operation::SEND_COMMAND);
+    sender.join();
+    closer.join();
+    EXPECT_EQ(talkedBack.get_future().get(), R"({"overrideId":4})");
+    EXPECT_EQ(record(0).currentOverrideId, kNone);
+}
+
+// Whatever the interleaving, the required id stays valid and a final close leaves the defaults.
+TEST_F(ASession, KeepsARecordWholeUnderOpensClosesSwitchesAndRequests) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    const auto repeat = [&](auto action) {
+        threads.emplace_back([&stop, action] {
+            while (!stop)
+                action();
+        });
+    };
+    repeat([&] {
+        const uint32_t cameraId = open(0);
+        EXPECT_LT(cameraId, 16u);
+    });
+    repeat([&] { helper->onHalClose(0); });
+    repeat([&] {
+        uint32_t fwkId = 0;
+        (void)helper->needsCameraIdSwitch(2, fwkId);
+    });
+    repeat([&] { helper->handleCommand(R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true}})"); });
+    for (uint32_t id = 0; id < 300; ++id)
+        helper->setRequiredOverrideId(0, id % 16);
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    helper->onHalClose(0);
+    EXPECT_EQ(record(0).currentOverrideId, kNone);
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
+    EXPECT_FALSE(record(0).restartPending);
+}
+
+}  // namespace

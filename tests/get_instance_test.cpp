@@ -1,0 +1,117 @@
+// The process-wide instance: its construction under many threads and under commands that arrive meanwhile, and its
+// destruction while a detached thread lives. Each case is a process of its own.
+
+#include <gtest/gtest.h>
+#include <hidl_host/LocalServices.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "DetachedThread.h"
+#include "FakeDesktopService.h"
+#include "HelperLifetime.h"
+#include "VelChiDesktopHelper.h"
+#include "WaitUntil.h"
+
+namespace {
+
+constexpr int kThreads = 16;
+
+// Sends a command to the HAL from inside the registration, as an eager peer would, on the thread that registers
+// and on another one, and takes the instance as code inside a command does.
+class EagerService : public FakeDesktopService {
+  public:
+    android::hardware::Return<void> registerCallback(
+        ClientType type, const android::sp<ICameraDesktopCallback>& callback) override {
+        (void)FakeDesktopService::registerCallback(type, callback).isOk();
+        command();
+        std::thread(&EagerService::command, this).join();
+        ++registrations;
+        return android::hardware::Void();
+    }
+
+    std::atomic<int> registrations{0};
+    std::atomic<int> answers{0};
+    std::atomic<VelChiDesktopHelper*> seen{nullptr};
+
+  private:
+    void command() {
+        seen = helper_lifetime::instance();
+        if (sendToCallback(R"({"general":{"originalId":0,"overrideId":2}})") == "OK_HAL") ++answers;
+    }
+};
+
+[[noreturn]] void getInstanceFromManyThreads() {
+    alarm(60);
+    const android::sp<EagerService> service = new EagerService;
+    if (service->registerAsService() != android::OK) _exit(2);
+    std::atomic<int> ready{0};
+    std::vector<VelChiDesktopHelper*> instances(kThreads, nullptr);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            ++ready;
+            while (ready < kThreads) std::this_thread::yield();
+            instances[i] = VelChiDesktopHelper::getInstance();
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    VelChiDesktopHelper* const instance = VelChiDesktopHelper::getInstance();
+    bool allSame = instance != nullptr && service->seen == instance;
+    for (VelChiDesktopHelper* each : instances) allSame = allSame && each == instance;
+    uint32_t cameraId = 0;
+    instance->updateCameraIdOnHalOpen(cameraId);
+    const bool asExpected =
+        allSame && service->registrations == 1 && service->answers == 2 && cameraId == 2;
+    std::exit(asExpected ? 0 : 1);
+}
+
+// A service dies, and the process exits while the reconnection sleeps.
+[[noreturn]] void exitDuringReconnection(useconds_t afterDeath) {
+    alarm(60);
+    FakeDesktopService::start();
+    (void)VelChiDesktopHelper::getInstance();
+    vel::host::killLocalService("default");
+    vel::host::awaitDeathNotices();
+    if (detached_thread::liveCount() != 1) _exit(2);
+    usleep(afterDeath);
+    std::exit(0);
+}
+
+// The process exits while a message waits at its peer.
+[[noreturn]] void exitDuringAMessage() {
+    alarm(60);
+    const auto service = FakeDesktopService::start();
+    service->block(FakeDesktopService::Operation::SEND_COMMAND);
+    VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
+    uint32_t cameraId = 0;
+    helper->updateCameraIdOnHalOpen(cameraId);
+    helper->setRequiredOverrideId(0, 2);
+    if (!service->awaitBlocked(FakeDesktopService::Operation::SEND_COMMAND)) _exit(2);
+    std::exit(0);
+}
+
+class TheInstance : public testing::Test {
+  protected:
+    // Each case starts the test program anew, so that its first getInstance() is the process's first.
+    TheInstance() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
+
+TEST_F(TheInstance, IsOneForAllFirstCallersAndForCommandsThatArriveDuringItsConstruction) {
+    EXPECT_EXIT(getInstanceFromManyThreads(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TheInstance, MayBeDestroyedWhileTheReconnectionSleeps) {
+    EXPECT_EXIT(exitDuringReconnection(0), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(exitDuringReconnection(100 * 1000), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(exitDuringReconnection(499 * 1000), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TheInstance, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
+    EXPECT_EXIT(exitDuringAMessage(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
