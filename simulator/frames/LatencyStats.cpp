@@ -1,0 +1,53 @@
+#include "LatencyStats.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace vel::sim {
+
+// Values below kSteps have a bucket each; above, the top kStepBits + 1 bits of a value choose it.
+int LatencyStats::bucketOf(uint64_t value) {
+    if (value < kSteps) return static_cast<int>(value);
+    const int doublings = 63 - __builtin_clzll(value) - kStepBits;
+    return doublings * kSteps + static_cast<int>(value >> doublings);
+}
+
+int64_t LatencyStats::highestOf(int bucket) {
+    if (bucket < 2 * kSteps) return bucket;
+    const int doublings = bucket / kSteps - 1;
+    const auto top = static_cast<uint64_t>(bucket % kSteps + kSteps);
+    return static_cast<int64_t>(((top + 1) << doublings) - 1);
+}
+
+void LatencyStats::record(int64_t latencyNs) {
+    const int64_t latency = std::max<int64_t>(0, latencyNs);
+    ++mBuckets[static_cast<size_t>(bucketOf(static_cast<uint64_t>(latency)))];
+    ++mCount;
+    mMin = std::min(mMin, latency);
+    mMax = std::max(mMax, latency);
+}
+
+int64_t LatencyStats::percentileNs(double percent) const {
+    if (mCount == 0) return 0;
+    const double share = std::clamp(percent, 0.0, 100.0) / 100.0;
+    const auto rank =
+        std::max<uint64_t>(1, static_cast<uint64_t>(std::ceil(share * static_cast<double>(mCount))));
+    uint64_t seen = 0;
+    int bucket = 0;
+    while (bucket < kBuckets - 1 && (seen += mBuckets[static_cast<size_t>(bucket)]) < rank)
+        ++bucket;
+    return std::clamp(highestOf(bucket), mMin, mMax);
+}
+
+std::string LatencyStats::summary() const {
+    if (mCount == 0) return "no frames";
+    const auto ms = [](int64_t ns) { return static_cast<double>(ns) / 1e6; };
+    char text[160];
+    std::snprintf(text, sizeof(text), "%llu frame%s: min %.2f, p50 %.2f, p90 %.2f, p99 %.2f, max %.2f ms",
+                  static_cast<unsigned long long>(mCount), mCount == 1 ? "" : "s", ms(minNs()),
+                  ms(percentileNs(50)), ms(percentileNs(90)), ms(percentileNs(99)), ms(maxNs()));
+    return text;
+}
+
+}  // namespace vel::sim
