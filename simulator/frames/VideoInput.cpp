@@ -1,0 +1,185 @@
+#include "VideoInput.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+#include "Timeline.h"
+
+namespace vel::sim {
+namespace {
+
+using android::base::unique_fd;
+
+constexpr size_t kMaxErrorText = 2048;
+constexpr int kPipeBytes = 1 << 20;  // a large pipe spares wake-ups; the kernel may refuse
+
+// The child has the file as its standard input and opens it from there by a name without any ending, which it
+// could otherwise take for a format, nor anything it could take for an option, a pattern or an address.
+constexpr const char* kCommand[] = {"ffmpeg",       "-nostdin",        "-hide_banner", "-v",    "error",
+                                    "-i",           "file:/dev/stdin", "-map",         "0:v:0", "-f",
+                                    "yuv4mpegpipe", "-pix_fmt",        "yuv420p",      "-",     nullptr};
+
+struct Pipe {
+    unique_fd parent;
+    unique_fd child;
+};
+
+Pipe openPipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    return {unique_fd(ends[0]), unique_fd(ends[1])};
+}
+
+// Runs in the child between fork and exec: only async-signal-safe calls.
+[[noreturn]] void becomeDecoder(int file, int output, int errors, int failure, pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // the parent died before the line above
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(file, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    dup2(errors, STDERR_FILENO);
+    execvp(kCommand[0], const_cast<char* const*>(kCommand));
+    const int error = errno;
+    if (write(failure, &error, sizeof(error)) < 0) _exit(126);
+    _exit(127);
+}
+
+// The lines as one, without the decoder's addresses and its name for the file.
+std::string oneLine(const std::string& text) {
+    static const std::regex noise(R"(^(\[[^\]]* @ 0x[0-9a-f]+\] )?(file:/dev/stdin: )?)");
+    std::istringstream lines(text);
+    std::string all;
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (!line.empty()) all += (all.empty() ? "" : "; ") + std::regex_replace(line, noise, "");
+    }
+    return printable(all, 500);
+}
+
+}  // namespace
+
+VideoInput::Decoder::~Decoder() {
+    if (pid < 0) return;
+    kill(pid, SIGKILL);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+VideoInput::VideoInput(const std::string& file)
+    : mName(file == "-" ? "standard input" : printable(file, 256)), mCancel(eventfd(0, EFD_CLOEXEC)) {
+    if (file == "-") {
+        mData.reset(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+        if (mData < 0) fail(std::strerror(errno));
+    } else {
+        startDecoder(file);
+    }
+    mReader =
+        std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
+}
+
+VideoInput::~VideoInput() = default;
+
+void VideoInput::fail(const std::string& what) const {
+    throw std::runtime_error(mName + ": " + what);
+}
+
+void VideoInput::startDecoder(const std::string& file) {
+    const unique_fd input(
+        open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a FIFO must not block here
+    struct stat status {};
+    if (input < 0 || fstat(input, &status) != 0) fail(std::strerror(errno));
+    (void)fcntl(input, F_SETFL, O_RDONLY);
+    if (S_ISDIR(status.st_mode)) fail("is a directory");
+    if (S_ISREG(status.st_mode) && status.st_size == 0) fail("is empty");
+    Pipe output = openPipe();
+    Pipe errors = openPipe();
+    Pipe failure = openPipe();
+    (void)fcntl(output.parent, F_SETPIPE_SZ, kPipeBytes);
+
+    const pid_t parent = getpid();
+    mDecoder.pid = fork();
+    if (mDecoder.pid < 0) fail(std::string("fork: ") + std::strerror(errno));
+    if (mDecoder.pid == 0) becomeDecoder(input, output.child, errors.child, failure.child, parent);
+    failure.child.reset();
+    int error = 0;
+    if (read(failure.parent, &error, sizeof(error)) == sizeof(error)) {
+        fail(error == ENOENT ? "needs the program ffmpeg, which is not installed"
+                             : std::string("cannot start ffmpeg: ") + std::strerror(error));
+    }
+    mData = std::move(output.parent);
+    mErrors = std::move(errors.parent);
+}
+
+bool VideoInput::readFrame(const FrameView& frame) {
+    return mReader->readFrame(frame);
+}
+
+std::string VideoInput::complaint() const {
+    return oneLine(mErrorText);
+}
+
+void VideoInput::cancel() {
+    eventfd_write(mCancel, 1);
+}
+
+// Waits for data, or errors, to read. True when there are errors.
+bool VideoInput::waitReadable(int data) const {
+    pollfd sources[] = {{data, POLLIN, 0}, {mErrors, POLLIN, 0}, {mCancel, POLLIN, 0}};
+    while (poll(sources, 3, -1) < 0 && errno == EINTR) {
+    }
+    if (sources[2].revents != 0) fail("reading was cancelled");
+    return sources[1].revents != 0;
+}
+
+// Takes what the decoder says, so that it never waits for us to listen.
+void VideoInput::readErrors() {
+    char buffer[512];
+    const ssize_t got = read(mErrors, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) return;
+    if (got <= 0) return mErrors.reset();
+    const size_t room = kMaxErrorText - mErrorText.size();
+    mErrorText.append(buffer, std::min(room, static_cast<size_t>(got)));
+}
+
+size_t VideoInput::readData(void* to, size_t count) {
+    if (mData < 0) return 0;
+    while (waitReadable(mData))
+        readErrors();
+    const size_t got = readFrom(mData)(to, count);
+    mAnyData |= got > 0;
+    if (got > 0) return got;
+    mData.reset();
+    if (mDecoder.pid > 0) finishDecoder();
+    return 0;
+}
+
+void VideoInput::finishDecoder() {
+    while (mErrors >= 0 && waitReadable(-1))
+        readErrors();
+    int status = 0;
+    while (waitpid(mDecoder.pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    mDecoder.pid = -1;
+    const bool failed = !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+    if (!failed && mAnyData) return;
+    if (!mErrorText.empty()) fail("cannot be decoded: " + complaint());
+    if (WIFSIGNALED(status)) fail("ffmpeg was ended by signal " + std::to_string(WTERMSIG(status)));
+    fail(failed ? "ffmpeg failed without a word" : "holds no picture");
+}
+
+}  // namespace vel::sim

@@ -1,0 +1,389 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <future>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FrameCounter.h"
+#include "TemporaryFolder.h"
+#include "TestPicture.h"
+#include "VideoInput.h"
+#include "WaitUntil.h"
+#include "Y4mReader.h"
+#include "Y4mWriter.h"
+
+namespace vel::sim {
+namespace {
+
+using testing::AllOf, testing::HasSubstr, testing::Not, testing::StartsWith;
+
+constexpr FrameSize kSize{96, 64};
+
+// The text of the error that the action throws; a remark when it throws none.
+template <typename Action>
+std::string errorOf(Action action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "(no error)";
+}
+
+// Delivers a text in pieces of at most so many bytes.
+ReadBytes piecesOf(std::string text, size_t piece) {
+    return [text = std::move(text), piece, at = size_t{0}](void* to, size_t count) mutable {
+        const size_t given = std::min({piece, count, text.size() - at});
+        text.copy(static_cast<char*>(to), given, at);
+        at += given;
+        return given;
+    };
+}
+
+std::string headerError(const std::string& text) {
+    return errorOf([&] { Y4mReader("in", piecesOf(text, 7)); });
+}
+
+std::string frameOf(uint8_t value, size_t bytes = frameBytes({4, 2})) {
+    return "FRAME\n" + std::string(bytes, static_cast<char>(value));
+}
+
+// Standard input or output replaced by another descriptor for a while.
+class Redirected {
+  public:
+    Redirected(int standard, int other) : mStandard(standard), mSaved(dup(standard)) {
+        dup2(other, standard);
+    }
+    ~Redirected() {
+        dup2(mSaved, mStandard);
+        close(mSaved);
+    }
+
+  private:
+    const int mStandard;
+    const int mSaved;
+};
+
+bool hasChildren() {
+    return waitid(P_ALL, 0, nullptr, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+}
+
+TEST(AY4mReader, ReadsFramesHoweverTheBytesArrive) {
+    const std::string stream = "YUV4MPEG2 W4 H2 F30000:1001 Ip A1:1 C420mpeg2 XYSCSS=420MPEG2\n" +
+                               frameOf(1) + "FRAME Ip Xany\n" + std::string(12, '\2') + frameOf(3);
+    for (const size_t piece : {size_t{1}, size_t{5}, size_t{4096}}) {
+        Y4mReader reader("in", piecesOf(stream, piece));
+        EXPECT_EQ(reader.size(), (FrameSize{4, 2}));
+        EXPECT_EQ(reader.rate().frames, 30000);
+        EXPECT_EQ(reader.rate().seconds, 1001);
+        Frame frame(reader.size());
+        for (uint8_t value = 1; value <= 3; ++value) {
+            ASSERT_TRUE(reader.readFrame(frame.view()));
+            EXPECT_EQ(frame.view().v().row(0)[1], value);
+        }
+        EXPECT_FALSE(reader.readFrame(frame.view()));
+        EXPECT_FALSE(reader.readFrame(frame.view()));
+    }
+}
+
+TEST(AY4mReader, SaysInOneLineWhyAStreamIsRefused) {
+    const std::string start = "YUV4MPEG2 ";
+    const std::pair<std::string, const char*> rows[] = {
+        {"", "is empty"},
+        {"hello, world\n", "is not a YUV4MPEG2 stream"},
+        {std::string(5000, '\xff'), "is not a YUV4MPEG2 stream"},
+        {"YUV4MPEG25 W4 H2\n", "is not a YUV4MPEG2 stream"},
+        {"\n", "is not a YUV4MPEG2 stream"},
+        {"YUV4", "ends inside the header"},
+        {start + "W4 H2", "ends inside the header"},
+        {start + "W4 H2 X" + std::string(5000, 'x') + "\n", "endless header"},
+        {start + "H2\n", "without width or height"},
+        {start + "W4\n", "without width or height"},
+        {start + "Wfour H2\n", "broken header field Wfour"},
+        {start + "W H2\n", "broken header field W"},
+        {start + "W-4 H2\n", "broken header field W-4"},
+        {start + "W99999999999 H2\n", "broken header field W99999999999"},
+        {start + "W4 H2 F30\n", "broken header field F30"},
+        {start + "W8194 H2\n", "8194x2, only sides of 2 to 8192"},
+        {start + "W4 H2147483647\n", "4x2147483647, only sides"},
+        {start + "W5 H2\n", "5x2, only even"},
+        {start + "W4 H3\n", "4x3, only even"},
+        {start + "W4 H2 C444\n", "chroma '444', only 8-bit 4:2:0"},
+        {start + "W4 H2 C420p10\n", "chroma '420p10'"},
+        {start + "W4 H2 Cmono\n", "chroma 'mono'"},
+    };
+    for (const auto& [text, reason] : rows)
+        EXPECT_THAT(headerError(text), AllOf(StartsWith("in: "), HasSubstr(reason), Not(HasSubstr("\n"))));
+}
+
+TEST(AY4mReader, TellsABrokenFrameFromTheEnd) {
+    Frame frame({4, 2});
+    const auto second = [&](const std::string& rest) {
+        Y4mReader reader("in", piecesOf("YUV4MPEG2 W4 H2\n" + frameOf(1) + rest, 9));
+        EXPECT_TRUE(reader.readFrame(frame.view()));
+        return errorOf([&] { reader.readFrame(frame.view()); });
+    };
+    EXPECT_EQ(second(""), "(no error)");
+    EXPECT_EQ(second(frameOf(2, 5)), "in: ends inside frame 1, after 5 of 12 bytes");
+    EXPECT_EQ(second("FRAME\n"), "in: ends inside frame 1, after 0 of 12 bytes");
+    EXPECT_THAT(second("FRA"), HasSubstr("ends inside the header of frame 1"));
+    EXPECT_THAT(second("more than a frame"), HasSubstr("FRAME expected of frame 1"));
+}
+
+TEST(AY4mReader, RefusesAViewOfAnotherSize) {
+    Y4mReader reader("in", piecesOf("YUV4MPEG2 W4 H2\n" + frameOf(1), 99));
+    Frame frame({8, 8});
+    EXPECT_THROW(reader.readFrame(frame.view()), std::invalid_argument);
+}
+
+TEST(AY4mWriter, WritesWhatTheReaderReads) {
+    const TemporaryFolder folder;
+    for (const FrameSize size : {kSize, FrameSize{97, 65}}) {
+        const std::string file = folder.path("out.y4m");
+        const TestPicture picture(size, 1);
+        Frame frame(size);
+        Y4mWriter writer(file, size, {25, 1});
+        for (uint32_t i = 0; i < 5; ++i) {
+            picture.draw(i, frame.view());
+            EXPECT_TRUE(writer.writeFrame(frame.view()));
+        }
+        writer.close();
+
+        const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        Y4mReader reader(file, readFrom(fd));
+        EXPECT_EQ(reader.size(), kSize);
+        EXPECT_EQ(reader.rate().frames, 25);
+        Frame back(reader.size());
+        for (uint32_t i = 0; i < 5; ++i) {
+            ASSERT_TRUE(reader.readFrame(back.view()));
+            EXPECT_EQ(readFrameCounter(back.view()), (FrameCounter{i, 1}));
+        }
+        const auto lastChroma = [](const ConstFrameView& view) { return view.v().row(31)[47]; };
+        EXPECT_EQ(lastChroma(back.view()), lastChroma(frame.view()));
+        EXPECT_FALSE(reader.readFrame(back.view()));
+        close(fd);
+    }
+}
+
+TEST(AY4mWriter, ReportsAFailureOnce) {
+    const Frame frame(kSize);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::optional<Y4mWriter> writer;
+    {
+        const Redirected output(STDOUT_FILENO, ends[1]);
+        writer.emplace("-", kSize, FrameRate{});
+    }
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_THAT(errorOf([&] { writer->writeFrame(frame.view()); }),
+                "cannot write standard output: Broken pipe");
+    EXPECT_EQ(errorOf([&] { EXPECT_FALSE(writer->writeFrame(frame.view())); }), "(no error)");
+    EXPECT_EQ(errorOf([&] { writer->close(); }), "(no error)");
+}
+
+TEST(AY4mWriter, NamesTheFileThatCannotBeWritten) {
+    EXPECT_EQ(errorOf([] { Y4mWriter("/dev/full", kSize, {}); }),
+              "cannot write /dev/full: No space left on device");
+    EXPECT_EQ(errorOf([] { Y4mWriter("/nowhere/out.y4m", kSize, {}); }),
+              "cannot write /nowhere/out.y4m: No such file or directory");
+    EXPECT_EQ(errorOf([] { Y4mWriter("/", kSize, {}); }), "cannot write /: Is a directory");
+}
+
+// Video files, made by ffmpeg itself.
+class AVideoInput : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "ffmpeg is not installed";
+    }
+    // Nothing may be left behind, whatever happened.
+    void TearDown() override { EXPECT_FALSE(hasChildren()); }
+
+    // Encodes a test source: what follows -i, for example "testsrc2=size=320x240:rate=10:duration=1".
+    std::string encoded(const std::string& name, const std::string& source, const std::string& options = "") {
+        const std::string file = mFolder.path(name);
+        const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i " + source + " " + options +
+                                    " '" + file + "' </dev/null >'" + mFolder.path("ffmpeg.log") + "' 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0) << mFolder.read("ffmpeg.log");
+        return file;
+    }
+    std::string clip(const std::string& name = "clip.mp4") {
+        return encoded(name, "testsrc2=size=320x240:rate=10:duration=2",
+                       "-c:v libx264 -preset ultrafast -pix_fmt yuv420p");
+    }
+    static int countFrames(VideoInput& input) {
+        Frame frame(input.size());
+        int count = 0;
+        while (input.readFrame(frame.view()))
+            ++count;
+        return count;
+    }
+    static std::string openError(const std::string& file) {
+        return errorOf([&] { VideoInput input(file); });
+    }
+
+    const TemporaryFolder mFolder;
+};
+
+TEST_F(AVideoInput, DecodesAClip) {
+    VideoInput input(clip());
+    EXPECT_EQ(input.size(), (FrameSize{320, 240}));
+    EXPECT_EQ(input.rate().frames, 10 * input.rate().seconds);
+    Frame first(input.size());
+    Frame last(input.size());
+    ASSERT_TRUE(input.readFrame(first.view()));
+    int count = 1;
+    while (input.readFrame(last.view()))
+        ++count;
+    EXPECT_EQ(count, 20);
+    EXPECT_FALSE(
+        std::equal(first.view().block(), first.view().block() + first.view().bytes(), last.view().block()))
+        << "the picture stands still";
+    EXPECT_EQ(input.complaint(), "");
+    EXPECT_FALSE(input.readFrame(last.view())) << "the end is the end";
+}
+
+TEST_F(AVideoInput, KnowsAFileByItsContentWhateverItsName) {
+    for (const char* name : {"-f", "100%d.mp4", "http:clip", "with blank 'n\nnewline"}) {
+        std::filesystem::rename(clip(), mFolder.path(name));
+        const std::string here = std::filesystem::current_path();
+        std::filesystem::current_path(mFolder.path(""));
+        {
+            VideoInput input(name);
+            EXPECT_EQ(countFrames(input), 20) << name;
+        }
+        std::filesystem::current_path(here);
+    }
+}
+
+TEST_F(AVideoInput, ReadsAPictureAsOneFrame) {
+    for (const char* name : {"still.png", "still.jpg", "still.bmp", "still.gif", "still.webp"}) {
+        VideoInput input(encoded(name, "testsrc2=size=64x48", "-frames:v 1"));
+        EXPECT_EQ(input.size(), (FrameSize{64, 48}));
+        EXPECT_EQ(countFrames(input), 1) << name;
+    }
+}
+
+TEST_F(AVideoInput, SaysInOneLineWhyAFileCannotBeRead) {
+    const std::string whole = clip();
+    const std::string bytes = mFolder.read("clip.mp4");
+    const std::string odd =
+        encoded("odd.mkv", "testsrc=size=321x241:rate=5:duration=1", "-c:v ffv1 -pix_fmt yuv420p");
+    const std::string sound = encoded("sound.wav", "sine=duration=0.2");
+    const std::pair<std::string, const char*> rows[] = {
+        {mFolder.path("none.mp4"), "No such file or directory"},
+        {mFolder.path(""), "is a directory"},
+        {mFolder.write("empty.mp4", ""), "is empty"},
+        {mFolder.write("notes.txt", "These are notes.\nThey are no film.\n"), "Invalid data found"},
+        {mFolder.write("cut.mp4", bytes.substr(0, bytes.size() / 2)), "moov atom not found"},
+        {sound, "matches no streams"},
+        {odd, "321x241, only even"},
+    };
+    for (const auto& [file, reason] : rows) {
+        EXPECT_THAT(openError(file), AllOf(StartsWith(file + ": "), HasSubstr(reason), Not(HasSubstr("\n")),
+                                           Not(HasSubstr("/dev/stdin"))));
+        EXPECT_FALSE(hasChildren()) << file;
+    }
+}
+
+TEST_F(AVideoInput, PlaysADamagedClipAndSaysThatItIs) {
+    clip("whole.ts");
+    std::string bytes = mFolder.read("whole.ts");
+    for (size_t at = bytes.size() / 3; at < bytes.size() * 2 / 3; at += 97)
+        bytes[at] = static_cast<char>(~bytes[at]);
+    VideoInput input(mFolder.write("damaged.ts", bytes));
+    EXPECT_GT(countFrames(input), 0);
+    EXPECT_THAT(input.complaint(), AllOf(Not(""), Not(HasSubstr("\n"))));
+    EXPECT_LE(input.complaint().size(), 600u);
+}
+
+TEST_F(AVideoInput, LeavesNoDecoderBehindWhenItGoesEarly) {
+    VideoInput input(encoded("long.mp4", "testsrc2=size=640x480:rate=30:duration=10",
+                             "-c:v libx264 -preset ultrafast -pix_fmt yuv420p"));
+    Frame frame(input.size());
+    EXPECT_TRUE(input.readFrame(frame.view()));
+    EXPECT_TRUE(hasChildren()) << "ffmpeg still has most of it to deliver";
+}
+
+TEST_F(AVideoInput, SaysThatFfmpegIsMissing) {
+    const std::string file = clip();
+    const std::string path = getenv("PATH");
+    setenv("PATH", "/nowhere", 1);
+    const std::string error = openError(file);
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(error, file + ": needs the program ffmpeg, which is not installed");
+}
+
+TEST_F(AVideoInput, ReportsADecoderThatIsKilled) {
+    mFolder.write("ffmpeg", "#!/bin/sh\nprintf 'YUV4MPEG2 W4 H2\\n'\nkill -9 $$\n");
+    std::filesystem::permissions(mFolder.path("ffmpeg"), std::filesystem::perms::owner_all);
+    const std::string path = getenv("PATH");
+    setenv("PATH", (mFolder.path("") + ":" + path).c_str(), 1);
+    VideoInput input(mFolder.write("any", "any"));
+    setenv("PATH", path.c_str(), 1);
+    Frame frame(input.size());
+    EXPECT_THAT(errorOf([&] { input.readFrame(frame.view()); }), HasSubstr("ended by signal 9"));
+}
+
+TEST_F(AVideoInput, CanBeCancelledWhileItWaits) {
+    const std::string fifo = mFolder.path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    mFolder.write("ffmpeg", "#!/bin/sh\nprintf 'YUV4MPEG2 W4 H2\\n'\nexec cat\n");
+    std::filesystem::permissions(mFolder.path("ffmpeg"), std::filesystem::perms::owner_all);
+    const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // the input never ends
+    const std::string path = getenv("PATH");
+    setenv("PATH", (mFolder.path("") + ":" + path).c_str(), 1);
+    VideoInput input(fifo);
+    setenv("PATH", path.c_str(), 1);
+    auto error = std::async(std::launch::async, [&] {
+        Frame frame(input.size());
+        return errorOf([&] { input.readFrame(frame.view()); });
+    });
+    input.cancel();
+    EXPECT_EQ(error.get(), fifo + ": reading was cancelled");
+    close(writer);
+}
+
+TEST(StandardInput, IsReadAsAStream) {
+    const TemporaryFolder folder;
+    const std::string file = folder.path("in.y4m");
+    Y4mWriter writer(file, kSize, {30, 1});
+    Frame frame(kSize);
+    for (uint32_t i = 0; i < 3; ++i) {
+        stampFrameCounter(frame.view(), {i, 0});
+        writer.writeFrame(frame.view());
+    }
+    writer.close();
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const Redirected input(STDIN_FILENO, fd);
+    VideoInput video("-");
+    for (uint32_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(video.readFrame(frame.view()));
+        EXPECT_EQ(readFrameCounter(frame.view()), (FrameCounter{i, 0}));
+    }
+    EXPECT_FALSE(video.readFrame(frame.view()));
+    close(fd);
+}
+
+TEST(StandardInput, MayBeEmptyOrSomethingElse) {
+    const TemporaryFolder folder;
+    for (const auto& [text, reason] : {std::pair{"", "standard input: is empty"},
+                                       std::pair{"notes\nand more", "standard input: is not a YUV4MPEG2"}}) {
+        const int fd = open(folder.write("in", text).c_str(), O_RDONLY | O_CLOEXEC);
+        const Redirected input(STDIN_FILENO, fd);
+        EXPECT_THAT(errorOf([] { VideoInput("-"); }), StartsWith(reason));
+        close(fd);
+    }
+}
+
+}  // namespace
+}  // namespace vel::sim
