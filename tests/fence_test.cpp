@@ -123,9 +123,10 @@ TEST(FenceMerge, OfTwoPending_DroppedUnsignalled_LeaksNothing) {
     SignalFence first;
     SignalFence second;
     const int before = openDescriptorCount();
-    for (int i = 0; i < 10; i++)
+    for (int i = 0; i < 50; i++)
         Fence::merge("test", first.fence(), second.fence());
-    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == before; }));
+    // Fewer than before when the watcher of an earlier fence ends meanwhile.
+    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() <= before; }));
 }
 
 }  // namespace
