@@ -37,6 +37,8 @@ template <typename Encoding, typename Allocator>
 class GenericValue;
 }  // namespace rapidjson
 
+struct AImageReader;  // the media library's
+
 class CamDesktopCallback;
 class MetadataHandler;
 class VelImgSubHelper;
@@ -202,6 +204,46 @@ class VEL_EXPORT VelChiDesktopHelper {
      * mSettingsLock, then mServiceLock for the exchange, never both; any capture thread may call.
      */
     void handleCaptureMetadata(DesktopCaptureMetadata& md, unsigned cameraId);
+
+    // --- Frames for the application ------------------------------------------------------------------------
+    // The HAL calls these from one thread, in order: connectProducer() once, then for each frame
+    // getFrameToFill() and queueFilledFrame(), at the end disconnectProducer(). Calls into the application's
+    // queue have no time limit.
+
+    /**
+     * Connects to the application's buffer queue for frames of the given size (pixels) and platform pixel
+     * format, which are remembered for later connections. True when a queue is connected afterwards, also
+     * when it was before or refuses the connection; false, with an error line, without a service (nothing is
+     * remembered then), and false when the application has no surface yet. Takes mServiceLock for the whole
+     * call.
+     */
+    bool connectProducer(uint32_t width, uint32_t height, uint32_t format);
+
+    /** Disconnects from the application's queue and drops it. A lent buffer stays on record. Takes no lock.
+     */
+    void disconnectProducer();
+
+    /**
+     * Lends the HAL one buffer of the application's queue, to be written and given back by
+     * queueFilledFrame(). Null when there is none this time: not connected (one attempt is made when a size
+     * is known, and a buffer comes with the next call), no usable slot, or a buffer that its last reader has
+     * not let go of within 100 ms. A queue that fails is disconnected and connected anew. Waits without limit
+     * while the application holds every buffer. May take mServiceLock.
+     */
+    android::sp<android::GraphicBuffer> getFrameToFill();
+
+    /**
+     * Hands the lent buffer to the application with its time stamp (ns), unchanged. Nothing when none is
+     * lent. The buffer is no longer lent afterwards, even when the queue refused it (error line). Takes no
+     * lock.
+     */
+    void queueFilledFrame(int64_t timestamp);
+
+    /**
+     * The reader's input surface as a HIDL producer for a peer; the caller owns the reference. Null, with an
+     * error line, for a null reader or one without a window. Takes no lock and may be called from any thread.
+     */
+    android::sp<HidlProducer> getIGraphicBufferProducer(AImageReader* reader);
 
     // --- The service link ----------------------------------------------------------------------------------
 
