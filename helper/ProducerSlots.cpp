@@ -58,6 +58,11 @@ void connect(IGraphicBufferProducer& producer) {
     producer.setMaxDequeuedBufferCount(kMaxDequeuedBuffers);
 }
 
+void reset(IGraphicBufferProducer& producer) {
+    producer.setMaxDequeuedBufferCount(0);
+    producer.setMaxDequeuedBufferCount(kMaxDequeuedBuffers);
+}
+
 void disconnect(sp<IGraphicBufferProducer>& producer, const Log& log) {
     if (producer == nullptr) return;
     const status_t status = producer->disconnect(kApi, IGraphicBufferProducer::DisconnectMode::Api);

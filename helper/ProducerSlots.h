@@ -47,6 +47,10 @@ void connect(android::IGraphicBufferProducer& producer);
 // Disconnects and drops the producer, whatever the queue says; nothing when it is null.
 void disconnect(android::sp<android::IGraphicBufferProducer>& producer, const Log& log);
 
+// Asks the queue to allow no lent buffer and then six again; neither status matters. That is the whole reset:
+// a queue that refuses to go below what is lent keeps these slots lent until a disconnect.
+void reset(android::IGraphicBufferProducer& producer);
+
 // Takes a free slot of the queue, fetches its buffer into the cache when the queue reallocated it, and waits
 // up to 100 ms until the buffer may be written; a later one is cancelled. slot and buffer are written for
 // LENT only: the buffer is null when the cache has none for the slot or the slot lies outside it. May block

@@ -1,0 +1,39 @@
+#include "ReplacementFrame.h"
+
+namespace replacement_frame {
+
+namespace {
+
+constexpr double kBytesPerPixel = 1.5;
+constexpr double kBlockBytes = 96.0;
+constexpr uint64_t kBlockSize = 96;
+constexpr uint64_t kAlignment = 16;
+constexpr uint64_t kStreamIndexOffset = 76;  // in the block
+
+// One load of a word that need not be aligned.
+struct __attribute__((packed)) Word {
+    uint32_t value;
+};
+
+// As the device's processor converts: what does not fit becomes the nearest that does.
+uint32_t saturated(double value) {
+    return value >= UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
+}
+
+uint64_t blockStart(uint32_t imageWidth, uint32_t imageHeight) {
+    const uint32_t pixels = imageWidth * imageHeight;  // wraps
+    const uint64_t size = saturated(kBlockBytes + pixels * kBytesPerPixel);
+    return (size + kAlignment - 1) / kAlignment * kAlignment - kBlockSize;
+}
+
+}  // namespace
+
+bool readStreamIndex(const uint8_t* row, size_t byteCount, uint32_t imageWidth, uint32_t imageHeight,
+                     uint32_t& streamIndex) {
+    const uint64_t offset = blockStart(imageWidth, imageHeight) + kStreamIndexOffset;
+    if (row == nullptr || offset + sizeof(Word) > byteCount) return false;
+    streamIndex = reinterpret_cast<const volatile Word*>(row + offset)->value;
+    return true;
+}
+
+}  // namespace replacement_frame

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// The layout of a replacement frame: one row of bytes with the pixels at 1.5 bytes each, then a private
+// header block, the whole rounded up to 16 bytes.
+namespace replacement_frame {
+
+/**
+ * Reads the stream index that the application wrote into the frame of imageWidth x imageHeight pixels. False
+ * when the row of byteCount bytes is too short to hold it. Reads the word once, since the application may
+ * still write to it; its value is not checked.
+ */
+bool readStreamIndex(const uint8_t* row, size_t byteCount, uint32_t imageWidth, uint32_t imageHeight,
+                     uint32_t& streamIndex);
+
+}  // namespace replacement_frame

@@ -1,0 +1,255 @@
+#include "VelImgSubHelper.h"
+
+#include <android/log.h>
+#include <hardware/gralloc.h>
+#include <korvanta/hardware/camera/desktop/2.0/types.h>
+#include <media/NdkImageReader.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "HelperLifetime.h"
+#include "ProducerSlots.h"
+#include "ReplacementFrame.h"
+#include "VelChiDesktopHelper.h"
+
+// Last: a platform header that brings many names.
+#include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
+
+#define IMGSUB_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, "VelImgSubHelper", __VA_ARGS__)
+#define IMGSUB_LOGW(...) __android_log_print(ANDROID_LOG_WARN, "VelImgSubHelper", __VA_ARGS__)
+#define IMGSUB_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "VelImgSubHelper", __VA_ARGS__)
+
+using android::GraphicBuffer;
+using android::sp;
+using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
+using korvanta::hardware::camera::desktop::V2_0::ClientType;
+
+namespace {
+
+constexpr int32_t kNoSlot = -1;
+constexpr int64_t kReplacementWaitMs = 101;
+constexpr useconds_t kPollIntervalUs = 2000;
+// More than a reader can hold at once, so that an application which is faster than the drain cannot keep the
+// lock.
+constexpr int kMaxImagesPerDrain = 64;
+
+constexpr producer_slots::Log kLog = {
+    [] { IMGSUB_LOGE("request imgsub dequeue failed, max slots reached"); },
+    [] { IMGSUB_LOGE("request imgsub buffer failed"); },
+    [](int slot) { IMGSUB_LOGD("Got re-alloc request for imgsub slot %d", slot); },
+    [](android::status_t status) { IMGSUB_LOGE("request imgsub dequeue failed with %d", status); },
+    [] { IMGSUB_LOGW("imgsub Fence hasn't been signaled yet"); },
+    [] { IMGSUB_LOGE("queue buffer failed imgsub"); },
+    [](android::status_t status) { IMGSUB_LOGE("Unable to disconnect imgsub producer, %d", status); },
+};
+
+// Gives an image back to its reader; knows nothing of the helper, which it may outlive.
+struct AImageDeleter {
+    void operator()(AImage* image) const { AImage_delete(image); }
+};
+
+// The time since its making. The wall clock measures the wait and the steady one bounds it: a wall clock that
+// is set back must not prolong it.
+class WaitTime {
+  public:
+    int64_t elapsedMs() const {
+        return std::max(wholeMs(std::chrono::system_clock::now() - mWallStart),
+                        wholeMs(std::chrono::steady_clock::now() - mSteadyStart));
+    }
+
+  private:
+    template <typename Duration>
+    static int64_t wholeMs(Duration duration) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+    }
+
+    const std::chrono::system_clock::time_point mWallStart = std::chrono::system_clock::now();
+    const std::chrono::steady_clock::time_point mSteadyStart = std::chrono::steady_clock::now();
+};
+
+}  // namespace
+
+VelImgSubHelper::VelImgSubHelper(const sp<HidlProducer>& readerProducer, AImageReader* reader,
+                                 uint32_t outputWidth, uint32_t outputHeight, uint32_t outputFormat,
+                                 uint32_t imageWidth, uint32_t imageHeight, bool appConnected,
+                                 bool mergeStreams)
+    : mReaderProducer(readerProducer),
+      mImageReader(reader),
+      mOutputWidth(outputWidth),
+      mOutputHeight(outputHeight),
+      mOutputFormat(outputFormat),
+      mImageWidth(imageWidth),
+      mImageHeight(imageHeight),
+      mImgSubAppConnected(appConnected),
+      mMergeStreams(mergeStreams) {
+    std::fill(std::begin(mDequeuedSlots), std::end(mDequeuedSlots), kNoSlot);
+    IMGSUB_LOGD("%s: constuctor called. Line: %d", "VelImgSubHelper", __LINE__);
+    mHelper = helper_lifetime::instance();
+}
+
+VelImgSubHelper::~VelImgSubHelper() {
+    IMGSUB_LOGD("%s: destructor called. Line: %d", "~VelImgSubHelper", __LINE__);
+    disconnectImgSubProducer_locked();
+    mReaderProducer = nullptr;
+    std::fill(std::begin(mReceivedImages), std::end(mReceivedImages), nullptr);
+    std::fill(std::begin(mHeldImages), std::end(mHeldImages), nullptr);
+    if (mImageReader != nullptr) AImageReader_delete(mImageReader);
+}
+
+bool VelImgSubHelper::connectImgSubProducer_locked() {
+    IMGSUB_LOGD("%s: called. Line: %d", "connectImgSubProducer_locked", __LINE__);
+    if (!mImgSubAppConnected || mReaderProducer == nullptr) return false;
+    if (mImgSubProducer != nullptr) return true;
+
+    const sp<HidlProducer> surface = mHelper->getSurface(ClientType::CLIENT_IMG_SUB);
+    if (surface == nullptr) return false;
+    if (surface == mReaderProducer) {
+        // What the service was given for the application to fill, not yet replaced by the application's own.
+        IMGSUB_LOGD("%s: No app surface yet provided. Line: %d", "connectImgSubProducer_locked", __LINE__);
+        return false;
+    }
+    mImgSubProducer = new H2BGraphicBufferProducer(surface);
+    IMGSUB_LOGD("mImgSubProducer: %p", static_cast<void*>(mImgSubProducer.get()));
+    producer_slots::connect(*mImgSubProducer);
+    return true;
+}
+
+void VelImgSubHelper::disconnectImgSubProducer_locked() {
+    IMGSUB_LOGD("%s: called. Line: %d", "disconnectImgSubProducer_locked", __LINE__);
+    producer_slots::disconnect(mImgSubProducer, kLog);
+}
+
+sp<GraphicBuffer> VelImgSubHelper::imgSubGetOutputFrameToFill(uint32_t streamIndex) {
+    if (streamIndex >= kStreamCount) return nullptr;
+
+    std::lock_guard<std::mutex> lock(mLock);
+    mMaxStreamIndex = std::max(mMaxStreamIndex, streamIndex);
+    if (!mImgSubAppConnected) return nullptr;
+    if (mImgSubProducer == nullptr) connectImgSubProducer_locked();
+    if (mImgSubProducer == nullptr) return nullptr;
+
+    sp<GraphicBuffer> buffer;
+    const producer_slots::BufferShape shape = {mOutputWidth, mOutputHeight, mOutputFormat,
+                                               GRALLOC_USAGE_SW_WRITE_OFTEN};
+    const producer_slots::Dequeued outcome = producer_slots::dequeue(
+        *mImgSubProducer, shape, mImgSubBuffers, kLog, mDequeuedSlots[streamIndex], buffer);
+    if (outcome == producer_slots::Dequeued::QUEUE_FAILED) disconnectImgSubProducer_locked();
+    return buffer;
+}
+
+void VelImgSubHelper::imgSubQueueOutputFrame(uint32_t streamIndex, int64_t timestamp) {
+    if (streamIndex >= kStreamCount) return;
+
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mImgSubAppConnected || mImgSubProducer == nullptr) return;
+    int32_t& slot = mDequeuedSlots[streamIndex];
+    if (slot == kNoSlot) return;
+    producer_slots::queue(mImgSubProducer, slot, mOutputWidth, mOutputHeight, timestamp, kLog);
+    slot = kNoSlot;
+}
+
+void VelImgSubHelper::cancelImgSubFrames(uint32_t streamIndex) {
+    IMGSUB_LOGD("%s: called. Line: %d", "cancelImgSubFrames", __LINE__);
+    if (streamIndex >= kStreamCount) return;
+
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mImgSubAppConnected || mImgSubProducer == nullptr) return;
+    producer_slots::reset(*mImgSubProducer);
+    mDequeuedSlots[streamIndex] = kNoSlot;
+    std::fill(std::begin(mReceivedImages), std::end(mReceivedImages), nullptr);
+    std::fill(std::begin(mHeldImages), std::end(mHeldImages), nullptr);
+    AImage* newest = nullptr;
+    if (mImageReader != nullptr && AImageReader_acquireLatestImage(mImageReader, &newest) == AMEDIA_OK)
+        AImage_delete(newest);
+}
+
+sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
+                                                      std::shared_ptr<AImage>& outImage) {
+    if (streamIndex >= kStreamCount) return nullptr;
+
+    std::unique_lock<std::mutex> lock(mLock);
+    if (mMergeStreams && streamIndex < mMaxStreamIndex && mReceivedImages[mMaxStreamIndex] != nullptr)
+        return handOut_locked(streamIndex, mReceivedImages[mMaxStreamIndex], outImage);
+
+    const std::shared_ptr<AImage>& received = mReceivedImages[streamIndex];
+    const std::shared_ptr<AImage>& held = mHeldImages[streamIndex];
+    const WaitTime waitTime;
+    std::shared_ptr<AImage> current = held;
+    while (current == nullptr || current == held) {
+        if (!mayWaitForImage_locked()) return nullptr;
+        const media_status_t readerStatus = static_cast<media_status_t>(drainReader_locked());
+        current = received;
+        if (current != nullptr && current != held) break;
+        if (readerStatus != AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE) break;
+        const int64_t elapsedMs = waitTime.elapsedMs();
+        if (elapsedMs >= kReplacementWaitMs) {
+            IMGSUB_LOGD("Timed out waiting to retrieve replacement frame: %lld ms",
+                        static_cast<long long>(elapsedMs));
+            break;
+        }
+        lock.unlock();
+        usleep(kPollIntervalUs);
+        lock.lock();
+        current = received;
+    }
+    if (current == nullptr) {
+        IMGSUB_LOGE("failed to retrieve replacement frame");
+        return nullptr;
+    }
+    return handOut_locked(streamIndex, current, outImage);
+}
+
+bool VelImgSubHelper::mayWaitForImage_locked() const {
+    if (!mImgSubAppConnected || mImgSubProducer == nullptr) return false;
+    if (mImageReader != nullptr) return true;
+    IMGSUB_LOGE("%s failed: invalid AImageReader", "imgSubAcquireFrame");
+    return false;
+}
+
+// Files every image that waits in the reader; the status that ended it, NO_BUFFER_AVAILABLE when it was
+// emptied.
+int32_t VelImgSubHelper::drainReader_locked() {
+    for (int count = 0; count < kMaxImagesPerDrain; ++count) {
+        AImage* image = nullptr;
+        const media_status_t status = AImageReader_acquireNextImage(mImageReader, &image);
+        if (status != AMEDIA_OK) return status;
+        fileImage_locked(image);
+    }
+    return AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE;
+}
+
+// Takes the image over. One whose plane cannot be read stays acquired: the reader was made without read
+// access, so that no later image would fare better, and its last place then ends every wait at once.
+void VelImgSubHelper::fileImage_locked(AImage* image) {
+    uint8_t* row = nullptr;
+    int byteCount = 0;
+    if (AImage_getPlaneData(image, 0, &row, &byteCount) != AMEDIA_OK) return;
+
+    std::shared_ptr<AImage> owned(image, AImageDeleter());
+    uint32_t streamIndex = kStreamCount;
+    const bool isReadable =
+        byteCount >= 0 && replacement_frame::readStreamIndex(row, static_cast<size_t>(byteCount), mImageWidth,
+                                                             mImageHeight, streamIndex);
+    if (isReadable && streamIndex < kStreamCount) mReceivedImages[streamIndex] = std::move(owned);
+}
+
+sp<GraphicBuffer> VelImgSubHelper::handOut_locked(uint32_t streamIndex, const std::shared_ptr<AImage>& image,
+                                                  std::shared_ptr<AImage>& outImage) {
+    AHardwareBuffer* hardwareBuffer = nullptr;
+    if (AImage_getHardwareBuffer(image.get(), &hardwareBuffer) != AMEDIA_OK || hardwareBuffer == nullptr) {
+        IMGSUB_LOGE("failed to acquire hw buffer, failed to retrieve replacement frame");
+        return nullptr;
+    }
+    const sp<GraphicBuffer> buffer = GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
+    outImage = image;
+    mHeldImages[streamIndex] = image;
+    return buffer;
+}
+
+void VelImgSubHelper::imgSubReleaseFrame(uint32_t /*streamIndex*/, std::shared_ptr<AImage> /*image*/) {}
+
+void VelImgSubHelper::setImgSubAppConnected(bool connected) {
+    mImgSubAppConnected = connected;
+}
