@@ -246,6 +246,7 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
         const Outcome outcome = sendToApp("hang");
         EXPECT_TRUE(outcome.isDead);
         EXPECT_FALSE(outcome.reply);
+        EXPECT_EQ(lookUp(), nullptr) << "calls get through while the recipient waits for the lock";
         EXPECT_TRUE(recipient->cookies().empty());
     }
     killer.join();
@@ -294,6 +295,7 @@ TEST_F(ADesktopService, EachLookUpYieldsANewProxyOfTheSameService) {
     restartService();
     EXPECT_FALSE(android::hardware::interfacesEqual(other, mService));
     EXPECT_TRUE(other->ping().isDeadObject());
+    EXPECT_FALSE(other->linkToDeath(new RecordingRecipient, 0)) << "nobody would ever tell it";
 }
 
 TEST_F(ADesktopService, KeepsACallbackUntilAnotherTakesItsPlace) {
