@@ -1,0 +1,62 @@
+#include "RatioReporter.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+std::vector<Aim>& aims() {
+    static std::vector<Aim> all;
+    return all;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+// "subject/product/repeats:5" and the like: what the benchmark was registered as.
+std::string plainName(const benchmark::BenchmarkReporter::Run& run) {
+    return run.run_name.function_name;
+}
+
+}  // namespace
+
+void addAim(const Aim& aim) {
+    aims().push_back(aim);
+}
+
+void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
+    for (const Run& run : runs) {
+        if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+        auto& figures = mFigures[plainName(run)];
+        figures["real"].push_back(run.GetAdjustedRealTime());
+        figures["cpu"].push_back(run.GetAdjustedCPUTime());
+        for (const auto& [name, counter] : run.counters)
+            figures[name].push_back(counter.value);
+    }
+}
+
+int RatioReporter::printRatios() const {
+    int above = 0;
+    std::printf("\n%-28s %-8s %12s %12s %8s %8s\n", "subject", "figure", "product", "floor", "ratio", "aim");
+    for (const Aim& aim : aims()) {
+        const auto product = mFigures.find(aim.subject + "/product");
+        const auto floor = mFigures.find(aim.subject + "/floor");
+        if (product == mFigures.end() || floor == mFigures.end()) continue;
+        const double ours = median(product->second.at(aim.figure));
+        const double theirs = median(floor->second.at(aim.figure));
+        const double ratio = ours / theirs;
+        if (ratio > aim.ratio) ++above;
+        std::printf("%-28s %-8s %12.1f %12.1f %8.2f %8.2f%s\n", aim.subject.c_str(), aim.figure.c_str(), ours,
+                    theirs, ratio, aim.ratio, ratio > aim.ratio ? "  above" : "");
+    }
+    std::printf("\n%-28s %12s\n", "heap allocations a call", "product");
+    for (const auto& [name, figures] : mFigures) {
+        const auto allocations = figures.find("allocs");
+        if (allocations != figures.end())
+            std::printf("%-28s %12.1f\n", name.c_str(), median(allocations->second));
+    }
+    return above;
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+// What a figure should stay below: the product's median over the floor's, measured in one run.
+struct Aim {
+    std::string subject;  // benchmarks "<subject>/product" and "<subject>/floor"
+    std::string figure;   // "real" or "cpu" time, or the name of a counter
+    double ratio;
+};
+
+// Says what to compare; called by each subject's file before the benchmarks run.
+void addAim(const Aim& aim);
+
+// Prints each benchmark as it ends, and at the end a table of the ratios beside their aims. Times are medians
+// over the repetitions.
+class RatioReporter : public benchmark::BenchmarkReporter {
+  public:
+    bool ReportContext(const Context&) override { return true; }
+    void ReportRuns(const std::vector<Run>& runs) override;
+    // Prints the table; returns how many ratios lie above their aims.
+    int printRatios() const;
+
+  private:
+    // By benchmark name, then by figure: one value a repetition.
+    std::map<std::string, std::map<std::string, std::vector<double>>> mFigures;
+};
