@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "CameraMetadata.h"
+#include "Capture.h"
 #include "JsonMessage.h"
 #include "MetadataHandler.h"
 #include "NarrowToFloat.h"
@@ -91,20 +91,6 @@ void inspect(MetadataHandler& handler, const Value& object, Contents& contents) 
     }
 }
 
-// A capture that starts with a copy of the given buffer, or with none.
-struct Capture {
-    explicit Capture(const camera_metadata_t* buffer) : original(clone_camera_metadata(buffer)) {
-        md.metadata = &current;
-    }
-    ~Capture() {
-        if (current != original.get()) free_camera_metadata(current);
-    }
-
-    const CameraMetadata original;
-    camera_metadata_t* current = original.get();
-    DesktopCaptureMetadata md;
-};
-
 void exportTo(JsonMessage& message, MetadataHandler& handler, Capture& capture) {
     handler.convertFromMetadata(capture.md, message.root(), message.allocator());
 }
@@ -127,7 +113,7 @@ void checkValues(MetadataHandler& handler, const Value& given, const Value& stor
 void checkRoundTrip(MetadataHandler& handler, JsonMessage& exported) {
     const std::string text = exported.toText();
     if (text.empty()) return;  // a number beyond float's range became an infinity
-    Capture again(nullptr);
+    Capture again;
     JsonMessage message;
     handler.convertToMetadata(again.md, exported.root());
     exportTo(message, handler, again);
@@ -162,7 +148,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // An update to no values spoils a buffer; growing it then leaks the refused copy, as it is meant to.
         const bool mayUpdate = start || contents.hasDuplicates;
         if (mayUpdate && contents.hasEmptyArray) continue;
-        Capture capture(start);
+        Capture capture{CameraMetadata(clone_camera_metadata(start))};
         JsonMessage exported;
         handler.convertToMetadata(capture.md, input.root());
         exportTo(exported, handler, capture);

@@ -52,6 +52,16 @@ void dropNonFinite(Value& metadata) {
     }
 }
 
+// The message's text, without what JSON cannot express: a null in the place of such a number would end this
+// process when the application sends it back.
+std::string toText(JsonMessage& message, const char* kind, uint32_t frameNumber) {
+    std::string text;
+    if (message.serialise(text)) return text;
+    HELPER_LOGE("%s: left non-finite values out of frame %u", "handleCaptureMetadata", frameNumber);
+    dropNonFinite(message.root()[kind]);
+    return message.toText();
+}
+
 }  // namespace
 
 void VelChiDesktopHelper::handleCaptureMetadata(DesktopCaptureMetadata& md, unsigned cameraId) {
@@ -69,17 +79,8 @@ void VelChiDesktopHelper::handleCaptureMetadata(DesktopCaptureMetadata& md, unsi
     addMaxStreamSize(mMaxStreamSizes, md.frameNumber, metadata, allocator);
     message.root().AddMember(StringRef(kind), metadata, allocator);
 
-    std::string text;
-    if (!message.serialise(text)) {
-        // JSON has no text for such numbers, and a null would end this process when the application echoes
-        // it.
-        HELPER_LOGE("%s: left non-finite values out of frame %u", "handleCaptureMetadata", md.frameNumber);
-        dropNonFinite(message.root()[kind]);
-        (void)message.serialise(text);
-    }
-    const std::string reply = setCommandTo(ClientType::CLIENT_APP, text);
+    const std::string reply = setCommandTo(ClientType::CLIENT_APP, toText(message, kind, md.frameNumber));
     if (reply.empty()) return;
-
     if (!message.parse(reply)) {
         HELPER_LOGE("%s: failed to parse result from %s: err=%d at %zu: for str: %s", "handleCaptureMetadata",
                     kind, static_cast<int>(message.errorCode()), message.errorOffset(), reply.c_str());

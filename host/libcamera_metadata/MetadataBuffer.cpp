@@ -48,12 +48,17 @@ constexpr uint64_t alignUp(uint64_t bytes) {
     return (bytes + kAlignment - 1) / kAlignment * kAlignment;
 }
 
+// Not const even in a const block: the one find serves readers and writers.
+uint8_t* at(const camera_metadata_t* metadata, uint32_t position) {
+    return reinterpret_cast<uint8_t*>(const_cast<camera_metadata_t*>(metadata)) + position;
+}
+
 Entry* entriesOf(const camera_metadata_t* metadata) {
-    return reinterpret_cast<Entry*>(reinterpret_cast<uintptr_t>(metadata) + metadata->entriesStart);
+    return reinterpret_cast<Entry*>(at(metadata, metadata->entriesStart));
 }
 
 uint8_t* dataOf(const camera_metadata_t* metadata) {
-    return reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(metadata) + metadata->dataStart);
+    return at(metadata, metadata->dataStart);
 }
 
 size_t dataSize(const Entry& entry) {

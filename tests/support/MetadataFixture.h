@@ -3,33 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "CameraMetadata.h"
+#include "Capture.h"
 #include "JsonMessage.h"
 #include "LogCapture.h"
 #include "MetadataHandler.h"
-
-// One capture as the HAL holds it: the buffer it came with, and what is put in its place.
-struct Capture {
-    enum Kind { RESULT, REQUEST };
-
-    explicit Capture(CameraMetadata buffer = nullptr, Kind kind = RESULT)
-        : original(std::move(buffer)), current(original.get()) {
-        md.metadata = &current;
-        md.isRequest = kind == REQUEST;
-    }
-    ~Capture() {
-        if (current != original.get()) free_camera_metadata(current);
-    }
-    Capture(const Capture&) = delete;
-    Capture& operator=(const Capture&) = delete;
-
-    const CameraMetadata original;
-    camera_metadata_t* current;
-    DesktopCaptureMetadata md;
-};
 
 class AMetadataHandler : public ::testing::Test {
   protected:
