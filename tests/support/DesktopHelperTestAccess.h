@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gui/IGraphicBufferProducer.h>
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 
 #include <memory>
@@ -19,5 +20,7 @@ struct DesktopHelperTestAccess {
     static std::mutex& serviceLock(VelChiDesktopHelper& helper) { return helper.mServiceLock; }
     static bool isConnected(VelChiDesktopHelper& helper) { return helper.serviceProxy() != nullptr; }
     static auto& maxStreamSizes(VelChiDesktopHelper& helper) { return helper.mMaxStreamSizes; }
+    static int32_t appSlot(VelChiDesktopHelper& helper) { return helper.mAppDequeuedSlot; }
+    static bool hasAppProducer(VelChiDesktopHelper& helper) { return helper.mAppProducer != nullptr; }
     static MetadataHandler& metadataHandler(VelChiDesktopHelper& helper) { return *helper.mMetadataHandler; }
 };
