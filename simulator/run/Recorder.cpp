@@ -43,7 +43,8 @@ void Recorder::print() {
     std::stable_sort(lines.begin(), lines.end(), [](const std::string& left, const std::string& right) {
         return left.substr(0, left.find(']')) < right.substr(0, right.find(']'));
     });
-    for (const std::string& line : lines) std::printf("%s\n", line.c_str());
+    for (const std::string& line : lines)
+        std::printf("%s\n", line.c_str());
     std::fflush(stdout);
 }
 

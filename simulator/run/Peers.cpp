@@ -1,0 +1,62 @@
+#include "Peers.h"
+
+#include <csignal>
+#include <cstdio>
+
+namespace vel::sim {
+
+namespace {
+constexpr std::chrono::seconds kReadyLimit{10};
+constexpr std::chrono::seconds kEndLimit{5};
+}  // namespace
+
+Peers::Peers(const std::string& directory, Recorder& recorder) : mDirectory(directory), mRecorder(recorder) {}
+
+Peers::~Peers() {
+    end();
+}
+
+bool Peers::start() {
+    start("service", "desktop_service", {"--trace"});
+    if (!mRecorder.waitFor({"service", {"ready"}}, 0, kReadyLimit)) return false;
+    start("camera_server", "camera_server", {});
+    start("app", "desktop_app", {"-"});
+    return true;
+}
+
+void Peers::start(const std::string& name, const std::string& program,
+                  const std::vector<std::string>& arguments) {
+    ChildProcess::Options options;
+    options.command = {mDirectory + "/" + program, "--bus", mBus.address(), "--time-origin",
+                       std::to_string(mOriginNs)};
+    options.command.insert(options.command.end(), arguments.begin(), arguments.end());
+    options.onLine = [this, name](const std::string& line) { mRecorder.add(name, line); };
+    mChildren[name] = std::make_unique<ChildProcess>(std::move(options));
+}
+
+bool Peers::send(const std::string& peer, const std::string& line) {
+    return mChildren.at(peer)->writeLine(line);
+}
+
+bool Peers::end() {
+    bool allWell = true;
+    for (const char* name : {"app", "camera_server", "service"})
+        allWell = end(name) && allWell;
+    return allWell;
+}
+
+bool Peers::end(const std::string& name) {
+    const auto entry = mChildren.find(name);
+    if (entry == mChildren.end()) return true;
+    const std::unique_ptr<ChildProcess> child = std::move(entry->second);
+    mChildren.erase(entry);
+
+    child->closeInput();  // ends the peers that read commands
+    if (name == "service") child->kill(SIGTERM);
+    const auto code = child->wait(kEndLimit);
+    if (code == 0) return true;
+    std::printf("%s did not end well: %s\n", name.c_str(), code ? std::to_string(*code).c_str() : "it hangs");
+    return false;
+}
+
+}  // namespace vel::sim

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "PrivateBus.h"
+#include "Recorder.h"
+#include "Timeline.h"
+
+namespace vel::sim {
+
+/** The desktop service, the camera server and the application on a bus of their own. All end with this
+ * object. */
+class Peers {
+  public:
+    /** Starts the bus. The programs are looked for in the folder; their output goes to the recorder. */
+    Peers(const std::string& directory, Recorder& recorder);
+    ~Peers();
+
+    /** Starts the programs; false when the service does not become ready. */
+    bool start();
+
+    /** Writes a line to a peer's input ("app" or "camera_server"); false when it no longer reads. */
+    bool send(const std::string& peer, const std::string& line);
+
+    /** Ends the peers as a person would; true when each ended by itself and well. */
+    bool end();
+
+  private:
+    void start(const std::string& name, const std::string& program,
+               const std::vector<std::string>& arguments);
+    bool end(const std::string& name);
+
+    const std::string mDirectory;
+    Recorder& mRecorder;
+    const int64_t mOriginNs = steadyNowNs();
+    PrivateBus mBus;
+    std::map<std::string, std::unique_ptr<ChildProcess>> mChildren;
+};
+
+}  // namespace vel::sim
