@@ -16,7 +16,7 @@ int LatencyStats::bucketOf(uint64_t value) {
 int64_t LatencyStats::highestOf(int bucket) {
     if (bucket < 2 * kSteps) return bucket;
     const int doublings = bucket / kSteps - 1;
-    const auto top = static_cast<uint64_t>(bucket % kSteps + kSteps);
+    const uint64_t top = static_cast<uint64_t>(bucket % kSteps) + kSteps;
     return static_cast<int64_t>(((top + 1) << doublings) - 1);
 }
 

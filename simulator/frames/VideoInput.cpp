@@ -59,14 +59,16 @@ Pipe openPipe() {
     _exit(127);
 }
 
-// The lines as one, without the decoder's addresses and its name for the file.
+// The lines as one, without the decoder's addresses, its name for the file and its counts of repeats.
 std::string oneLine(const std::string& text) {
-    static const std::regex noise(R"(^(\[[^\]]* @ 0x[0-9a-f]+\] )?(file:/dev/stdin: )?)");
+    static const std::regex noise(
+        R"(^ *(Last message repeated.*)?(\[[^\]]* @ 0x[0-9a-f]+\] )?(file:/dev/stdin: )?)");
     std::istringstream lines(text);
     std::string all;
     std::string line;
     while (std::getline(lines, line)) {
-        if (!line.empty()) all += (all.empty() ? "" : "; ") + std::regex_replace(line, noise, "");
+        line = std::regex_replace(line, noise, "");
+        if (!line.empty()) all += (all.empty() ? "" : "; ") + line;
     }
     return printable(all, 500);
 }

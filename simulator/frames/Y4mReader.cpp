@@ -54,7 +54,8 @@ ReadBytes readFrom(int fd) {
     };
 }
 
-Y4mReader::Y4mReader(std::string name, ReadBytes read) : mName(printable(name, 256)), mRead(std::move(read)) {
+Y4mReader::Y4mReader(const std::string& name, ReadBytes read)
+    : mName(printable(name, 256)), mRead(std::move(read)) {
     std::string header;
     if (!readLine(kMagic, header)) fail("is empty");
     parseHeader(header);

@@ -30,7 +30,7 @@ class Y4mReader {
   public:
     // Reads the header. Throws when there is none, when it is broken, or when it announces pictures that are
     // not understood.
-    Y4mReader(std::string name, ReadBytes read);
+    Y4mReader(const std::string& name, ReadBytes read);
 
     FrameSize size() const { return mSize; }
     FrameRate rate() const { return mRate; }
