@@ -1,7 +1,9 @@
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -323,34 +326,79 @@ TEST_F(AVideoInput, SaysThatFfmpegIsMissing) {
     EXPECT_EQ(error, file + ": needs the program ffmpeg, which is not installed");
 }
 
-TEST_F(AVideoInput, ReportsADecoderThatIsKilled) {
-    mFolder.write("ffmpeg", "#!/bin/sh\nprintf 'YUV4MPEG2 W4 H2\\n'\nkill -9 $$\n");
-    std::filesystem::permissions(mFolder.path("ffmpeg"), std::filesystem::perms::owner_all);
-    const std::string path = getenv("PATH");
-    setenv("PATH", (mFolder.path("") + ":" + path).c_str(), 1);
-    VideoInput input(mFolder.write("any", "any"));
-    setenv("PATH", path.c_str(), 1);
-    Frame frame(input.size());
-    EXPECT_THAT(errorOf([&] { input.readFrame(frame.view()); }), HasSubstr("ended by signal 9"));
+// A program that stands in for ffmpeg and has sent a header.
+class AVideoInputWithItsOwnDecoder : public AVideoInput {
+  protected:
+    // Goes on with the script; $$ is the decoder's process.
+    std::unique_ptr<VideoInput> opened(const std::string& file, const std::string& script) {
+        mFolder.write("ffmpeg", "#!/bin/sh\nprintf 'YUV4MPEG2 W4 H2\\n'\n" + script + "\n");
+        std::filesystem::permissions(mFolder.path("ffmpeg"), std::filesystem::perms::owner_all);
+        const std::string path = getenv("PATH");
+        setenv("PATH", (mFolder.path("") + ":" + path).c_str(), 1);
+        auto input = std::make_unique<VideoInput>(file);
+        setenv("PATH", path.c_str(), 1);
+        return input;
+    }
+    // A file that never has anything to read and never ends.
+    std::string endless() {
+        const std::string fifo = mFolder.path("fifo");
+        EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        mWriter.reset(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+        return fifo;
+    }
+
+    android::base::unique_fd mWriter;
+};
+
+TEST_F(AVideoInputWithItsOwnDecoder, ReportsThatItWasKilled) {
+    const auto input = opened(mFolder.write("any", "any"), "kill -9 $$");
+    Frame frame(input->size());
+    EXPECT_THAT(errorOf([&] { input->readFrame(frame.view()); }), HasSubstr("ended by signal 9"));
 }
 
-TEST_F(AVideoInput, CanBeCancelledWhileItWaits) {
-    const std::string fifo = mFolder.path("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    mFolder.write("ffmpeg", "#!/bin/sh\nprintf 'YUV4MPEG2 W4 H2\\n'\nexec cat\n");
-    std::filesystem::permissions(mFolder.path("ffmpeg"), std::filesystem::perms::owner_all);
-    const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // the input never ends
-    const std::string path = getenv("PATH");
-    setenv("PATH", (mFolder.path("") + ":" + path).c_str(), 1);
-    VideoInput input(fifo);
-    setenv("PATH", path.c_str(), 1);
+TEST_F(AVideoInputWithItsOwnDecoder, ReportsItsFailureAfterGoodFrames) {
+    const auto input = opened(mFolder.write("any", "any"),
+                              "printf 'FRAME\\n123456789012'\necho 'the disk is gone' >&2\nexit 3");
+    Frame frame(input->size());
+    EXPECT_TRUE(input->readFrame(frame.view()));
+    EXPECT_THAT(errorOf([&] { input->readFrame(frame.view()); }), HasSubstr("decoded: the disk is gone"));
+}
+
+TEST_F(AVideoInputWithItsOwnDecoder, IsNeverBlockedByItsComplaints) {
+    const auto input = opened(mFolder.write("any", "any"),
+                              "head -c 3000000 /dev/zero | tr '\\0' x >&2\nprintf 'FRAME\\n123456789012'");
+    EXPECT_EQ(countFrames(*input), 1);
+    EXPECT_LE(input->complaint().size(), 600u);
+}
+
+TEST_F(AVideoInputWithItsOwnDecoder, CanBeCancelledWhileItWaits) {
+    const std::string file = endless();
+    const auto input = opened(file, "exec cat");
     auto error = std::async(std::launch::async, [&] {
-        Frame frame(input.size());
-        return errorOf([&] { input.readFrame(frame.view()); });
+        Frame frame(input->size());
+        return errorOf([&] { input->readFrame(frame.view()); });
     });
-    input.cancel();
-    EXPECT_EQ(error.get(), fifo + ": reading was cancelled");
-    close(writer);
+    input->cancel();
+    EXPECT_EQ(error.get(), file + ": reading was cancelled");
+}
+
+TEST_F(AVideoInputWithItsOwnDecoder, TakesTheDecoderAlongWhenItsProcessIsKilled) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // so that the orphan is ours to wait for
+    const std::string file = endless();
+    const pid_t user = fork();
+    if (user == 0) {
+        const auto input = opened(file, "echo $$ >" + mFolder.path("pid") + "\nexec cat");
+        pause();
+        _exit(0);
+    }
+    ASSERT_TRUE(waitUntil([&] { return !mFolder.read("pid").empty(); }));
+    kill(user, SIGKILL);
+    EXPECT_EQ(waitpid(user, nullptr, 0), user);
+    const pid_t decoder = std::stoi(mFolder.read("pid"));
+    int status = 0;
+    ASSERT_TRUE(waitUntil([&] { return waitpid(decoder, &status, WNOHANG) == decoder; }));
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST(StandardInput, IsReadAsAStream) {
