@@ -426,6 +426,34 @@ TEST_F(ADesktopService, HostileTextsNeverReachTheCallback) {
         close(fd);
 }
 
+TEST_F(ADesktopService, MayDieAgainAndAgainUnderLoad) {
+    const sp<FunctionCallback> hal =
+        new FunctionCallback([](const std::string& command) { return "reply to " + command; });
+    std::atomic<bool> ended{false};
+    std::atomic<int> right{0}, wrong{0};
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < 4; ++sender) {
+        senders.emplace_back([&, text = std::string(sender * 6000, 'x')] {
+            while (!ended) {
+                const sp<ICameraDesktop> service = lookUp();
+                if (service == nullptr) continue;
+                const Outcome outcome = send(service, ClientType::CLIENT_CAMERA_HAL, text);
+                if (outcome.isOk) ++(outcome.reply == "reply to " + text ? right : wrong);
+            }
+        });
+    }
+    for (int death = 0; death < 8; ++death) {
+        ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, hal).isOk());
+        const int before = right;
+        EXPECT_TRUE(waitUntil([&] { return right >= before + 20; }));
+        restartService();
+    }
+    ended = true;
+    for (std::thread& sender : senders)
+        sender.join();
+    EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(ADesktopService, LeavesTheBusToTheFirstOfTwo) {
     ChildProcess::Options options;
     options.command = {DESKTOP_SERVICE, "--bus", sBus->address()};
