@@ -1,0 +1,20 @@
+#pragma once
+
+#include "VelImgSubHelper.h"
+
+// The one friend of VelImgSubHelper: lets a test look into it.
+struct ImgSubHelperTestAccess {
+    static int32_t lentSlot(VelImgSubHelper& helper, uint32_t streamIndex) {
+        std::lock_guard<std::mutex> lock(helper.mLock);
+        return helper.mDequeuedSlots[streamIndex];
+    }
+    static uint32_t maxStreamIndex(VelImgSubHelper& helper) { return helper.mMaxStreamIndex; }
+    static std::shared_ptr<AImage> received(VelImgSubHelper& helper, uint32_t streamIndex) {
+        std::lock_guard<std::mutex> lock(helper.mLock);
+        return helper.mReceivedImages[streamIndex];
+    }
+    static std::shared_ptr<AImage> held(VelImgSubHelper& helper, uint32_t streamIndex) {
+        std::lock_guard<std::mutex> lock(helper.mLock);
+        return helper.mHeldImages[streamIndex];
+    }
+};
