@@ -8,6 +8,7 @@
 #include <atomic>
 #include <thread>
 
+#include "DeliberateLeak.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "ImgSubHelperTestAccess.h"
@@ -539,6 +540,7 @@ TEST_F(AnImgSubHelper, FrameThatReachesJustToItsIndexIsTaken) {
 }
 
 TEST_F(AnImgSubHelper, UnreadableImagesStayAcquired) {
+    const DeliberateLeak imagesAreNeverDeleted;
     make(2, false, AHARDWAREBUFFER_USAGE_CPU_WRITE_OFTEN);
     connect();
     sendReplacement(0);
