@@ -143,7 +143,7 @@ void DesktopTransport::publish(SessionId session, Kind kind, const std::string& 
 void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session,
                                            const std::string& path) {
     object.registerMethod(bus::kReferenceInterface, bus::kRelease, "", "",
-                          [this, session, path](sdbus::MethodCall call) {
+                          [this, session, path](const sdbus::MethodCall& call) {
                               discard(session, mExporter.release(session, call.getSender(), path));
                           });
 }

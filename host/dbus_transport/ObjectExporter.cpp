@@ -26,7 +26,7 @@ std::string ObjectExporter::hold(SessionId session, const std::string& holder, K
         ++known->second.references[holder];
         return known->first;
     }
-    const std::string path = newPath(kind, mNextNumber++);
+    std::string path = newPath(kind, mNextNumber++);
     mEntries[path] = {session, kind, object, {{holder, 1}}};
     publish(path);
     return path;

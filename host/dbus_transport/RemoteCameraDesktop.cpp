@@ -131,8 +131,7 @@ android::hardware::Return<sp<RemoteCameraDesktop::IGraphicBufferProducer>> Remot
 
 CallStatus RemoteCameraDesktop::call(const char* method, const BusLoop::WriteArguments& writeArguments,
                                      const BusLoop::ReadReply& readReply) {
-    const CallStatus status =
-        mTransport.call(mService, bus::kServiceInterface, method, writeArguments, readReply);
+    CallStatus status = mTransport.call(mService, bus::kServiceInterface, method, writeArguments, readReply);
     if (status.kind == CallStatus::REFUSED || status.kind == CallStatus::FAILED) {
         __android_log_print(ANDROID_LOG_WARN, kTag, "%s failed: %s", method, status.text.c_str());
     }

@@ -48,12 +48,13 @@ std::vector<std::string> mergedEnvironment(const std::map<std::string, std::stri
         if (added.count(line.substr(0, line.find('='))) == 0) merged.push_back(line);
     }
     for (const auto& [name, value] : added)
-        merged.push_back(name + "=" + value);
+        merged.emplace_back(name).append("=").append(value);
     return merged;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
         pointers.push_back(text.data());
     pointers.push_back(nullptr);
