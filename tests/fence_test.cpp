@@ -119,6 +119,12 @@ TEST(FenceMerge, OfTwoSignalled_IsSignalled) {
     EXPECT_EQ(NO_ERROR, Fence::merge("test", first.fence(), second.fence())->wait(0));
 }
 
+TEST(FenceMerge, WithAClosedDescriptor_IsNoFence) {
+    SignalFence pending;
+    EXPECT_EQ(Fence::NO_FENCE, Fence::merge("test", pending.fence(), new Fence(1 << 20)));
+    EXPECT_EQ(Fence::NO_FENCE, Fence::merge("test", new Fence(1 << 20), pending.fence()));
+}
+
 TEST(FenceMerge, OfTwoPending_DroppedUnsignalled_LeaksNothing) {
     SignalFence first;
     SignalFence second;

@@ -6,7 +6,6 @@
 
 using android::Fence;
 using android::GraphicBuffer;
-using android::sp;
 
 namespace {
 

@@ -57,6 +57,7 @@ void signalAfterBoth(base::unique_fd first, base::unique_fd second, base::unique
 // sender sees when the last reader is gone and can be spared SIGPIPE.
 base::unique_fd watchBoth(base::unique_fd first, base::unique_fd second) {
     int ends[2];
+    if (first == -1 || second == -1) return {};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return {};
     base::unique_fd readEnd(ends[0]);
     std::thread(signalAfterBoth, std::move(first), std::move(second), base::unique_fd(ends[1])).detach();

@@ -59,7 +59,7 @@ const AHardwareBuffer* GraphicBuffer::toAHardwareBuffer() const {
 GraphicBuffer::GraphicBuffer() : mId(nextId()) {}
 
 GraphicBuffer::GraphicBuffer(uint32_t w, uint32_t h, PixelFormat format, uint32_t layerCount, uint64_t usage,
-                             std::string requestorName)
+                             std::string requestorName)  // NOLINT(performance-unnecessary-value-param)
     : mId(nextId()) {
     mInitCheck = allocate(w, h, format, layerCount, usage, requestorName);
 }

@@ -18,7 +18,7 @@ class ANativeObjectBase : public NATIVE_TYPE, public REF {
         NATIVE_TYPE::common.incRef = [](NATIVE_BASE* base) { self(base)->incStrong(self(base)); };
         NATIVE_TYPE::common.decRef = [](NATIVE_BASE* base) { self(base)->decStrong(self(base)); };
     }
-    virtual ~ANativeObjectBase() {}
+    ~ANativeObjectBase() override = default;
 
   private:
     static TYPE* self(NATIVE_BASE* base) { return static_cast<TYPE*>(reinterpret_cast<NATIVE_TYPE*>(base)); }

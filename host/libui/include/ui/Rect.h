@@ -11,11 +11,16 @@ class Rect : public ARect {
     static const Rect EMPTY_RECT;    // 0, 0, 0, 0
 
     Rect() : Rect(0, 0, -1, -1) {}
-    Rect(int32_t l, int32_t t, int32_t r, int32_t b) : ARect{l, t, r, b} {}
+    Rect(int32_t l, int32_t t, int32_t r, int32_t b) : ARect() {
+        left = l;
+        top = t;
+        right = r;
+        bottom = b;
+    }
     Rect(const ARect& other) : ARect(other) {}
     // From 0, 0; a size above INT32_MAX is cut to it.
     template <typename T>
-    Rect(T w, T h) : ARect{0, 0, clamped(w), clamped(h)} {}
+    Rect(T w, T h) : Rect(0, 0, clamped(w), clamped(h)) {}
 
     int32_t getWidth() const { return static_cast<int32_t>(static_cast<uint32_t>(right) - left); }
     int32_t getHeight() const { return static_cast<int32_t>(static_cast<uint32_t>(bottom) - top); }
