@@ -54,6 +54,7 @@ bool VelChiDesktopHelper::closeCameraIfLinkIsFree(uint32_t cameraId) {
     settings.currentOverrideId = INVALID_CAMERA_ID;
     settings.requiredOverrideId = settings.defaultOverrideId;
     settings.restartPending = false;
+    if (settings.isDesktop && dropImgSubHelper()) setImgSubSurface(nullptr);
     return true;
 }
 

@@ -22,6 +22,12 @@ const Value* findMember(const Value& root, const char* name) {
     return error == 0 ? &member : nullptr;
 }
 
+// Whether an object has the member. checkExists() ends the process on a root that is neither null nor an
+// object, which a peer must not be able to bring about.
+bool exists(const Value& root, const char* name) {
+    return root.IsObject() && JsonUtils::checkExists(root, name);
+}
+
 // The whole text as a decimal number, or INVALID_CAMERA_ID: a sign, a blank or anything left over makes it
 // so.
 uint32_t cameraIdFromText(const std::string& text) {
@@ -62,10 +68,10 @@ std::string VelChiDesktopHelper::handleCommand(const std::string& command) {
     if (const Value* filter = findMember(root, keys::kFilterResults)) {
         mMetadataHandler->setResultsOfInterest(*filter);
     }
-    // checkExists() ends the process on a root that is neither null nor an object, which a peer must not be
-    // able to bring about; the reads on either side of it only log.
-    if (root.IsObject() && JsonUtils::checkExists(root, keys::kSurfaceConfig)) {
-        HELPER_LOGD("Found surface configuration");
+    if (exists(root, keys::kSurfaceConfig)) HELPER_LOGD("Found surface configuration");
+    if (exists(root, keys::kImgSubConfigureStream)) {
+        const Value* config = findMember(root, keys::kImgSubConfigureStream);
+        if (config != nullptr) return handleImgSubStreamConfig(*config);
     }
     if (const Value* event = findMember(root, keys::kEvent)) handleEventMessage(*event);
     if (const Value* general = findMember(root, keys::kGeneral)) handleGeneralCommand(*general);

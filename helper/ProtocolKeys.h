@@ -41,4 +41,24 @@ constexpr char kFrameNumber[] = "frame_number";
 constexpr char kRequest[] = "request";
 constexpr char kResult[] = "result";
 
+// The configuration of image substitution and its answer.
+constexpr char kVersion[] = "version";
+constexpr char kImageWidth[] = "image-width";
+constexpr char kImageHeight[] = "image-height";
+constexpr char kConsumerUsage[] = "hal-consumer-usage";
+constexpr char kConsumerBufferCount[] = "hal-consumer-buffer-count";
+constexpr char kConsumerFormat[] = "hal-consumer-v4l2-format";
+constexpr char kMergeStreams[] = "hal-merge-streams";
+constexpr char kAppConsumerWidth[] = "app-consumer-width";
+constexpr char kAppConsumerHeight[] = "app-consumer-height";
+constexpr char kAppConsumerBufferCount[] = "app-consumer-buffer-count";
+constexpr char kAppConsumerFormat[] = "app-consumer-v4l2-format";
+constexpr char kHeaderVersion[] = "using-private-header-version";
+
+// The notice that the HAL is ready for image substitution.
+constexpr char kImgSubEvent[] = "ImgSubEvent";
+constexpr char kImgSubHalReady[] = "ImgSubHalReady";
+constexpr char kMaxWidth[] = "max-width";
+constexpr char kMaxHeight[] = "max-height";
+
 }  // namespace keys

@@ -18,22 +18,26 @@ constexpr int kReconnectAttempts = 3;
 constexpr useconds_t kReconnectPauseUs = 500 * 1000;
 
 // Makes copying and replacing mCameraDesktop safe where mServiceLock cannot be had: a command that arrives
-// inside an outgoing call must not wait for the lock that this call holds. A leaf, never held over a call.
-std::mutex gProxyLock;
+// inside an outgoing call must not wait for the lock that this call holds. A leaf, never held over a call,
+// and never destroyed, since threads may outlive the static destructors.
+std::mutex& proxyLock() {
+    static std::mutex& lock = *new std::mutex;
+    return lock;
+}
 
 }  // namespace
 
 void VelChiDesktopHelper::setServiceProxy(const sp<ICameraDesktop>& proxy) {
     sp<ICameraDesktop> old = proxy;
     {
-        std::lock_guard<std::mutex> lock(gProxyLock);
+        std::lock_guard<std::mutex> lock(proxyLock());
         std::swap(old, mCameraDesktop);
     }
     // The old proxy goes here, outside the lock: its last reference may run platform code.
 }
 
 sp<VelChiDesktopHelper::ICameraDesktop> VelChiDesktopHelper::serviceProxy() const {
-    std::lock_guard<std::mutex> lock(gProxyLock);
+    std::lock_guard<std::mutex> lock(proxyLock());
     return mCameraDesktop;
 }
 
@@ -58,11 +62,6 @@ void VelChiDesktopHelper::disconnectFromServiceLocked() {
         (void)mCameraDesktop->unlinkToDeath(sp<hidl_death_recipient>(mCallback)).isOk();
     }
     setServiceProxy(nullptr);
-}
-
-void VelChiDesktopHelper::clearImgSubSurface() {
-    const sp<ICameraDesktop> service = serviceProxy();
-    if (service != nullptr) (void)service->setSurface(ClientType::CLIENT_IMG_SUB, nullptr).isOk();
 }
 
 void VelChiDesktopHelper::handleDeathNotification() {

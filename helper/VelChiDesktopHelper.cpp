@@ -31,13 +31,14 @@ VelChiDesktopHelper::VelChiDesktopHelper()
     HELPER_LOGD("Calling constructor %s", "VelChiDesktopHelper");
     fillDesktopSettings();
     connectToServiceLocked();
-    clearImgSubSurface();
+    setImgSubSurface(nullptr);
 }
 
 VelChiDesktopHelper::~VelChiDesktopHelper() {
     helper_lifetime::end();
     HELPER_LOGD("Calling destructor %s", "~VelChiDesktopHelper");
-    clearImgSubSurface();
+    dropImgSubHelper();
+    setImgSubSurface(nullptr);
 }
 
 void VelChiDesktopHelper::fillDesktopSettings() {

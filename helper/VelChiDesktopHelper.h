@@ -245,6 +245,21 @@ class VEL_EXPORT VelChiDesktopHelper {
      */
     android::sp<HidlProducer> getIGraphicBufferProducer(AImageReader* reader);
 
+    // --- Image substitution --------------------------------------------------------------------------------
+
+    /**
+     * Tells the application that the HAL is ready for image substitution. Blocks for the call; takes
+     * mServiceLock.
+     */
+    void sendImgSubHalReadyToApp();
+
+    /**
+     * To be called when the HAL's substitution node goes away. Ends image substitution and clears the
+     * service's surface, unless somebody besides this object still holds the helper: then nothing changes.
+     * Takes mServiceLock, and may make one call to the service and one to the application's queue under it.
+     */
+    void ImgSubNodeDisconnect();
+
     // --- The service link ----------------------------------------------------------------------------------
 
     /**
@@ -294,6 +309,15 @@ class VEL_EXPORT VelChiDesktopHelper {
     /** Answers the "get" member with a JSON text: the id asked for, or an object with "error". */
     VEL_LOCAL std::string handleGetCommand(const JsonValue& get);
 
+    /**
+     * Handles the "imgsub-configure-stream" member: ends an earlier substitution, creates the reader for the
+     * application's frames, gives its producer to the service and creates the helper. Returns what the
+     * application is to produce, as a JSON text, or a plain text that says what is wrong: with a member that
+     * cannot be read nothing has changed, with any later failure no substitution is configured. Takes no lock
+     * of this class, since the command may arrive inside a call that holds mServiceLock.
+     */
+    VEL_LOCAL std::string handleImgSubStreamConfig(const JsonValue& config);
+
   private:
     friend struct DesktopHelperTestAccess;
 
@@ -303,7 +327,8 @@ class VEL_EXPORT VelChiDesktopHelper {
     VEL_LOCAL VelChiDesktopHelper();
 
     VEL_LOCAL void fillDesktopSettings();
-    VEL_LOCAL void clearImgSubSurface();
+    VEL_LOCAL void setImgSubSurface(const android::sp<HidlProducer>& producer);
+    VEL_LOCAL bool dropImgSubHelper();
     VEL_LOCAL void setServiceProxy(const android::sp<ICameraDesktop>& proxy);
     VEL_LOCAL android::sp<ICameraDesktop> serviceProxy() const;
     VEL_LOCAL void reconnectToService();

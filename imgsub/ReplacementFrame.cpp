@@ -17,20 +17,27 @@ struct __attribute__((packed)) Word {
 
 // As the device's processor converts: what does not fit becomes the nearest that does.
 uint32_t saturated(double value) {
+    if (!(value > 0)) return 0;
     return value >= UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
 }
 
-uint64_t blockStart(uint32_t imageWidth, uint32_t imageHeight) {
-    const uint32_t pixels = imageWidth * imageHeight;  // wraps
-    const uint64_t size = saturated(kBlockBytes + pixels * kBytesPerPixel);
-    return (size + kAlignment - 1) / kAlignment * kAlignment - kBlockSize;
+// The pixels and the block, rounded up.
+uint64_t frameBytes(double pixels) {
+    const uint64_t bytes = saturated(kBlockBytes + pixels * kBytesPerPixel);
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
 }
 
 }  // namespace
 
+uint32_t rowBytes(int32_t imageWidth, int32_t imageHeight) {
+    const uint32_t pixels = static_cast<uint32_t>(imageWidth) * static_cast<uint32_t>(imageHeight);  // wraps
+    return static_cast<uint32_t>(frameBytes(static_cast<int32_t>(pixels)));
+}
+
 bool readStreamIndex(const uint8_t* row, size_t byteCount, uint32_t imageWidth, uint32_t imageHeight,
                      uint32_t& streamIndex) {
-    const uint64_t offset = blockStart(imageWidth, imageHeight) + kStreamIndexOffset;
+    const uint32_t pixels = imageWidth * imageHeight;  // wraps
+    const uint64_t offset = frameBytes(pixels) - kBlockSize + kStreamIndexOffset;
     if (row == nullptr || offset + sizeof(Word) > byteCount) return false;
     streamIndex = reinterpret_cast<const volatile Word*>(row + offset)->value;
     return true;

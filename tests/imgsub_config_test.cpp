@@ -1,0 +1,227 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <hidl_host/LocalServices.h>
+
+#include <atomic>
+#include <thread>
+
+#include "DesktopHelperTestAccess.h"
+#include "FakeDesktopService.h"
+#include "LogCapture.h"
+#include "ReplacementFrame.h"
+#include "ServiceCalls.h"
+#include "VelImgSubHelper.h"
+
+namespace {
+
+using Access = DesktopHelperTestAccess;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Operation = FakeDesktopService::Operation;
+
+// The command, with some of its members replaced: each change is "key":value, and no value takes the key out.
+std::string command(const std::map<std::string, std::string>& changes = {}) {
+    std::map<std::string, std::string> members = {{"version", "\"v1\""},
+                                                  {"image-width", "640"},
+                                                  {"image-height", "480"},
+                                                  {"hal-consumer-usage", "3"},
+                                                  {"hal-consumer-buffer-count", "10"},
+                                                  {"hal-consumer-v4l2-format", "\"RAW_PRIVATE\""}};
+    for (const auto& [key, value] : changes)
+        members[key] = value;
+    std::string text;
+    for (const auto& [key, value] : members) {
+        if (!value.empty()) text += (text.empty() ? "\"" : ",\"") + key + "\":" + value;
+    }
+    return "{\"imgsub-configure-stream\":{" + text + "}}";
+}
+
+std::string accepted(uint32_t width) {
+    return "{\"app-consumer-width\":" + std::to_string(width) +
+           R"(,"app-consumer-height":1,"app-consumer-buffer-count":6,"app-consumer-v4l2-format":"RAW_PRIVATE",)"
+           R"("using-private-header-version":"v1"})";
+}
+
+class AnImgSubConfiguration : public testing::Test {
+  protected:
+    AnImgSubConfiguration() : service(FakeDesktopService::start()), helper(Access::create()) {
+        service->forgetCalls();
+        log.clear();
+    }
+    ~AnImgSubConfiguration() override {
+        helper.reset();
+        vel::host::clearLocalServices();
+    }
+
+    std::string send(const std::string& text) { return helper->handleCommand(text); }
+    std::vector<std::string> surfaceCalls() { return describe(service->calls(Operation::SET_SURFACE)); }
+    bool surfaceIsSet() {
+        return service->surface(FakeDesktopService::ClientType::CLIENT_IMG_SUB) != nullptr;
+    }
+
+    LogCapture log;
+    android::sp<FakeDesktopService> service;
+    std::unique_ptr<VelChiDesktopHelper> helper;
+};
+
+TEST(AReplacementFrame, IsSizedWithASignedProductAndSaturates) {
+    using replacement_frame::rowBytes;
+    EXPECT_EQ(rowBytes(1920, 1080), 3110496u);
+    EXPECT_EQ(rowBytes(640, 480), 460896u);
+    EXPECT_EQ(rowBytes(3, 3), 112u);
+    EXPECT_EQ(rowBytes(0, 5), 96u);
+    EXPECT_EQ(rowBytes(-1, 1), 96u);
+    EXPECT_EQ(rowBytes(-1000, 1), 0u);
+    EXPECT_EQ(rowBytes(65536, 65536), 96u) << "the product wraps to 0";
+    EXPECT_EQ(rowBytes(50000, 50000), 0u) << "the product wraps to a negative number";
+    EXPECT_EQ(rowBytes(INT32_MAX, 1), 3221225568u);
+}
+
+TEST_F(AnImgSubConfiguration, CreatesTheHelperAndGivesTheReadersSurfaceToTheService) {
+    EXPECT_EQ(send(command()), accepted(460896));
+    EXPECT_NE(helper->mImgSubHelper, nullptr);
+    EXPECT_TRUE(surfaceIsSet());
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null", "setSurface 7 producer"));
+    EXPECT_EQ(log.count("handleImgSubStreamConfig called"), 1u);
+}
+
+TEST_F(AnImgSubConfiguration, IsAnsweredAloneAndAfterTheFilters) {
+    std::string text = command();
+    text.insert(1, R"("general":{"originalId":0,"overrideId":2},"get":{"what":"version"},"event":5,)");
+    EXPECT_EQ(send(text), accepted(460896));
+    EXPECT_EQ(Access::settings(*helper, 0).requiredOverrideId, 4u);
+    for (const char* value : {"null", "5", "[]", "\"x\""}) {
+        EXPECT_EQ(send(std::string(R"({"imgsub-configure-stream":)") + value + "}"), "error");
+    }
+}
+
+TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
+    send(command());
+    const auto before = helper->mImgSubHelper;
+    service->forgetCalls();
+    for (const char* key : {"version", "image-width", "image-height", "hal-consumer-usage",
+                            "hal-consumer-buffer-count", "hal-consumer-v4l2-format"}) {
+        for (const char* value : {"", "null", "[]", "{}", "1.5", "true"}) {
+            SCOPED_TRACE(std::string(key) + " " + value);
+            EXPECT_EQ(send(command({{key, value}})), std::string(key) + " missing");
+        }
+    }
+    EXPECT_EQ(send(command({{"image-width", "4294967296"}, {"image-height", ""}})), "image-width missing")
+        << "the first unreadable member is named";
+    EXPECT_EQ(helper->mImgSubHelper, before);
+    EXPECT_THAT(surfaceCalls(), IsEmpty());
+}
+
+TEST_F(AnImgSubConfiguration, WithAnotherFormatEndsTheEarlierSubstitution) {
+    send(command());
+    service->forgetCalls();
+    EXPECT_EQ(send(command({{"hal-consumer-v4l2-format", "\"NV12\""}})), "Invalid format");
+    EXPECT_EQ(helper->mImgSubHelper, nullptr);
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
+    EXPECT_EQ(log.count("Bad format received: NV12"), 1u);
+}
+
+TEST_F(AnImgSubConfiguration, WithASizeOrCountThatNoReaderAcceptsIsRefused) {
+    const std::map<std::string, std::string> cases[] = {
+        {{"image-width", "50000"}, {"image-height", "50000"}},
+        {{"image-width", "-1000"}, {"image-height", "1"}},
+        {{"image-width", "2147483647"}, {"image-height", "1"}},
+        {{"hal-consumer-buffer-count", "0"}},
+        {{"hal-consumer-buffer-count", "-1"}},
+        {{"hal-consumer-buffer-count", "65"}},
+        {{"hal-consumer-buffer-count", "100000"}},
+    };
+    for (const auto& changes : cases) {
+        SCOPED_TRACE(command(changes));
+        send(command());
+        EXPECT_EQ(send(command(changes)), "Failed to create AImageReader");
+        EXPECT_EQ(helper->mImgSubHelper, nullptr);
+        EXPECT_FALSE(surfaceIsSet());
+    }
+    EXPECT_EQ(log.count("Failed to create AImageReader"), std::size(cases));
+}
+
+TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
+    for (const char* side : {"0", "65536"}) {
+        EXPECT_EQ(send(command({{"image-width", side}, {"image-height", side}})), accepted(96));
+    }
+    EXPECT_EQ(send(command({{"image-width", "-1"}, {"image-height", "1"}})), accepted(96));
+    EXPECT_EQ(send(command({{"hal-consumer-usage", "-1"}})), accepted(460896));
+    EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted(460896));
+}
+
+TEST_F(AnImgSubConfiguration, WithoutAServiceStillCreatesTheHelper) {
+    vel::host::killLocalService("default");
+    vel::host::awaitDeathNotices();
+    EXPECT_EQ(send(command()), accepted(460896));
+    EXPECT_NE(helper->mImgSubHelper, nullptr);
+}
+
+TEST_F(AnImgSubConfiguration, EndsWithTheCloseOfADesktopCameraOnly) {
+    send(command());
+    helper->onHalClose(1);
+    EXPECT_NE(helper->mImgSubHelper, nullptr);
+    send(R"({"event":{"type":"cameraOpen","id":"1","isDesktop":true}})");
+    service->forgetCalls();
+    helper->onHalClose(1);
+    EXPECT_EQ(helper->mImgSubHelper, nullptr);
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
+    helper->onHalClose(1);
+    EXPECT_EQ(surfaceCalls().size(), 1u) << "nothing is left to end";
+}
+
+TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
+    helper->ImgSubNodeDisconnect();
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
+
+    send(command());
+    service->forgetCalls();
+    std::shared_ptr<VelImgSubHelper> frameThreads = std::atomic_load(&helper->mImgSubHelper);
+    helper->ImgSubNodeDisconnect();
+    EXPECT_EQ(helper->mImgSubHelper, frameThreads);
+    EXPECT_THAT(surfaceCalls(), IsEmpty());
+
+    const std::weak_ptr<VelImgSubHelper> watched = frameThreads;
+    frameThreads.reset();
+    helper->ImgSubNodeDisconnect();
+    EXPECT_TRUE(watched.expired());
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
+}
+
+TEST_F(AnImgSubConfiguration, AnnouncesTheHalWithoutLimits) {
+    service->setReply(FakeDesktopService::ClientType::CLIENT_APP, "FINE");
+    helper->sendImgSubHalReadyToApp();
+    EXPECT_THAT(
+        describe(service->calls(Operation::SEND_COMMAND)),
+        ElementsAre(R"(sendCommand 0 {"ImgSubEvent":{"ImgSubHalReady":{"max-width":0,"max-height":0}}})"));
+    EXPECT_EQ(log.count("sendImgSubHalReadyToApp: App replied FINE"), 1u);
+}
+
+// Reconfigured, closed and disconnected at once while a frame thread uses whatever helper there is: each
+// helper ends once, and the last one leaves no surface behind.
+TEST_F(AnImgSubConfiguration, MayBeReplacedAndEndedFromSeveralThreadsAtOnce) {
+    send(R"({"event":{"type":"cameraOpen","id":"1","isDesktop":true}})");
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    const auto repeat = [&](auto action) {
+        threads.emplace_back([&stop, action] {
+            while (!stop)
+                action();
+        });
+    };
+    repeat([&] { helper->onHalClose(1); });
+    repeat([&] { helper->ImgSubNodeDisconnect(); });
+    repeat([&] {
+        const auto current = std::atomic_load(&helper->mImgSubHelper);
+        if (current != nullptr) (void)current->imgSubGetOutputFrameToFill(0);
+    });
+    for (int round = 0; round < 200; ++round)
+        EXPECT_EQ(send(command()), accepted(460896));
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    helper->onHalClose(1);
+    EXPECT_EQ(helper->mImgSubHelper, nullptr);
+}
+
+}  // namespace
