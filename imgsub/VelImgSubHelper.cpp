@@ -248,6 +248,8 @@ sp<GraphicBuffer> VelImgSubHelper::handOut_locked(uint32_t streamIndex, const st
     return buffer;
 }
 
+// Dropping the copy is the release.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void VelImgSubHelper::imgSubReleaseFrame(uint32_t /*streamIndex*/, std::shared_ptr<AImage> /*image*/) {}
 
 void VelImgSubHelper::setImgSubAppConnected(bool connected) {

@@ -17,7 +17,7 @@ class JsonPool {
     Allocator& allocator() { return mAllocator; }
 
   private:
-    static constexpr size_t kHeapChunkBytes = 64 * 1024;  // RapidJSON's own choice
+    static constexpr size_t kHeapChunkBytes = size_t{64} * 1024;  // RapidJSON's own choice
 
     alignas(std::max_align_t) char mMemory[4096];
     rapidjson::CrtAllocator mHeap;

@@ -20,7 +20,6 @@ using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Status;
-using ::android::hardware::Void;
 using ::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
 using ::android::hidl::base::V1_0::DebugInfo;
 using ::korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
