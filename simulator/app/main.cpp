@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "CaptureAnswers.h"
 #include "Program.h"
 #include "ServiceClient.h"
 
@@ -22,6 +23,7 @@ struct Options {
     std::vector<std::string> commands;
     std::string reply = "OK_APP";
     std::vector<std::string> talkBack;
+    bool changeMetadata = false;
     bool stay = false;
     bool quiet = false;
 };
@@ -43,7 +45,11 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input");
     cli.add_option("--to", options.to, "who gets them: hal, camera-service or app (default hal)")
         ->transform(CLI::CheckedTransformer(peers, CLI::ignore_case));
-    cli.add_option("--reply", options.reply, "what to answer to a received command (default OK_APP)");
+    cli.add_option("--reply", options.reply,
+                   "what to answer to a received command (default OK_APP); capture metadata is answered by "
+                   "nothing");
+    cli.add_flag("--change-metadata", options.changeMetadata,
+                 "answer capture metadata by changes to some of the captures");
     cli.add_option("--talk-back", options.talkBack,
                    "a command to send while answering a received one, before the answer; may be repeated");
     cli.add_flag("--stay", options.stay, "stay registered after the commands until a signal comes");
@@ -82,6 +88,8 @@ int main(int argc, char** argv) {
             for (const std::string& text : options.talkBack) {
                 if (ServiceClient* target = link.load()) (void)target->send(options.to, text);
             }
+            if (const auto capture = vel::sim::captureIn(command))
+                return options.changeMetadata ? vel::sim::changesOf(*capture) : "";
             return options.reply;
         },
         [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });

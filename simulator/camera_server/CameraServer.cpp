@@ -4,9 +4,14 @@
 
 #include <sstream>
 
+#include "CaptureSession.h"
 #include "Program.h"
 
 namespace vel::sim {
+
+namespace {
+constexpr uint32_t kMaxFramesPerSecond = 1000;
+}
 
 CameraServer::CameraServer(VelChiDesktopHelper* helper) : mHelper(helper) {}
 
@@ -25,6 +30,8 @@ bool CameraServer::execute(const std::string& line) {
         close(fwkId);
     } else if (verb == "status") {
         printStatus(fwkId);
+    } else if (verb == "capture") {
+        return capture(fwkId, words);
     } else {
         printLine("error no such command: %s", verb.c_str());
         return false;
@@ -43,6 +50,22 @@ void CameraServer::close(uint32_t fwkId) {
     mHelper->onHalClose(fwkId);
     mOpenCameras.erase(fwkId);
     printLine("close %u", fwkId);
+}
+
+bool CameraServer::capture(uint32_t fwkId, std::istream& words) {
+    uint32_t frames = 0, framesPerSecond = 0;
+    words >> frames >> framesPerSecond;
+    const auto camera = mOpenCameras.find(fwkId);
+    if (words.fail() || framesPerSecond < 1 || framesPerSecond > kMaxFramesPerSecond) {
+        printLine("error usage: capture CAMERA FRAMES FRAMES_PER_SECOND (1 to %u)", kMaxFramesPerSecond);
+        return false;
+    }
+    if (camera == mOpenCameras.end()) {
+        printLine("error camera %u is not open", fwkId);
+        return false;
+    }
+    CaptureSession(mHelper, camera->second, framesPerSecond).run(frames);
+    return true;
 }
 
 void CameraServer::restartSession(uint32_t fwkId) {

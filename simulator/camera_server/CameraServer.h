@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <map>
 #include <string>
 
@@ -10,13 +11,17 @@ namespace vel::sim {
 
 /**
  * A camera HAL as the library sees it: opens and closes framework cameras, and restarts a session by asking
- * whether the open camera must be switched and opening it again without a close. One thread.
+ * whether the open camera must be switched and opening it again without a close; captures frames and has
+ * their metadata exchanged with the application. One thread.
  */
 class CameraServer {
   public:
     explicit CameraServer(VelChiDesktopHelper* helper);
 
-    /** Carries out one line: "open N", "close N" or "status N". False for anything else, said in a line. */
+    /**
+     * Carries out one line: "open N", "close N", "status N" or "capture N FRAMES FRAMES_PER_SECOND", which
+     * blocks until the frames are captured. False for anything else, said in a line.
+     */
     bool execute(const std::string& line);
 
     /** Answers a request to restart the session of a framework camera. */
@@ -26,6 +31,7 @@ class CameraServer {
     void open(uint32_t fwkId);
     void close(uint32_t fwkId);
     void printStatus(uint32_t fwkId);
+    bool capture(uint32_t fwkId, std::istream& words);
 
     VelChiDesktopHelper* const mHelper;
     std::map<uint32_t, uint32_t> mOpenCameras;  // camera id by framework id

@@ -11,6 +11,7 @@
 #include "ServiceClient.h"
 #include "TaskQueue.h"
 #include "VelChiDesktopHelper.h"
+#include "VendorTags.h"
 
 namespace {
 
@@ -34,8 +35,9 @@ uint32_t restartRequestedFor(const std::string& command) {
 std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options) {
     CLI::App cli(
         "The camera server. Loads the desktop helper as a camera HAL does and reads what to do from standard "
-        "input, one a line: open N, close N, status N. Answers the library's restart requests by opening the "
-        "camera again. Ends with its input or by a signal.");
+        "input, one a line: open N, close N, status N, and capture N FRAMES FRAMES_PER_SECOND, which has the "
+        "metadata of each frame exchanged with the application. Answers the library's restart requests by "
+        "opening the camera again. Ends with its input or by a signal.");
     vel::sim::addCommonOptions(cli, options);
     return vel::sim::parseArguments(cli, argc, argv);
 }
@@ -56,7 +58,9 @@ int main(int argc, char** argv) {
     vel::sim::applyCommonOptions(options);
 
     vel::sim::TaskQueue tasks;
-    CameraServer server(VelChiDesktopHelper::getInstance());
+    VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
+    vel::sim::installVendorTags(*helper);
+    CameraServer server(helper);
     ServiceClient cameraService(
         ServiceClient::ClientType::CLIENT_CAMERA_SERVICE,
         [&](const std::string& command) -> std::string {

@@ -1,30 +1,8 @@
 #include "CameraSwitch.h"
 
-#include <cstdio>
-
 namespace vel::sim {
 
-namespace {
-
-constexpr std::chrono::seconds kLimit{10};
-
-// A message that the service forwarded, and the reply that it brought back.
-Expectation message(const std::string& from, const std::string& to, const std::string& text) {
-    return {"service", {from + " -> " + to, text}};
-}
-Expectation reply(const std::string& from, const std::string& to, const std::string& text) {
-    return {"service", {from + " => " + to, text}};
-}
-Expectation camera(const std::string& text) {
-    return {"camera_server", {text}};
-}
-Expectation app(const std::string& text) {
-    return {"app", {text}};
-}
-
-}  // namespace
-
-std::vector<Step> cameraSwitchSteps() {
+Scene cameraSwitch() {
     return {
         {"the peers register",
          "",
@@ -57,34 +35,13 @@ std::vector<Step> cameraSwitchSteps() {
         {"the application announces the close",
          "app",
          R"({"event":{"type":"cameraClosed","id":"0"}})",
-         {message("APP", "HAL", R"("cameraClosed")"), reply("HAL", "APP", "OK_HAL")}},
+         {message("APP", "HAL", R"("cameraClosed")"), reply("HAL", "APP", "OK_HAL"), app("reply OK_HAL")}},
         {"the HAL opens camera 0 again, at its default",
          "camera_server",
          "open 0",
          {camera("open 0 -> camera 4")}},
         {"the HAL closes camera 0", "camera_server", "close 0", {camera("close 0")}},
     };
-}
-
-std::vector<std::string> play(const std::vector<Step>& steps, Recorder& recorder,
-                              const std::function<bool(const std::string&, const std::string&)>& send) {
-    std::vector<std::string> missing;
-    for (const Step& step : steps) {
-        const size_t mark = step.command.empty() ? 0 : recorder.mark();
-        std::printf("\n-- %s\n", step.title.c_str());
-        if (!step.command.empty() && !send(step.actor, step.command)) {
-            missing.push_back(step.actor + " takes no more commands, at: " + step.title);
-            return missing;
-        }
-        for (const Expectation& expectation : step.expectations) {
-            if (recorder.waitFor(expectation, mark, kLimit)) continue;
-            if (!recorder.isInterrupted()) missing.push_back(expectation.text());
-            break;
-        }
-        recorder.print();
-        if (!missing.empty() || recorder.isInterrupted()) return missing;
-    }
-    return missing;
 }
 
 }  // namespace vel::sim

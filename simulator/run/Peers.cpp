@@ -20,7 +20,7 @@ bool Peers::start() {
     start("service", "desktop_service", {"--trace"});
     if (!mRecorder.waitFor({"service", {"ready"}}, 0, kReadyLimit)) return false;
     start("camera_server", "camera_server", {});
-    start("app", "desktop_app", {"-"});
+    start("app", "desktop_app", {"-", "--change-metadata"});
     return true;
 }
 

@@ -18,6 +18,12 @@ std::string withSource(const std::string& source, const std::string& line) {
 
 }  // namespace
 
+bool Expectation::isMetBy(const std::string& lineSource, const std::string& line) const {
+    return lineSource == source && std::all_of(parts.begin(), parts.end(), [&](const std::string& part) {
+               return line.find(part) != std::string::npos;
+           });
+}
+
 std::string Expectation::text() const {
     std::string result = source + ":";
     for (const std::string& part : parts)
@@ -33,11 +39,28 @@ void Recorder::add(const std::string& source, const std::string& line) {
     mChanged.notify_all();
 }
 
+void Recorder::printOnlyFirst(const Expectation& pattern, size_t count) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mQuotas.push_back({pattern, count});
+}
+
+// Whether the line is to be printed.
+bool Recorder::takeFromQuota(const Entry& entry) {
+    const auto quota = std::find_if(mQuotas.begin(), mQuotas.end(), [&](const Quota& candidate) {
+        return candidate.pattern.isMetBy(entry.source, entry.line);
+    });
+    if (quota == mQuotas.end()) return true;
+    if (quota->left == 0) return false;
+    --quota->left;
+    return true;
+}
+
 void Recorder::print() {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<std::string> lines;
     for (; mPrinted < mEntries.size(); ++mPrinted) {
-        lines.push_back(withSource(mEntries[mPrinted].source, mEntries[mPrinted].line));
+        const Entry& entry = mEntries[mPrinted];
+        if (takeFromQuota(entry)) lines.push_back(withSource(entry.source, entry.line));
     }
     // Every line begins with its time, right-aligned: sorting the texts sorts the times.
     std::stable_sort(lines.begin(), lines.end(), [](const std::string& left, const std::string& right) {
@@ -55,13 +78,8 @@ bool Recorder::waitFor(const Expectation& expectation, size_t mark, std::chrono:
 }
 
 bool Recorder::isMetSince(const Expectation& expectation, size_t mark) const {
-    return std::any_of(
-        mEntries.begin() + static_cast<ptrdiff_t>(mark), mEntries.end(), [&](const Entry& entry) {
-            return entry.source == expectation.source &&
-                   std::all_of(
-                       expectation.parts.begin(), expectation.parts.end(),
-                       [&](const std::string& part) { return entry.line.find(part) != std::string::npos; });
-        });
+    return std::any_of(mEntries.begin() + static_cast<ptrdiff_t>(mark), mEntries.end(),
+                       [&](const Entry& entry) { return expectation.isMetBy(entry.source, entry.line); });
 }
 
 size_t Recorder::mark() const {

@@ -13,6 +13,7 @@ struct Expectation {
     std::string source;
     std::vector<std::string> parts;
 
+    bool isMetBy(const std::string& lineSource, const std::string& line) const;
     std::string text() const;
 };
 
@@ -23,6 +24,12 @@ class Recorder {
   public:
     /** Adds a line of a program. It brings its own time stamp. */
     void add(const std::string& source, const std::string& line);
+
+    /**
+     * From now on print() shows only the first so many of the lines that meet the pattern; all are waited for
+     * as before. A line that meets several patterns counts for the one that was given first.
+     */
+    void printOnlyFirst(const Expectation& pattern, size_t count);
 
     /** Prints the lines that came since the last print, in the order of their times. */
     void print();
@@ -46,11 +53,18 @@ class Recorder {
         std::string line;
     };
 
+    struct Quota {
+        Expectation pattern;
+        size_t left;
+    };
+
+    bool takeFromQuota(const Entry& entry);
     bool isMetSince(const Expectation& expectation, size_t mark) const;
 
     mutable std::mutex mLock;
     std::condition_variable mChanged;
     std::vector<Entry> mEntries;  // guarded by mLock
+    std::vector<Quota> mQuotas;   // guarded by mLock
     size_t mPrinted = 0;          // guarded by mLock; so many entries were printed
     bool mInterrupted = false;    // guarded by mLock
 };

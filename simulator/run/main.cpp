@@ -1,5 +1,6 @@
-// Plays a camera switch between the desktop service, the desktop application and the camera server, each a
-// process of its own on a private bus, and checks that every expected message was seen.
+// Plays a camera switch and an exchange of capture metadata between the desktop service, the desktop
+// application and the camera server, each a process of its own on a private bus, and checks that every
+// expected message was seen.
 
 #include <cstdio>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include "CameraSwitch.h"
+#include "MetadataExchange.h"
 #include "Peers.h"
 #include "Program.h"
 #include "Recorder.h"
@@ -23,9 +25,14 @@ int run(const std::string& directory, Recorder& recorder) {
         std::printf("the desktop service did not start\n");
         return 1;
     }
-    const auto missing = vel::sim::play(
-        vel::sim::cameraSwitchSteps(), recorder,
-        [&](const std::string& peer, const std::string& line) { return peers.send(peer, line); });
+    const auto send = [&](const std::string& peer, const std::string& line) {
+        return peers.send(peer, line);
+    };
+    auto missing = vel::sim::play(vel::sim::cameraSwitch(), recorder, send);
+    if (missing.empty() && !recorder.isInterrupted()) {
+        vel::sim::printFewCaptures(recorder);
+        missing = vel::sim::play(vel::sim::metadataExchange(), recorder, send);
+    }
     if (recorder.isInterrupted()) {
         std::printf("\ninterrupted\n");
         return 130;
@@ -49,11 +56,9 @@ std::string directoryOf(const char* program) {
 
 int main(int argc, char** argv) {
     CLI::App cli(
-        "Plays a camera switch between the desktop service, the desktop application and the camera server on "
-        "a "
-        "private bus, prints its timeline, and fails, naming what is missing, unless every expected message "
-        "was "
-        "seen. Leaves no process behind.");
+        "Plays a camera switch and an exchange of capture metadata between the desktop service, the desktop "
+        "application and the camera server on a private bus, prints the timeline, and fails, naming what is "
+        "missing, unless every expected message was seen. Leaves no process behind.");
     std::string directory = directoryOf(argv[0]);
     cli.add_option("--programs", directory, "folder of the three programs (default: this program's own)");
     if (const auto code = vel::sim::parseArguments(cli, argc, argv)) return *code;
