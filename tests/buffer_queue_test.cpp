@@ -161,8 +161,9 @@ TEST_F(ABufferQueue, Reconnect_GivesEverySlotANewBuffer) {
     EXPECT_NE(oldId, buffer->getId());
 }
 
-TEST_F(ABufferQueue, MaxDequeued_SurvivesDisconnect) {
+TEST_F(ABufferQueue, MaxDequeued_SurvivesDisconnect_ItsCheckStartsAnew) {
     connectWithSix();
+    queueOne();
     ASSERT_EQ(NO_ERROR, producer->disconnect(kCamera));
     ASSERT_EQ(NO_ERROR, connect());
     for (int slot = 0; slot < 7; slot++)
@@ -361,6 +362,38 @@ TEST_F(ABufferQueue, DequeueTimeout_ReturnsTimedOut) {
     EXPECT_EQ(TIMED_OUT, dequeue(&slot));
 }
 
+TEST_F(ABufferQueue, ConsumerWithOneExtraFrame_IsWaitedForEvenInAsyncMode) {
+    ASSERT_EQ(NO_ERROR, connect());
+    ASSERT_EQ(NO_ERROR, producer->setAsyncMode(true));
+    queueOne();
+    const BufferItem held = acquire();
+    queueOne();
+    acquire();
+    queueOne();
+    std::future<int> waiting = std::async(std::launch::async, [&] {
+        int slot = -1;
+        EXPECT_EQ(NO_ERROR, dequeue(&slot));
+        return slot;
+    });
+    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly));
+    ASSERT_EQ(NO_ERROR, consumer->releaseBuffer(held));
+    EXPECT_EQ(held.mSlot, waiting.get());
+}
+
+TEST_F(ABufferQueue, FramesOfEarlierConnections_HoldUpTheNext) {
+    for (int i = 0; i < 3; i++) {
+        ASSERT_EQ(NO_ERROR, connect());
+        queueOne(i);
+        ASSERT_EQ(NO_ERROR, producer->disconnect(kCamera));
+    }
+    ASSERT_EQ(NO_ERROR, producer->setDequeueTimeout(1000000));
+    ASSERT_EQ(NO_ERROR, connect());
+    int slot = -1;
+    EXPECT_EQ(TIMED_OUT, dequeue(&slot)) << "three frames wait, two slots are allowed";
+    acquire();
+    EXPECT_EQ(kNeedsReallocation, dequeue(&slot));
+}
+
 // Requesting, queueing, cancelling.
 
 TEST_F(ABufferQueue, Request_OfSlotThatIsNotLent_ReturnsBadValue) {
@@ -460,6 +493,16 @@ TEST_F(ABufferQueue, AsyncOrBothByApp_NewestFrameReplacesTheWaitingOne) {
         EXPECT_EQ(NO_ERROR, dequeue(&slot));
         EXPECT_EQ(replaced, slot) << "the replaced frame's slot is free again";
     }
+}
+
+TEST_F(ABufferQueue, DequeueTimeoutOfBothByApp_EndsReplacement) {
+    make(4, true);
+    ASSERT_EQ(NO_ERROR, connect(true));
+    ASSERT_EQ(NO_ERROR, producer->setDequeueTimeout(1000000));
+    queueOne(1);
+    queueOne(2);
+    EXPECT_FALSE(output.bufferReplaced);
+    EXPECT_EQ(1, acquire().mTimestamp);
 }
 
 TEST_F(ABufferQueue, Cancel_RefusesForeignSlotsAndNullFences) {

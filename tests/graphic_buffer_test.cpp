@@ -8,7 +8,9 @@
 #include <ui/GraphicBuffer.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <thread>
 #include <vector>
@@ -157,6 +159,21 @@ TEST(GraphicBuffer, FirstLocksOfManyThreads_MapOnce) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(1u, std::set<uint8_t*>(addresses.begin(), addresses.end()).size());
+}
+
+TEST(GraphicBuffer, EndOfTheBuffer_UnmapsItsMemory) {
+    const auto isMapped = [] {
+        std::ifstream maps("/proc/self/maps");
+        const std::string text((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
+        return text.find("memfd:buffer-under-test") != std::string::npos;
+    };
+    sp<GraphicBuffer> buffer(
+        new GraphicBuffer(64, 1, HAL_PIXEL_FORMAT_BLOB, 1, kReadWrite, "buffer-under-test"));
+    EXPECT_FALSE(isMapped()) << "mapped at the first lock only";
+    lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN);
+    EXPECT_TRUE(isMapped());
+    buffer.clear();
+    EXPECT_FALSE(isMapped());
 }
 
 TEST(GraphicBuffer, NeedsReallocation_ForAnotherShapeOrMoreUsage) {

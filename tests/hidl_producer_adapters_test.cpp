@@ -280,6 +280,7 @@ TEST(UnreachablePeer, EveryCall_ReturnsDeadObjectOrUnknownError) {
         EXPECT_EQ(expected, producer->setMaxDequeuedBufferCount(6));
         EXPECT_EQ(expected, producer->dequeueBuffer(&slot, &fence, 1, 1, 1, 0, nullptr, nullptr));
         EXPECT_NE(nullptr, fence);
+        EXPECT_NE(Fence::NO_FENCE, fence);
         EXPECT_EQ(expected, producer->requestBuffer(0, &buffer));
         EXPECT_NE(nullptr, buffer);
         EXPECT_EQ(expected, producer->queueBuffer(0, frame(), &output));

@@ -321,6 +321,19 @@ TEST_F(AnImageReader, HardwareBuffer_IsTheProducersAndBorrowed) {
     EXPECT_EQ(AMEDIA_ERROR_INVALID_PARAMETER, AImage_getHardwareBuffer(image, nullptr));
 }
 
+TEST_F(AnImageReader, DeletedImage_UnlocksItsBuffer) {
+    make(2);
+    source->frame(1);
+    AImage* image = nullptr;
+    ASSERT_EQ(AMEDIA_OK, next(&image));
+    AHardwareBuffer* hardwareBuffer = nullptr;
+    ASSERT_EQ(AMEDIA_OK, AImage_getHardwareBuffer(image, &hardwareBuffer));
+    const sp<GraphicBuffer> held = GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
+    ASSERT_EQ(1, firstByteOf(image));
+    drop(image);
+    EXPECT_EQ(BAD_VALUE, held->unlock()) << "no lock is left";
+}
+
 TEST_F(AnImageReader, DeletedImage_GivesItsSlotBack) {
     make(1);
     for (uint8_t i = 0; i < 30; i++) {

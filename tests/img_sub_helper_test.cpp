@@ -570,6 +570,17 @@ TEST_F(AnImgSubHelper, CancelForgetsEveryReplacement) {
     EXPECT_EQ(acquire(0), 44);
 }
 
+TEST_F(AnImgSubHelper, CancelsLeaveTheReaderItsPlaces) {
+    make(2);
+    connect();
+    for (uint8_t i = 0; i < 6; i++) {
+        sendReplacement(0, i);
+        helper->cancelImgSubFrames(0);
+    }
+    sendReplacement(0, 77);
+    EXPECT_EQ(acquire(0), 77);
+}
+
 // Merged streams.
 
 TEST_F(AnImgSubHelper, MergedLowerStreamSharesTheHighestStreamsReplacement) {
