@@ -54,9 +54,12 @@ struct AImageDeleter {
 // is set back must not prolong it.
 class WaitTime {
   public:
-    int64_t elapsedMs() const {
+    // The steady clock is read from the first call on only: a replacement that waits already needs no bound.
+    int64_t elapsedMs() {
+        const auto steadyNow = std::chrono::steady_clock::now();
+        if (mSteadyStart == std::chrono::steady_clock::time_point()) mSteadyStart = steadyNow;
         return std::max(wholeMs(std::chrono::system_clock::now() - mWallStart),
-                        wholeMs(std::chrono::steady_clock::now() - mSteadyStart));
+                        wholeMs(steadyNow - mSteadyStart));
     }
 
   private:
@@ -66,7 +69,7 @@ class WaitTime {
     }
 
     const std::chrono::system_clock::time_point mWallStart = std::chrono::system_clock::now();
-    const std::chrono::steady_clock::time_point mSteadyStart = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point mSteadyStart;
 };
 
 }  // namespace
@@ -175,14 +178,12 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
 
     const std::shared_ptr<AImage>& received = mReceivedImages[streamIndex];
     const std::shared_ptr<AImage>& held = mHeldImages[streamIndex];
-    const WaitTime waitTime;
-    std::shared_ptr<AImage> current = held;
-    while (current == nullptr || current == held) {
+    const auto isNew = [&] { return received != nullptr && received != held; };
+    WaitTime waitTime;
+    do {
         if (!mayWaitForImage_locked()) return nullptr;
-        const media_status_t readerStatus = static_cast<media_status_t>(drainReader_locked());
-        current = received;
-        if (current != nullptr && current != held) break;
-        if (readerStatus != AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE) break;
+        const int32_t readerStatus = drainReader_locked();
+        if (isNew() || readerStatus != AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE) break;
         const int64_t elapsedMs = waitTime.elapsedMs();
         if (elapsedMs >= kReplacementWaitMs) {
             IMGSUB_LOGD("Timed out waiting to retrieve replacement frame: %lld ms",
@@ -192,13 +193,12 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
         lock.unlock();
         usleep(kPollIntervalUs);
         lock.lock();
-        current = received;
-    }
-    if (current == nullptr) {
+    } while (!isNew());
+    if (received == nullptr) {
         IMGSUB_LOGE("failed to retrieve replacement frame");
         return nullptr;
     }
-    return handOut_locked(streamIndex, current, outImage);
+    return handOut_locked(streamIndex, received, outImage);
 }
 
 bool VelImgSubHelper::mayWaitForImage_locked() const {
@@ -242,10 +242,9 @@ sp<GraphicBuffer> VelImgSubHelper::handOut_locked(uint32_t streamIndex, const st
         IMGSUB_LOGE("failed to acquire hw buffer, failed to retrieve replacement frame");
         return nullptr;
     }
-    const sp<GraphicBuffer> buffer = GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
     outImage = image;
     mHeldImages[streamIndex] = image;
-    return buffer;
+    return GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
 }
 
 // Dropping the copy is the release.
