@@ -7,6 +7,11 @@ namespace vel::sim {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+// How long a line waits for earlier ones that another program's pipe still holds.
+constexpr std::chrono::milliseconds kSettling{100};
+
 // Puts the program's name behind the stamp that the line begins with.
 std::string withSource(const std::string& source, const std::string& line) {
     const size_t stampEnd = line.find("] ");
@@ -34,7 +39,7 @@ std::string Expectation::text() const {
 void Recorder::add(const std::string& source, const std::string& line) {
     {
         std::lock_guard<std::mutex> lock(mLock);
-        mEntries.push_back({source, line});
+        mEntries.push_back({source, line, Clock::now()});
     }
     mChanged.notify_all();
 }
@@ -57,8 +62,12 @@ bool Recorder::takeFromQuota(const Entry& entry) {
 
 void Recorder::print() {
     std::lock_guard<std::mutex> lock(mLock);
+    printLinesBefore(Clock::time_point::max());
+}
+
+void Recorder::printLinesBefore(Clock::time_point end) {
     std::vector<std::string> lines;
-    for (; mPrinted < mEntries.size(); ++mPrinted) {
+    for (; mPrinted < mEntries.size() && mEntries[mPrinted].arrival < end; ++mPrinted) {
         const Entry& entry = mEntries[mPrinted];
         if (takeFromQuota(entry)) lines.push_back(withSource(entry.source, entry.line));
     }
@@ -72,9 +81,14 @@ void Recorder::print() {
 }
 
 bool Recorder::waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit) {
+    const Clock::time_point end = Clock::now() + limit;
+    const auto isOver = [&] { return mInterrupted || isMetSince(expectation, mark); };
     std::unique_lock<std::mutex> lock(mLock);
-    return mChanged.wait_for(lock, limit, [&] { return mInterrupted || isMetSince(expectation, mark); }) &&
-           !mInterrupted;
+    while (!mChanged.wait_until(lock, std::min(end, Clock::now() + kSettling), isOver)) {
+        if (Clock::now() >= end) return false;
+        printLinesBefore(Clock::now() - kSettling);
+    }
+    return !mInterrupted;
 }
 
 bool Recorder::isMetSince(const Expectation& expectation, size_t mark) const {

@@ -36,7 +36,7 @@ class Recorder {
 
     /**
      * Waits for a line that came at or behind the mark and meets the expectation. False when the limit passes
-     * or interrupt() is called first.
+     * or interrupt() is called first. A long wait prints the lines that come meanwhile.
      */
     bool waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit);
 
@@ -51,6 +51,7 @@ class Recorder {
     struct Entry {
         std::string source;
         std::string line;
+        std::chrono::steady_clock::time_point arrival;
     };
 
     struct Quota {
@@ -58,6 +59,7 @@ class Recorder {
         size_t left;
     };
 
+    void printLinesBefore(std::chrono::steady_clock::time_point end);
     bool takeFromQuota(const Entry& entry);
     bool isMetSince(const Expectation& expectation, size_t mark) const;
 
