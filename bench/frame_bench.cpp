@@ -42,28 +42,26 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
-// Times and counts what lies between start() and stop(); reports both a turn.
-class Turns {
-  public:
-    void start() {
-        mAllocationsAtStart = mAllocations.count();
-        mStart = std::chrono::steady_clock::now();
-    }
-    void stop(benchmark::State& state) {
-        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - mStart;
+// Runs a turn once an iteration: before() and after() are the other side's, only path() is timed and its
+// allocations counted.
+template <typename Before, typename Path, typename After>
+void measure(benchmark::State& state, Before before, Path path, After after) {
+    AllocationCounter allocations;
+    size_t counted = 0;
+    for (auto _ : state) {
+        before();
+        const size_t allocationsAtStart = allocations.count();
+        const auto start = std::chrono::steady_clock::now();
+        path();
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        counted += allocations.count() - allocationsAtStart;
         state.SetIterationTime(elapsed.count());
-        mCounted += mAllocations.count() - mAllocationsAtStart;
+        after();
     }
-    void report(benchmark::State& state) const {
-        state.counters["allocs"] = static_cast<double>(mCounted) / static_cast<double>(state.iterations());
-    }
+    state.counters["allocs"] = static_cast<double>(counted) / static_cast<double>(state.iterations());
+}
 
-  private:
-    AllocationCounter mAllocations;
-    size_t mAllocationsAtStart = 0;
-    size_t mCounted = 0;
-    std::chrono::steady_clock::time_point mStart;
-};
+void nothing() {}
 
 // A queue of the application with its consumer, as the service hands it out.
 struct Queue {
@@ -78,6 +76,16 @@ struct Queue {
         BufferItem item;
         require(consumer->acquireBuffer(&item, 0) == NO_ERROR);
         require(consumer->releaseBuffer(item) == NO_ERROR);
+    }
+    // Sends frames through the queue; the first ones, which allocate its buffers, are not measured.
+    template <typename Frame>
+    void measureFrames(benchmark::State& state, Frame frame) {
+        const auto consumeIt = [this] { consume(); };
+        for (int i = 0; i < 8; ++i) {
+            frame();
+            consume();
+        }
+        measure(state, nothing, frame, consumeIt);
     }
     sp<HGraphicBufferProducer> handle;
     sp<BufferItemConsumer> consumer;
@@ -126,39 +134,19 @@ void appFrameProduct(benchmark::State& state) {
     Queue queue;
     desktop.service->offerSurface(ClientType::CLIENT_APP, queue.handle);
     require(desktop.helper->connectProducer(kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888));
-    const auto frame = [&] {
+    queue.measureFrames(state, [&] {
         require(desktop.helper->getFrameToFill() != nullptr);
         desktop.helper->queueFilledFrame(0);
-    };
-    for (int i = 0; i < 8; ++i)
-        frame(), queue.consume();
-    Turns turns;
-    for (auto _ : state) {
-        turns.start();
-        frame();
-        turns.stop(state);
-        queue.consume();
-    }
-    turns.report(state);
+    });
 }
 
 void appFrameFloor(benchmark::State& state) {
     Queue queue;
     const sp<IGraphicBufferProducer> producer = connected(queue.handle);
-    const auto frame = [&] {
+    queue.measureFrames(state, [&] {
         dequeueAndQueue(*producer, kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888,
                         GRALLOC_USAGE_SW_WRITE_RARELY);
-    };
-    for (int i = 0; i < 8; ++i)
-        frame(), queue.consume();
-    Turns turns;
-    for (auto _ : state) {
-        turns.start();
-        frame();
-        turns.stop(state);
-        queue.consume();
-    }
-    turns.report(state);
+    });
 }
 
 // A reader as the configuration makes it, and a helper that owns it and is connected to the application's
@@ -174,8 +162,8 @@ struct Substitution {
         helper = std::make_shared<VelImgSubHelper>(handle, reader, kRowBytes, 1, kFormat, kImageWidth,
                                                    kImageHeight, true, false);
         desktop.service->offerSurface(ClientType::CLIENT_IMG_SUB, outbound.handle);
-        for (int i = 0; i < 8; ++i)
-            sendOutbound(), outbound.consume();
+        sendOutbound();  // connects
+        outbound.consume();
     }
     void sendOutbound() {
         require(helper->imgSubGetOutputFrameToFill(0) != nullptr);
@@ -195,61 +183,37 @@ struct Substitution {
 void outboundProduct(benchmark::State& state) {
     Substitution substitution;
     substitution.makeHelper();
-    Turns turns;
-    for (auto _ : state) {
-        turns.start();
-        substitution.sendOutbound();
-        turns.stop(state);
-        substitution.outbound.consume();
-    }
-    turns.report(state);
+    substitution.outbound.measureFrames(state, [&] { substitution.sendOutbound(); });
 }
 
 void outboundFloor(benchmark::State& state) {
     Queue queue;
     const sp<IGraphicBufferProducer> producer = connected(queue.handle);
-    const auto frame = [&] {
-        dequeueAndQueue(*producer, kRowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN);
-    };
-    for (int i = 0; i < 8; ++i)
-        frame(), queue.consume();
-    Turns turns;
-    for (auto _ : state) {
-        turns.start();
-        frame();
-        turns.stop(state);
-        queue.consume();
-    }
-    turns.report(state);
+    queue.measureFrames(
+        state, [&] { dequeueAndQueue(*producer, kRowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN); });
 }
 
 void acquireProduct(benchmark::State& state) {
     Substitution substitution;
     substitution.makeHelper();
-    Turns turns;
-    for (auto _ : state) {
-        substitution.sendReplacement();
+    sp<GraphicBuffer> buffer;
+    const auto acquire = [&] {
         std::shared_ptr<AImage> image;
-        turns.start();
-        const sp<GraphicBuffer> buffer = substitution.helper->imgSubAcquireFrame(0, image);
+        buffer = substitution.helper->imgSubAcquireFrame(0, image);
         substitution.helper->imgSubReleaseFrame(0, std::move(image));
-        turns.stop(state);
-        require(buffer != nullptr);
-    }
-    turns.report(state);
+    };
+    measure(
+        state, [&] { substitution.sendReplacement(); }, acquire, [&] { require(buffer != nullptr); });
 }
 
 // Empties the reader, reads the index word and takes the buffer of each image, and gives the one before it
 // back.
 void acquireFloor(benchmark::State& state) {
     Substitution substitution;
+    sp<GraphicBuffer> buffer;
     AImage* held = nullptr;
-    Turns turns;
-    for (auto _ : state) {
-        substitution.sendReplacement();
-        turns.start();
+    const auto acquire = [&] {
         AImage* image = nullptr;
-        sp<GraphicBuffer> buffer;
         while (AImageReader_acquireNextImage(substitution.reader, &image) == AMEDIA_OK) {
             uint8_t* row = nullptr;
             int byteCount = 0;
@@ -263,10 +227,9 @@ void acquireFloor(benchmark::State& state) {
             AImage_delete(held);
             held = image;
         }
-        turns.stop(state);
-        require(buffer != nullptr);
-    }
-    turns.report(state);
+    };
+    measure(
+        state, [&] { substitution.sendReplacement(); }, acquire, [&] { require(buffer != nullptr); });
     AImage_delete(held);
     AImageReader_delete(substitution.reader);
 }
