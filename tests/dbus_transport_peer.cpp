@@ -44,7 +44,6 @@ class Peer {
         if (verb == "link") say(mService->linkToDeath(mRecipient, 0) ? "linked" : "not linked");
         if (verb == "send") sendFromThread(rest);
         if (verb == "first") say(mFirstService->ping().isOk() ? "first lives" : "first dead");
-        if (verb == "surface") setSurface();
         if (verb == "logged") say("logged " + std::to_string(mLog.count(rest)));
         if (verb == "bus") {
             setenv("VEL_DESKTOP_BUS_ADDRESS", rest.c_str(), 1);
@@ -73,11 +72,6 @@ class Peer {
             const Outcome outcome = send(service, ClientType::CLIENT_APP, text);
             say(outcome.isOk ? "sent ok" : outcome.isDead ? "sent dead" : "sent failed");
         }).detach();
-    }
-
-    void setSurface() {
-        const bool done = mService->setSurface(ClientType::CLIENT_IMG_SUB, new IdleProducer).isOk();
-        say(done ? "surface set" : "surface not set");
     }
 
     LogCapture mLog;

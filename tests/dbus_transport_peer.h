@@ -82,7 +82,6 @@ class IdleProducer : public android::hardware::graphics::bufferqueue::V1_0::IGra
 //   send <text>        sends to the application from a thread of its own: "sending", then "sent ok", "sent
 //   dead"
 //                      or "sent failed"
-//   surface            sets a surface for image substitution; "surface set"
 //   bus <address>      the bus of later look-ups; "bus set"
 //   logged <text>      "logged <number of log lines with the text>"
 //   exit               leaves main() at once

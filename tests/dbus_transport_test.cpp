@@ -349,18 +349,6 @@ TEST_F(ADesktopService, LetsGoOfWhatItHeldWhenItDies) {
     EXPECT_TRUE(waitUntil([&] { return weak.promote() == nullptr; }));
 }
 
-TEST_F(ADesktopService, SurfaceOfAnotherProcessIsNullAndSaysWhy) {
-    const auto app = startApp();
-    ASSERT_TRUE(obeys(*app, "surface", "surface set"));
-    LogCapture log;
-    auto surface = mService->getSurface(ClientType::CLIENT_IMG_SUB);
-    EXPECT_TRUE(surface.isOk());
-    EXPECT_EQ(surface.withDefault(new IdleProducer), nullptr);
-    EXPECT_EQ(log.count("belongs to another process"), 1u);
-    app->kill(SIGKILL);
-    EXPECT_TRUE(mProcess->waitForLine("died surface IMG_SUB dropped"));
-}
-
 // Calls the callback under its path on the bus, from a connection that is not the service's.
 class AForeignCaller {
   public:

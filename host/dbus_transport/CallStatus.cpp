@@ -37,6 +37,11 @@ CallStatus CallStatus::of(const sdbus::Error& error) {
     return {kindOf(error.getName()), error.getName() + ": " + error.getMessage()};
 }
 
+android::hardware::Status failureOf(const android::hardware::details::return_status& failed) {
+    return android::hardware::Status::fromStatusT(failed.isDeadObject() ? android::DEAD_OBJECT
+                                                                        : android::FAILED_TRANSACTION);
+}
+
 android::hardware::Status CallStatus::toStatus() const {
     using android::hardware::Status;
     switch (kind) {

@@ -28,4 +28,7 @@ struct CallStatus {
     static CallStatus of(const sdbus::Error& error);
 };
 
+// The same transport failure, DEAD_OBJECT or FAILED_TRANSACTION, for a caller that expects another result.
+android::hardware::Status failureOf(const android::hardware::details::return_status& failed);
+
 }  // namespace vel::host

@@ -20,9 +20,33 @@ inline constexpr char kGetSurface[] = "GetSurface";              // y -> (so)
 inline constexpr char kCallbackInterface[] = "korvanta.hardware.camera.desktop.V1_0.ICameraDesktopCallback";
 inline constexpr char kOnCommand[] = "OnCommand";  // v -> v
 
-// Every exported object also has this interface. Each reference that was accepted is given back by one
-// Release, sent by the process that had accepted it; no reply.
+inline constexpr char kProducerInterface[] =
+    "android.hardware.graphics.bufferqueue.V1_0.IGraphicBufferProducer";
+// A handle is "ah", its descriptor or none. A buffer is a handle and "uuuiuutt": width, height, stride,
+// format, usage, generation, layers, id. The input of a queued frame is "xiiiiiiiuuah": time, whether it is
+// automatic, data space, crop (left, top, right, bottom), scaling, transform, sticky transform, fence. Its
+// output is "uuuutb": width, height, transform hint, frames pending, next frame, whether a frame was
+// replaced.
+inline constexpr char kRequestBuffer[] = "RequestBuffer";                          // i -> i, buffer
+inline constexpr char kSetMaxDequeuedBufferCount[] = "SetMaxDequeuedBufferCount";  // i -> i
+inline constexpr char kSetAsyncMode[] = "SetAsyncMode";                            // b -> i
+inline constexpr char kDequeueBuffer[] = "DequeueBuffer";                          // uuiu -> ii, handle
+inline constexpr char kQueueBuffer[] = "QueueBuffer";                              // i, input -> i, output
+inline constexpr char kCancelBuffer[] = "CancelBuffer";                            // i, handle -> i
+inline constexpr char kQuery[] = "Query";                                          // i -> ii
+inline constexpr char kConnect[] = "Connect";                                      // ib -> i, output
+inline constexpr char kDisconnect[] = "Disconnect";                                // ii -> i
+inline constexpr char kAllowAllocation[] = "AllowAllocation";                      // b -> i
+inline constexpr char kSetGenerationNumber[] = "SetGenerationNumber";              // u -> i
+inline constexpr char kGetConsumerName[] = "GetConsumerName";                      // -> s
+inline constexpr char kSetDequeueTimeout[] = "SetDequeueTimeout";                  // x -> i
+inline constexpr char kGetUniqueId[] = "GetUniqueId";                              // -> it
+
+// Every exported object also has this interface. Whoever is handed a reference by the object's own process
+// holds it, and whoever hears of the object from a third one acquires its own. Each is given back by one
+// Release, sent by the process that held it; no reply.
 inline constexpr char kReferenceInterface[] = "korvanta.hardware.camera.desktop.Reference";
+inline constexpr char kAcquire[] = "Acquire";
 inline constexpr char kRelease[] = "Release";
 
 // Errors of the service itself. Their names share the prefix, so that none reads as the service's own death.

@@ -95,6 +95,21 @@ void DesktopTransport::takeBack(const RemoteObject& peer, const InterfaceObject&
     discard(peer.session, mExporter.release(peer.session, peer.object.busName, reference.path));
 }
 
+void DesktopTransport::acquire(const RemoteObject& object) {
+    const CallStatus status = call(
+        object, bus::kReferenceInterface, bus::kAcquire, [](sdbus::MethodCall&) {},
+        [](sdbus::MethodReply&) {});
+    if (status.kind == CallStatus::OK) return;
+    __android_log_print(ANDROID_LOG_WARN, kTag, "%s of %s is gone: %s", object.object.path.c_str(),
+                        object.object.busName.c_str(), status.text.c_str());
+}
+
+void DesktopTransport::giveBack(const RemoteObject& object) {
+    mLoop.post(object.session, [reference = object.object](BusSession& current) {
+        current.calls().sendOneWay(reference, bus::kReferenceInterface, bus::kRelease);
+    });
+}
+
 bool DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watcher) {
     mDeathWatch.add(peer.session, peer.object.busName, std::move(watcher));
     // The peer may have died before; then no notice comes any more.
@@ -105,11 +120,13 @@ bool DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watch
 void DesktopTransport::onPeerDied(SessionId session, const std::string& busName) {
     notifyLater(mDeathWatch.take(session, busName));
     discard(session, mExporter.releaseHolder(session, busName));
+    mProducers.onPeerDied(session, busName);
 }
 
 void DesktopTransport::onSessionEnded(SessionId session) {
     notifyLater(mDeathWatch.takeAll(session));
     discard(session, mExporter.releaseSession(session));
+    mProducers.onSessionEnded(session);
 }
 
 // On workers, never on the loop: a recipient takes locks that other threads hold while they wait for a reply,
@@ -136,12 +153,19 @@ void DesktopTransport::publish(SessionId session, Kind kind, const std::string& 
         current.addObject(path, [&](sdbus::IObject& object) {
             addReferenceMethods(object, current.id(), path);
             if (kind == Kind::CALLBACK) addCallbackMethods(object, current, path);
+            if (kind == Kind::PRODUCER) mProducers.addMethods(object, current, path);
         });
     });
 }
 
 void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session,
                                            const std::string& path) {
+    object.registerMethod(bus::kReferenceInterface, bus::kAcquire, "", "",
+                          [this, session, path](const sdbus::MethodCall& call) {
+                              if (!mExporter.holdAgain(session, call.getSender(), path))
+                                  throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
+                              call.createReply().send();
+                          });
     object.registerMethod(bus::kReferenceInterface, bus::kRelease, "", "",
                           [this, session, path](const sdbus::MethodCall& call) {
                               discard(session, mExporter.release(session, call.getSender(), path));

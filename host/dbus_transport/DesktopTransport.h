@@ -8,6 +8,7 @@
 #include "BusLoop.h"
 #include "DeathLinks.h"
 #include "ObjectExporter.h"
+#include "ProducerStub.h"
 #include "WorkerPool.h"
 
 namespace vel::host {
@@ -36,6 +37,13 @@ class DesktopTransport final : private BusListener {
     desktop_bus::InterfaceObject lend(const RemoteObject& peer, const OpenSession& session, Kind kind,
                                       const android::sp<IBase>& object);
     void takeBack(const RemoteObject& peer, const desktop_bus::InterfaceObject& reference);
+
+    // A reference of this process to an object that a third process has told it of. When the object is gone
+    // there is none, and giving it back has no effect.
+    void acquire(const RemoteObject& object);
+    // From any thread; does not block.
+    void giveBack(const RemoteObject& object);
+
     // The local object behind a path of this process, null when it has none such.
     android::sp<IBase> findLocal(SessionId session, Kind kind, const std::string& path) const {
         return mExporter.find(session, kind, path);
@@ -64,7 +72,8 @@ class DesktopTransport final : private BusListener {
     WorkerPool& mWorkers = *new WorkerPool;
     ObjectExporter mExporter;
     DeathWatch mDeathWatch;
-    BusLoop& mLoop = *new BusLoop(*this);  // last: its thread uses the others
+    BusLoop& mLoop = *new BusLoop(*this);  // its thread uses the others
+    ProducerStub& mProducers = *new ProducerStub(mLoop, mWorkers, mExporter);
 };
 
 }  // namespace vel::host

@@ -32,6 +32,21 @@ std::string ObjectExporter::hold(SessionId session, const std::string& holder, K
     return path;
 }
 
+bool ObjectExporter::holdAgain(SessionId session, const std::string& holder, const std::string& path) {
+    std::lock_guard<std::mutex> lock(mLock);
+    const auto entry = mEntries.find(path);
+    if (entry == mEntries.end() || entry->second.session != session) return false;
+    ++entry->second.references[holder];
+    return true;
+}
+
+bool ObjectExporter::isHeldBy(SessionId session, const std::string& holder, const std::string& path) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    const auto entry = mEntries.find(path);
+    return entry != mEntries.end() && entry->second.session == session &&
+           entry->second.references.count(holder) != 0;
+}
+
 std::vector<ObjectExporter::Dropped> ObjectExporter::release(SessionId session, const std::string& holder,
                                                              const std::string& path) {
     std::vector<Dropped> dropped;

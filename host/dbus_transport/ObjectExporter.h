@@ -33,6 +33,9 @@ class ObjectExporter {
     std::string hold(SessionId session, const std::string& holder, Kind kind,
                      const android::sp<IBase>& object,
                      const std::function<void(const std::string& path)>& publish);
+    // Adds a reference to an object that is exported already; false when there is none at the path.
+    bool holdAgain(SessionId session, const std::string& holder, const std::string& path);
+    bool isHeldBy(SessionId session, const std::string& holder, const std::string& path) const;
     // Takes one reference back; a holder without any is ignored.
     std::vector<Dropped> release(SessionId session, const std::string& holder, const std::string& path);
     // Takes back every reference of a holder, or of a session.

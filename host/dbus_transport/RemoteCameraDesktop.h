@@ -2,9 +2,7 @@
 
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 
-#include <memory>
-
-#include "DesktopTransport.h"
+#include "ProxyLink.h"
 
 namespace vel::host {
 
@@ -20,18 +18,20 @@ class RemoteCameraDesktop final : public DesktopTransport::ICameraDesktop {
     using ClientType = korvanta::hardware::camera::desktop::V2_0::ClientType;
     using ICameraDesktopCallback = korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
     using IGraphicBufferProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+    using Recipient = android::hardware::hidl_death_recipient;
     template <typename T>
     using Return = android::hardware::Return<T>;
 
     RemoteCameraDesktop(DesktopTransport& transport, const OpenSession& session, const std::string& busName);
-    ~RemoteCameraDesktop() override;
 
     bool isRemote() const override { return true; }
-    Return<void> ping() override;
-    Return<bool> linkToDeath(const android::sp<android::hardware::hidl_death_recipient>& recipient,
-                             uint64_t cookie) override;
-    Return<bool> unlinkToDeath(
-        const android::sp<android::hardware::hidl_death_recipient>& recipient) override;
+    Return<void> ping() override { return mLink.ping(); }
+    Return<bool> linkToDeath(const android::sp<Recipient>& recipient, uint64_t cookie) override {
+        return mLink.linkToDeath(recipient, cookie);
+    }
+    Return<bool> unlinkToDeath(const android::sp<Recipient>& recipient) override {
+        return mLink.unlinkToDeath(recipient);
+    }
 
     // The service at the other end has no such operations: UNKNOWN_TRANSACTION.
     Return<void> reserved1() override { return unknownOperation(); }
@@ -43,24 +43,18 @@ class RemoteCameraDesktop final : public DesktopTransport::ICameraDesktop {
                                   const android::sp<ICameraDesktopCallback>& callback) override;
     Return<void> sendCommand(ClientType type, const android::hardware::hidl_string& command,
                              sendCommand_cb _hidl_cb) override;
-    // A local surface is kept known, so that getSurface() in this process finds it again; no other process
-    // can reach it yet.
+    // A local surface is served to whichever process the service hands it to, for as long as any holds it.
     Return<void> setSurface(ClientType type, const android::sp<IGraphicBufferProducer>& producer) override;
+    // This process's own object when it is one, else a new proxy; the proxy of a process that has died
+    // meanwhile is as good as any other of a dead process.
     Return<android::sp<IGraphicBufferProducer>> getSurface(ClientType type) override;
 
   private:
-    static Return<void> unknownOperation() {
-        return android::hardware::Status::fromStatusT(android::UNKNOWN_TRANSACTION);
-    }
-    CallStatus call(const char* method, const BusLoop::WriteArguments& writeArguments,
-                    const BusLoop::ReadReply& readReply);
     Return<void> give(const char* method, ClientType type, DesktopTransport::Kind kind,
                       const android::sp<IBase>& object);
 
-    DesktopTransport& mTransport;
     const OpenSession mSession;
-    const RemoteObject mService;
-    const std::shared_ptr<DeathLinks> mLinks = std::make_shared<DeathLinks>();
+    const ProxyLink mLink;
 };
 
 }  // namespace vel::host

@@ -1,0 +1,50 @@
+#include "ProxyLink.h"
+
+#include <android/log.h>
+#include <hidl_host/RemoteIdentity.h>
+
+namespace vel::host {
+namespace {
+
+constexpr char kTag[] = "DesktopBus";
+
+std::string identityOf(const RemoteObject& target) {
+    return std::to_string(target.session) + " " + target.object.busName + " " + target.object.path;
+}
+
+}  // namespace
+
+using android::sp;
+
+ProxyLink::ProxyLink(DesktopTransport& transport, IBase* proxy, const RemoteObject& target,
+                     const char* interface)
+    : mTransport(transport), mProxy(proxy), mTarget(target), mInterface(interface) {
+    setRemoteIdentity(mProxy, identityOf(mTarget));
+}
+
+ProxyLink::~ProxyLink() {
+    forgetRemoteIdentity(mProxy);
+}
+
+CallStatus ProxyLink::call(const char* method, const BusLoop::WriteArguments& writeArguments,
+                           const BusLoop::ReadReply& readReply) const {
+    CallStatus status = mTransport.call(mTarget, mInterface, method, writeArguments, readReply);
+    if (status.kind == CallStatus::REFUSED || status.kind == CallStatus::FAILED) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "%s failed: %s", method, status.text.c_str());
+    }
+    return status;
+}
+
+android::hardware::Return<void> ProxyLink::ping() const {
+    return mTransport.call(mTarget, "org.freedesktop.DBus.Peer", "Ping", writeNothing, readNothing)
+        .toStatus();
+}
+
+bool ProxyLink::linkToDeath(const sp<Recipient>& recipient, uint64_t cookie) const {
+    if (recipient == nullptr || !mLinks->add(recipient, cookie)) return false;
+    if (mTransport.watch(mTarget, {mProxy, mLinks})) return true;
+    // Dead before it was watched; unless the notice has just gone out, nobody will tell the recipient.
+    return !mLinks->remove(recipient);
+}
+
+}  // namespace vel::host
