@@ -345,6 +345,17 @@ TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
 // -- Text and merge
 // ---------------------------------------------------------------------------------------------
 
+TEST(JsonUtilsText, WritesEveryByteOfATextAsTheDefaultWriterDoes) {
+    for (int byte = 0; byte < 256; ++byte) {
+        const std::string text = {'a', static_cast<char>(byte), 'b'};
+        const rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+        rapidjson::StringBuffer expected;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(expected);
+        ASSERT_TRUE(value.Accept(writer));
+        EXPECT_EQ(JsonUtils::toString(value), expected.GetString()) << byte;
+    }
+}
+
 TEST(JsonUtilsText, IsCompactAndOwned) {
     const std::string json = "{\"a\":[1,-2,0.5,true,null],\"b\":{\"c\":\"\\u0000\\\"\"},\"d\":{},\"e\":[]}";
     EXPECT_EQ(json, JsonUtils::toString(parsed(" " + json + " ")));
