@@ -23,6 +23,7 @@ struct Free {
 };
 
 constexpr size_t kMaxValueBytes = 8;  // of one value, whatever its type
+constexpr size_t kTagNameBytes = 63;  // enough for any standard tag
 
 // Guards the vendor tag callback while it is copied or replaced. Never destroyed: captures may still arrive
 // while the process ends.
@@ -304,6 +305,7 @@ void MetadataHandler::convertFromMetadata(DesktopCaptureMetadata& md, Value& out
 void MetadataHandler::convertToMetadata(DesktopCaptureMetadata& md, Value& in) {
     const camera_metadata_t* const original = bufferOf(md);
     std::string name;  // one for all members saves an allocation for each
+    name.reserve(kTagNameBytes);
     for (const auto& member : in.GetObject()) {
         camera_metadata_t* const before = bufferOf(md);
         name = member.name.GetString();
@@ -377,12 +379,12 @@ bool MetadataHandler::findVendorTag(const char* name, size_t sectionLength, unsi
 }
 
 bool MetadataHandler::setMetadataEntry(DesktopCaptureMetadata& md, unsigned tag, void* data, unsigned count) {
-    const size_t dataSize = dataSizeOf(tag, count);
     camera_metadata_entry_t entry = {};
     if (bufferOf(md) && find_camera_metadata_entry(*md.metadata, tag, &entry) == 0) {
         const int status = update_camera_metadata_entry(*md.metadata, entry.index, data, count, nullptr);
         return isSet(status, *md.metadata, tag, count);
     }
+    const size_t dataSize = dataSizeOf(tag, count);
     const bool hasRoom = bufferOf(md) ? growBuffer(md, dataSize) : createBuffer(md, dataSize);
     return hasRoom &&
            isSet(add_camera_metadata_entry(*md.metadata, tag, data, count), *md.metadata, tag, count);
