@@ -52,11 +52,15 @@ int RatioReporter::printRatios() const {
         std::printf("%-28s %-8s %12.1f %12.1f %8.2f %8.2f%s\n", aim.subject.c_str(), aim.figure.c_str(), ours,
                     theirs, ratio, aim.ratio, ratio > aim.ratio ? "  above" : "");
     }
-    std::printf("\n%-28s %12s\n", "heap allocations a call", "product");
+    return above;
+}
+
+void RatioReporter::printAllocations() const {
+    std::printf("\n%-48s %12s %12s\n", "a call", "cpu ns", "allocations");
     for (const auto& [name, figures] : mFigures) {
         const auto allocations = figures.find("allocs");
-        if (allocations != figures.end())
-            std::printf("%-28s %12.1f\n", name.c_str(), median(allocations->second));
+        if (allocations == figures.end()) continue;
+        std::printf("%-48s %12.1f %12.1f\n", name.c_str(), median(figures.at("cpu")),
+                    median(allocations->second));
     }
-    return above;
 }

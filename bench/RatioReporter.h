@@ -24,6 +24,8 @@ class RatioReporter : public benchmark::BenchmarkReporter {
     void ReportRuns(const std::vector<Run>& runs) override;
     // Prints the table; returns how many ratios lie above their aims.
     int printRatios() const;
+    // Prints a table of the benchmarks that count heap allocations, in the order of their names.
+    void printAllocations() const;
 
   private:
     // By benchmark name, then by figure: one value a repetition.

@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const int above = reporter.printRatios();
+    reporter.printAllocations();
     if (above > 0) std::printf("\n%d above their aims\n", above);
     return 0;
 }
