@@ -1,4 +1,3 @@
-#include <android/hardware_buffer.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -15,16 +14,23 @@
 #include <thread>
 #include <vector>
 
-#include "SignalFence.h"
-
 using namespace android;
 
 namespace {
 
-constexpr uint64_t kReadWrite = GRALLOC_USAGE_SW_READ_OFTEN | GRALLOC_USAGE_SW_WRITE_OFTEN;
+constexpr uint32_t kRead = GRALLOC_USAGE_SW_READ_OFTEN;
+constexpr uint32_t kWrite = GRALLOC_USAGE_SW_WRITE_OFTEN;
 
-sp<GraphicBuffer> makeBlob(uint32_t bytes, uint64_t usage = kReadWrite) {
-    return new GraphicBuffer(bytes, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, 1, usage);
+sp<GraphicBuffer> make(uint32_t w, uint32_t h, PixelFormat format, uint64_t usage = kRead | kWrite) {
+    return new GraphicBuffer(w, h, format, 1, usage);
+}
+
+sp<GraphicBuffer> makeBlob(uint32_t bytes, uint64_t usage = kRead | kWrite) {
+    return make(bytes, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, usage);
+}
+
+sp<GraphicBuffer> import(const sp<GraphicBuffer>& buffer) {
+    return GraphicBuffer::importFrom(buffer->handle, buffer->attributes());
 }
 
 uint8_t* lockOrFail(const sp<GraphicBuffer>& buffer, uint32_t usage) {
@@ -42,230 +48,135 @@ bool inOtherProcess(const std::function<bool()>& body) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-struct Shape {
-    const char* name;
-    uint32_t width, height;
-    PixelFormat format;
-    size_t byteCount;
-};
-
-class AFormat : public testing::TestWithParam<Shape> {};
-
-TEST_P(AFormat, DecidesTheMemory) {
-    const Shape& shape = GetParam();
-    const sp<GraphicBuffer> buffer(new GraphicBuffer(shape.width, shape.height, shape.format, 1, kReadWrite));
-    ASSERT_EQ(NO_ERROR, buffer->initCheck());
-    EXPECT_EQ(shape.byteCount, buffer->getByteCount());
-    EXPECT_EQ(shape.width, buffer->getStride());
-    uint8_t* const pixels = lockOrFail(buffer, kReadWrite);
-    pixels[0] = 1;
-    pixels[shape.byteCount - 1] = 2;  // the last byte is mapped too
-    EXPECT_EQ(NO_ERROR, buffer->unlock());
+TEST(AGraphicBuffer, HasTheMemoryOfItsFormat) {
+    struct {
+        uint32_t width, height;
+        PixelFormat format;
+        size_t byteCount;
+    } const rows[] = {{3110496, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, 3110496},
+                      {5000, 1, HAL_PIXEL_FORMAT_BLOB, 5000},
+                      {640, 480, HAL_PIXEL_FORMAT_RGBA_8888, 640 * 480 * 4},
+                      {7, 3, HAL_PIXEL_FORMAT_RGB_888, 63},
+                      {7, 3, HAL_PIXEL_FORMAT_RAW16, 42},
+                      {640, 480, HAL_PIXEL_FORMAT_YCBCR_420_888, 640 * 480 * 3 / 2},
+                      {3, 3, HAL_PIXEL_FORMAT_YCRCB_420_SP, 9 + 2 * 4}};
+    for (const auto& row : rows) {
+        const sp<GraphicBuffer> buffer = make(row.width, row.height, row.format);
+        ASSERT_EQ(NO_ERROR, buffer->initCheck());
+        EXPECT_EQ(row.byteCount, buffer->getByteCount());
+        EXPECT_EQ(row.width, buffer->getStride());
+        lockOrFail(buffer, kWrite)[row.byteCount - 1] = 2;  // the last byte is mapped too
+    }
+    const sp<GraphicBuffer> smallest = make(0, 480, HAL_PIXEL_FORMAT_RGBA_8888);
+    EXPECT_EQ(1u, smallest->getWidth());
+    EXPECT_EQ(1u, smallest->getHeight());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, AFormat,
-    testing::Values(Shape{"rawOpaque", 3110496, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, 3110496},
-                    Shape{"blob", 5000, 1, HAL_PIXEL_FORMAT_BLOB, 5000},
-                    Shape{"rgba", 640, 480, HAL_PIXEL_FORMAT_RGBA_8888, 640 * 480 * 4},
-                    Shape{"rgb", 7, 3, HAL_PIXEL_FORMAT_RGB_888, 63},
-                    Shape{"rgb565", 7, 3, HAL_PIXEL_FORMAT_RGB_565, 42},
-                    Shape{"raw16", 7, 3, HAL_PIXEL_FORMAT_RAW16, 42},
-                    Shape{"yuv420", 640, 480, HAL_PIXEL_FORMAT_YCBCR_420_888, 640 * 480 * 3 / 2},
-                    Shape{"yuv420Odd", 3, 3, HAL_PIXEL_FORMAT_YCRCB_420_SP, 9 + 2 * 4},
-                    Shape{"cameraNative", 64, 2, HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED, 192}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(GraphicBuffer, WithoutMemory_IsZeroSized) {
-    const sp<GraphicBuffer> buffer(new GraphicBuffer);
-    void* address = nullptr;
-    EXPECT_EQ(NO_INIT, buffer->initCheck());
-    EXPECT_EQ(0u, buffer->getWidth());
-    EXPECT_EQ(BAD_VALUE, buffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &address));
-}
-
-TEST(GraphicBuffer, AllocatedWithAZeroSize_BecomesOneByOne) {
-    const sp<GraphicBuffer> buffer(new GraphicBuffer(0, 480, HAL_PIXEL_FORMAT_RGBA_8888, 0, kReadWrite));
-    EXPECT_EQ(NO_ERROR, buffer->initCheck());
-    EXPECT_EQ(1u, buffer->getWidth());
-    EXPECT_EQ(1u, buffer->getHeight());
-    EXPECT_EQ(1u, buffer->getLayerCount());
-}
-
-TEST(GraphicBuffer, ImpossibleShape_FailsInitCheck) {
-    EXPECT_EQ(BAD_VALUE, (sp<GraphicBuffer>(new GraphicBuffer(8, 8, 12345, 1, 0))->initCheck()));
-    EXPECT_EQ(BAD_VALUE,
-              (sp<GraphicBuffer>(new GraphicBuffer(8, 2, HAL_PIXEL_FORMAT_BLOB, 1, 0))->initCheck()));
-    EXPECT_EQ(NO_MEMORY, makeBlob(UINT32_MAX)->initCheck());
-    EXPECT_EQ(
-        NO_MEMORY,
-        (sp<GraphicBuffer>(new GraphicBuffer(65536, 65536, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0))->initCheck()));
-}
-
-TEST(GraphicBuffer, InjectedFault_FailsAllocationsOfItsScope) {
+TEST(AGraphicBuffer, WithoutMemoryIsZeroSizedAndSaysWhy) {
+    const auto check = [](const sp<GraphicBuffer>& buffer, status_t expected) {
+        void* address = nullptr;
+        EXPECT_EQ(expected, buffer->initCheck());
+        EXPECT_EQ(0u, buffer->getWidth());
+        EXPECT_EQ(BAD_VALUE, buffer->lock(kRead, &address));
+    };
+    check(new GraphicBuffer, NO_INIT);
+    check(make(8, 8, 12345), BAD_VALUE);
+    check(make(8, 2, HAL_PIXEL_FORMAT_BLOB), BAD_VALUE);
+    check(makeBlob(UINT32_MAX), NO_MEMORY);
+    check(make(65536, 65536, HAL_PIXEL_FORMAT_RGBA_8888), NO_MEMORY);
     {
         AllocationFault fault(NO_MEMORY, 1);
         EXPECT_EQ(NO_ERROR, makeBlob(16)->initCheck());
-        EXPECT_EQ(NO_MEMORY, makeBlob(16)->initCheck());
-        EXPECT_EQ(0u, makeBlob(16)->getWidth());
+        check(makeBlob(16), NO_MEMORY);
     }
     EXPECT_EQ(NO_ERROR, makeBlob(16)->initCheck());
 }
 
-TEST(GraphicBuffer, Lock_GivesTheSameZeroedMemoryEachTime) {
-    const sp<GraphicBuffer> buffer = makeBlob(4096);
-    uint8_t* const first = lockOrFail(buffer, GRALLOC_USAGE_SW_WRITE_OFTEN);
-    EXPECT_EQ(0, first[4095]);
-    memset(first, 0x5A, 4096);
-    EXPECT_EQ(first, lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN)) << "locks may nest";
-    EXPECT_EQ(NO_ERROR, buffer->unlock());
-    EXPECT_EQ(NO_ERROR, buffer->unlock());
-    EXPECT_EQ(BAD_VALUE, buffer->unlock()) << "one unlock for each lock";
-    EXPECT_EQ(0x5A, lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN)[4095]);
-}
-
-TEST(GraphicBuffer, Lock_RefusesRectanglesOutsideAndMissingUsage) {
-    const sp<GraphicBuffer> buffer = makeBlob(64, GRALLOC_USAGE_SW_WRITE_RARELY);
-    void* address = nullptr;
-    const uint32_t write = GRALLOC_USAGE_SW_WRITE_OFTEN;
-    EXPECT_EQ(NO_ERROR, buffer->lock(write, Rect(0, 0, 64, 1), &address));
-    EXPECT_EQ(BAD_VALUE, buffer->lock(write, Rect(0, 0, 65, 1), &address));
-    EXPECT_EQ(BAD_VALUE, buffer->lock(write, Rect(-1, 0, 64, 1), &address));
-    EXPECT_EQ(BAD_VALUE, buffer->lock(write, Rect(0, 0, 64, 2), &address));
-    EXPECT_EQ(BAD_VALUE, buffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &address)) << "not allocated for reading";
-    EXPECT_EQ(BAD_VALUE, buffer->lock(write, nullptr));
-}
-
-TEST(GraphicBuffer, Lock_TellsBytesOfPackedFormatsOnly) {
-    void* address = nullptr;
-    int32_t perPixel = 0;
-    int32_t perRow = 0;
-    const sp<GraphicBuffer> packed(new GraphicBuffer(10, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, kReadWrite));
-    ASSERT_EQ(NO_ERROR, packed->lock(kReadWrite, &address, &perPixel, &perRow));
-    EXPECT_EQ(4, perPixel);
-    EXPECT_EQ(40, perRow);
-    const sp<GraphicBuffer> planar(new GraphicBuffer(10, 4, HAL_PIXEL_FORMAT_YCBCR_420_888, 1, kReadWrite));
-    ASSERT_EQ(NO_ERROR, planar->lock(kReadWrite, &address, &perPixel, &perRow));
-    EXPECT_EQ(-1, perPixel);
-    EXPECT_EQ(-1, perRow);
-}
-
-TEST(GraphicBuffer, FirstLocksOfManyThreads_MapOnce) {
+TEST(AGraphicBuffer, LocksToTheSameZeroedMemoryFromEveryThread) {
     const sp<GraphicBuffer> buffer = makeBlob(4096);
     std::vector<uint8_t*> addresses(4);
     std::vector<std::thread> threads;
     for (uint8_t*& address : addresses)
-        threads.emplace_back([&] { address = lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN); });
+        threads.emplace_back([&] { address = lockOrFail(buffer, kRead); });
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(1u, std::set<uint8_t*>(addresses.begin(), addresses.end()).size());
+    EXPECT_EQ(0, addresses[0][4095]);
+    for (size_t i = 0; i < addresses.size(); i++)
+        EXPECT_EQ(NO_ERROR, buffer->unlock());
+    EXPECT_EQ(BAD_VALUE, buffer->unlock()) << "one unlock for each lock";
 }
 
-TEST(GraphicBuffer, EndOfTheBuffer_UnmapsItsMemory) {
+TEST(AGraphicBuffer, IsMappedFromItsFirstLockToItsEnd) {
     const auto isMapped = [] {
         std::ifstream maps("/proc/self/maps");
         const std::string text((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
         return text.find("memfd:buffer-under-test") != std::string::npos;
     };
-    sp<GraphicBuffer> buffer(
-        new GraphicBuffer(64, 1, HAL_PIXEL_FORMAT_BLOB, 1, kReadWrite, "buffer-under-test"));
-    EXPECT_FALSE(isMapped()) << "mapped at the first lock only";
-    lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN);
+    sp<GraphicBuffer> buffer(new GraphicBuffer(64, 1, HAL_PIXEL_FORMAT_BLOB, 1, kRead, "buffer-under-test"));
+    EXPECT_FALSE(isMapped());
+    lockOrFail(buffer, kRead);
     EXPECT_TRUE(isMapped());
     buffer.clear();
     EXPECT_FALSE(isMapped());
 }
 
-TEST(GraphicBuffer, NeedsReallocation_ForAnotherShapeOrMoreUsage) {
-    const sp<GraphicBuffer> buffer(new GraphicBuffer(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x33));
-    EXPECT_FALSE(buffer->needsReallocation(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30));
-    EXPECT_TRUE(buffer->needsReallocation(9, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30));
-    EXPECT_TRUE(buffer->needsReallocation(8, 5, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30));
-    EXPECT_TRUE(buffer->needsReallocation(8, 4, HAL_PIXEL_FORMAT_RGBX_8888, 1, 0x30));
-    EXPECT_TRUE(buffer->needsReallocation(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 2, 0x30));
-    EXPECT_TRUE(buffer->needsReallocation(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x100));
-    const sp<GraphicBuffer> guarded(
-        new GraphicBuffer(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, GRALLOC_USAGE_PROTECTED));
-    EXPECT_TRUE(guarded->needsReallocation(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0));
-}
-
-TEST(GraphicBuffer, HardwareBuffer_IsTheSameObjectWithoutAReference) {
-    const sp<GraphicBuffer> buffer = makeBlob(16);
-    AHardwareBuffer* const other = buffer->toAHardwareBuffer();
-    EXPECT_EQ(buffer.get(), GraphicBuffer::fromAHardwareBuffer(other));
-    EXPECT_EQ(1, buffer->getStrongCount());
-    EXPECT_EQ(nullptr, GraphicBuffer::fromAHardwareBuffer(static_cast<AHardwareBuffer*>(nullptr)));
-
-    AHardwareBuffer_acquire(other);
-    EXPECT_EQ(2, buffer->getStrongCount());
-    AHardwareBuffer_release(other);
-    EXPECT_EQ(1, buffer->getStrongCount());
-}
-
-TEST(HardwareBuffer, AllocateDescribeLock) {
-    AHardwareBuffer_Desc asked{};
-    asked.width = 100;
-    asked.height = 1;
-    asked.layers = 1;
-    asked.format = HAL_PIXEL_FORMAT_RAW_OPAQUE;
-    asked.usage = AHARDWAREBUFFER_USAGE_CPU_READ_OFTEN | AHARDWAREBUFFER_USAGE_CPU_WRITE_OFTEN;
-    AHardwareBuffer* buffer = nullptr;
-    ASSERT_EQ(0, AHardwareBuffer_allocate(&asked, &buffer));
-    AHardwareBuffer_Desc told;
-    AHardwareBuffer_describe(buffer, &told);
-    EXPECT_EQ(asked.width, told.width);
-    EXPECT_EQ(asked.usage, told.usage);
-    EXPECT_EQ(100u, told.stride);
-
-    SignalFence ready;
-    std::thread signaller([&] { ready.signal(); });
+TEST(AGraphicBuffer, RefusesToLockOutsideItsBoundsOrUsage) {
+    const sp<GraphicBuffer> buffer = makeBlob(64, GRALLOC_USAGE_SW_WRITE_RARELY);
     void* address = nullptr;
-    EXPECT_EQ(0, AHardwareBuffer_lock(buffer, AHARDWAREBUFFER_USAGE_CPU_WRITE_OFTEN, ready.fence()->dup(),
-                                      nullptr, &address));
-    EXPECT_EQ(NO_ERROR, ready.fence()->wait(0)) << "the lock waits for its fence";
-    signaller.join();
-    int32_t fence = 5;
-    EXPECT_EQ(0, AHardwareBuffer_unlock(buffer, &fence));
-    EXPECT_EQ(-1, fence);
-    EXPECT_EQ(-EINVAL, AHardwareBuffer_lock(nullptr, 0, -1, nullptr, &address));
-    EXPECT_EQ(-EINVAL, AHardwareBuffer_allocate(nullptr, &buffer));
-    AHardwareBuffer_release(buffer);
+    EXPECT_EQ(NO_ERROR, buffer->lock(kWrite, Rect(0, 0, 64, 1), &address));
+    for (const Rect& rect : {Rect(0, 0, 65, 1), Rect(-1, 0, 64, 1), Rect(0, 0, 64, 2)})
+        EXPECT_EQ(BAD_VALUE, buffer->lock(kWrite, rect, &address));
+    EXPECT_EQ(BAD_VALUE, buffer->lock(kRead, &address)) << "not allocated for reading";
+    EXPECT_EQ(BAD_VALUE, buffer->lock(kWrite, nullptr));
 }
 
-TEST(GraphicBufferSharing, ImportedBuffer_IsTheSameMemoryAndId) {
-    const sp<GraphicBuffer> original = makeBlob(4096);
-    sp<GraphicBuffer> imported = GraphicBuffer::importFrom(original->handle, original->attributes());
-    ASSERT_NE(nullptr, imported);
-    EXPECT_NE(original, imported);
-    EXPECT_EQ(original->getId(), imported->getId());
-    EXPECT_EQ(original->getUsage(), imported->getUsage());
-    lockOrFail(imported, GRALLOC_USAGE_SW_WRITE_OFTEN)[7] = 42;
-    imported.clear();
-    EXPECT_EQ(42, lockOrFail(original, GRALLOC_USAGE_SW_READ_OFTEN)[7]);
+TEST(AGraphicBuffer, NeedsReallocationForAnotherShapeOrMoreUsage) {
+    struct {
+        bool needed;
+        uint32_t width, height;
+        PixelFormat format;
+        uint32_t layers;
+        uint64_t usage;
+    } const rows[] = {
+        {false, 8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30},
+        {true, 9, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30},
+        {true, 8, 5, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x30},
+        {true, 8, 4, HAL_PIXEL_FORMAT_RGBX_8888, 1, 0x30},
+        {true, 8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 2, 0x30},
+        {true, 8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0x100},
+    };
+    const sp<GraphicBuffer> buffer = make(8, 4, HAL_PIXEL_FORMAT_RGBA_8888, 0x33);
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.needed,
+                  buffer->needsReallocation(row.width, row.height, row.format, row.layers, row.usage));
+    }
 }
 
-TEST(GraphicBufferSharing, ImportedBuffer_OutlivesTheOriginal) {
-    sp<GraphicBuffer> original = makeBlob(64);
-    lockOrFail(original, GRALLOC_USAGE_SW_WRITE_OFTEN)[63] = 9;
-    const sp<GraphicBuffer> imported = GraphicBuffer::importFrom(original->handle, original->attributes());
-    original.clear();
-    EXPECT_EQ(9, lockOrFail(imported, GRALLOC_USAGE_SW_READ_OFTEN)[63]);
+TEST(AGraphicBuffer, IsItsHardwareBufferWithoutAReference) {
+    const sp<GraphicBuffer> buffer = makeBlob(16);
+    EXPECT_EQ(buffer.get(), GraphicBuffer::fromAHardwareBuffer(buffer->toAHardwareBuffer()));
+    EXPECT_EQ(1, buffer->getStrongCount());
 }
 
-TEST(GraphicBufferSharing, OtherProcess_WritesIntoIt) {
-    const sp<GraphicBuffer> buffer = makeBlob(4096);
+TEST(AnImportedBuffer, IsTheSameMemoryInThisAndAnotherProcessAndOutlivesTheOriginal) {
+    sp<GraphicBuffer> original = makeBlob(4096);
     EXPECT_TRUE(inOtherProcess([&] {
-        const sp<GraphicBuffer> imported = GraphicBuffer::importFrom(buffer->handle, buffer->attributes());
+        const sp<GraphicBuffer> imported = import(original);
         void* address = nullptr;
-        if (imported == nullptr || imported->getId() != buffer->getId()) return false;
-        if (imported->lock(GRALLOC_USAGE_SW_WRITE_OFTEN, &address) != NO_ERROR) return false;
+        if (imported == nullptr || imported->getId() != original->getId()) return false;
+        if (imported->lock(kWrite, &address) != NO_ERROR) return false;
         memset(address, 0x77, 4096);
         return true;
     }));
-    EXPECT_EQ(0x77, lockOrFail(buffer, GRALLOC_USAGE_SW_READ_OFTEN)[4095]);
+    const sp<GraphicBuffer> imported = import(original);
+    EXPECT_NE(original, imported);
+    EXPECT_EQ(original->getUsage(), imported->getUsage());
+    original.clear();
+    EXPECT_EQ(0x77, lockOrFail(imported, kRead)[4095]);
 }
 
-TEST(GraphicBufferSharing, Ids_DifferWithinAndAcrossProcesses) {
+TEST(AGraphicBuffer, HasAnIdOfItsOwnInEveryProcess) {
     std::set<uint64_t> ids;
     for (int i = 0; i < 100; i++)
         ids.insert(makeBlob(1)->getId());
@@ -276,36 +187,26 @@ TEST(GraphicBufferSharing, Ids_DifferWithinAndAcrossProcesses) {
     }));
 }
 
-TEST(GraphicBufferSharing, OtherHolders_CannotResizeTheMemory) {
-    const sp<GraphicBuffer> buffer = makeBlob(4096);
-    EXPECT_EQ(-1, ftruncate(buffer->handle->data[0], 16));
-    EXPECT_EQ(EPERM, errno);
-    EXPECT_EQ(-1, ftruncate(buffer->handle->data[0], 1 << 20));
-}
-
-TEST(GraphicBufferSharing, Import_RefusesWhatCouldFaultLater) {
+TEST(AnImportedBuffer, CannotFaultLater) {
     const sp<GraphicBuffer> original = makeBlob(4096);
-    GraphicBuffer::Attributes attributes = original->attributes();
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(nullptr, attributes));
+    const auto refuses = [&](auto change) {
+        GraphicBuffer::Attributes attributes = original->attributes();
+        change(attributes);
+        return GraphicBuffer::importFrom(original->handle, attributes) == nullptr;
+    };
+    EXPECT_TRUE(refuses([](auto& wrong) { wrong.width = wrong.stride = 4097; })) << "memory too small";
+    EXPECT_TRUE(refuses([](auto& wrong) { wrong.width = wrong.stride = 0; }));
+    EXPECT_TRUE(refuses([](auto& wrong) { wrong.width = 16; })) << "rows of another length";
+    EXPECT_TRUE(refuses([](auto& wrong) { wrong.format = 12345; }));
+    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(nullptr, original->attributes()));
+    EXPECT_EQ(-1, ftruncate(original->handle->data[0], 16)) << "no holder can resize the memory";
 
-    attributes.width = attributes.stride = 4097;
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(original->handle, attributes)) << "memory too small";
-    attributes.width = attributes.stride = 0;
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(original->handle, attributes));
-    attributes.width = 16;
-    attributes.stride = 4096;
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(original->handle, attributes)) << "rows of another length";
-    attributes = original->attributes();
-    attributes.format = 12345;
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(original->handle, attributes));
-
-    attributes = original->attributes();
     native_handle_t* handle = native_handle_create(1, 0);
     handle->data[0] = memfd_create("shrinkable", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     ASSERT_EQ(0, ftruncate(handle->data[0], 4096));
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(handle, attributes)) << "could be shrunk under the reader";
+    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(handle, original->attributes()));
     ASSERT_EQ(0, fcntl(handle->data[0], F_ADD_SEALS, F_SEAL_SHRINK));
-    EXPECT_NE(nullptr, GraphicBuffer::importFrom(handle, attributes));
+    EXPECT_NE(nullptr, GraphicBuffer::importFrom(handle, original->attributes()));
     native_handle_close(handle);
     native_handle_delete(handle);
 }

@@ -17,7 +17,6 @@ using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 namespace {
 
 constexpr int kCamera = NATIVE_WINDOW_API_CAMERA;
-constexpr PixelFormat kRawOpaque = HAL_PIXEL_FORMAT_RAW_OPAQUE;
 
 BGraphicBufferProducer::QueueBufferInput frame(const sp<Fence>& fence = Fence::NO_FENCE) {
     return {-77, true, HAL_DATASPACE_STANDARD_BT601_625, Rect(1, 0, 20, 1), 3, 5, fence, 6};
@@ -34,8 +33,9 @@ class AnAdaptedQueue : public testing::Test {
         EXPECT_EQ(NO_ERROR, producer->connect(nullptr, kCamera, false, &output));
     }
 
-    status_t dequeue(int* slot, uint64_t usage = GRALLOC_USAGE_SW_WRITE_OFTEN) {
-        return producer->dequeueBuffer(slot, &fence, 64, 1, kRawOpaque, usage, &age, nullptr);
+    status_t dequeue() {
+        return producer->dequeueBuffer(&slot, &fence, 64, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE,
+                                       GRALLOC_USAGE_SW_WRITE_OFTEN, &age, nullptr);
     }
 
     sp<IGraphicBufferProducer> queue;
@@ -45,33 +45,21 @@ class AnAdaptedQueue : public testing::Test {
     sp<Fence> fence;
     sp<GraphicBuffer> buffer;
     uint64_t age = 99;
+    int slot = -1;
 };
 
-TEST_F(AnAdaptedQueue, DequeueGivesANewFence_NeverNoFence) {
-    int slot = -1;
-    EXPECT_EQ(IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, dequeue(&slot));
+TEST_F(AnAdaptedQueue, GivesNewObjectsOfTheSameMemoryAndNeverNoFence) {
+    EXPECT_EQ(IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, dequeue());
     EXPECT_EQ(0, slot);
     EXPECT_EQ(0u, age);
     ASSERT_NE(nullptr, fence);
     EXPECT_NE(Fence::NO_FENCE, fence);
     EXPECT_FALSE(fence->isValid());
-    EXPECT_EQ(NO_ERROR, fence->wait(100));
-    consumer->abandon();
-    fence.clear();
-    EXPECT_EQ(NO_INIT, dequeue(&slot));
-    EXPECT_NE(nullptr, fence) << "on failure too";
-}
 
-TEST_F(AnAdaptedQueue, RequestGivesAnotherObject_OfTheSameMemoryAndId) {
-    int slot = -1;
-    dequeue(&slot);
     sp<GraphicBuffer> original;
-    sp<GraphicBuffer> again;
     ASSERT_EQ(NO_ERROR, queue->requestBuffer(slot, &original));
     ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
-    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &again));
     EXPECT_NE(original, buffer);
-    EXPECT_NE(again, buffer);
     EXPECT_EQ(original->getId(), buffer->getId());
     EXPECT_EQ(original->getUsage(), buffer->getUsage());
     EXPECT_EQ(original->getPixelFormat(), buffer->getPixelFormat());
@@ -81,24 +69,28 @@ TEST_F(AnAdaptedQueue, RequestGivesAnotherObject_OfTheSameMemoryAndId) {
     ASSERT_EQ(NO_ERROR, original->lock(GRALLOC_USAGE_SW_READ_OFTEN, &seen));
     static_cast<uint8_t*>(written)[63] = 0x3C;
     EXPECT_EQ(0x3C, static_cast<uint8_t*>(seen)[63]);
-}
 
-TEST_F(AnAdaptedQueue, RefusedRequest_LeavesAZeroSizedBuffer) {
     EXPECT_EQ(BAD_VALUE, producer->requestBuffer(5, &buffer));
     ASSERT_NE(nullptr, buffer);
     EXPECT_EQ(0u, buffer->getWidth());
+    consumer->abandon();
+    fence.clear();
+    EXPECT_EQ(NO_INIT, dequeue());
+    EXPECT_NE(nullptr, fence) << "on failure too";
 }
 
-TEST_F(AnAdaptedQueue, QueuedFrame_ArrivesAsItWasQueued) {
-    int slot = -1;
-    dequeue(&slot);
+TEST_F(AnAdaptedQueue, PassesFramesAndFencesOnAsTheyWereGiven) {
+    dequeue();
     ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
-    SignalFence written;
-    output.maxBufferCount = -3;
-    ASSERT_EQ(NO_ERROR, producer->queueBuffer(slot, frame(written.fence()), &output));
+    SignalFence signal;
+    EXPECT_EQ(BAD_VALUE, producer->cancelBuffer(slot, nullptr));
+    ASSERT_EQ(NO_ERROR, producer->cancelBuffer(slot, signal.fence()));
+    ASSERT_EQ(NO_ERROR, dequeue());
+    EXPECT_EQ(-ETIME, fence->wait(0)) << "the fence of a cancel crosses as a live one";
+    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+    ASSERT_EQ(NO_ERROR, producer->queueBuffer(slot, frame(signal.fence()), &output));
     EXPECT_EQ(2u, output.nextFrameNumber);
     EXPECT_EQ(1u, output.numPendingBuffers);
-    EXPECT_EQ(-3, output.maxBufferCount) << "does not cross";
 
     BufferItem item;
     ASSERT_EQ(NO_ERROR, consumer->acquireBuffer(&item, 0, false));
@@ -109,71 +101,24 @@ TEST_F(AnAdaptedQueue, QueuedFrame_ArrivesAsItWasQueued) {
     EXPECT_EQ(3u, item.mScalingMode);
     EXPECT_EQ(5u, item.mTransform);
     EXPECT_EQ(-ETIME, item.mFence->wait(0));
-    written.signal();
-    EXPECT_EQ(NO_ERROR, item.mFence->wait(0)) << "the fence crosses as a live one";
-}
-
-TEST_F(AnAdaptedQueue, CancelAndReleaseFences_Cross) {
-    int slot = -1;
-    dequeue(&slot);
-    SignalFence free;
-    EXPECT_EQ(BAD_VALUE, producer->cancelBuffer(slot, nullptr));
-    ASSERT_EQ(NO_ERROR, producer->cancelBuffer(slot, free.fence()));
-    ASSERT_EQ(NO_ERROR, dequeue(&slot));
-    EXPECT_EQ(-ETIME, fence->wait(0));
-    free.signal();
+    signal.signal();
+    EXPECT_EQ(NO_ERROR, item.mFence->wait(0));
     EXPECT_EQ(NO_ERROR, fence->wait(0));
-}
-
-TEST_F(AnAdaptedQueue, LimitsAndDisconnect_PassTheirStatuses) {
-    EXPECT_EQ(BAD_VALUE, producer->setMaxDequeuedBufferCount(0));
-    EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(6));
-    EXPECT_EQ(BAD_VALUE, producer->connect(nullptr, kCamera, false, &output));
-    EXPECT_EQ(BAD_VALUE, producer->disconnect(NATIVE_WINDOW_API_CPU));
-    EXPECT_EQ(NO_ERROR, producer->disconnect(kCamera));
-    EXPECT_EQ(NO_INIT, producer->disconnect(kCamera));
-}
-
-TEST_F(AnAdaptedQueue, OptionalOperations_AreForwarded) {
-    int value = 0;
-    EXPECT_EQ(NO_ERROR, producer->query(NATIVE_WINDOW_MIN_UNDEQUEUED_BUFFERS, &value));
-    EXPECT_EQ(1, value);
-    EXPECT_EQ(NO_ERROR, producer->setDequeueTimeout(1000));
-    int slot = -1;
-    dequeue(&slot);
-    dequeue(&slot);
-    EXPECT_EQ(TIMED_OUT, dequeue(&slot));
-    EXPECT_EQ(NO_ERROR, producer->setAsyncMode(true));
-    consumer->setName(String8("a name"));
-    EXPECT_STREQ("a name", producer->getConsumerName().string());
-    uint64_t id = 0;
-    uint64_t expected = 1;
-    EXPECT_EQ(NO_ERROR, producer->getUniqueId(&id));
-    EXPECT_EQ(NO_ERROR, queue->getUniqueId(&expected));
-    EXPECT_EQ(expected, id);
-}
-
-TEST_F(AnAdaptedQueue, EndOfTheAdapters_LeavesTheConnection) {
     producer.clear();
     EXPECT_EQ(BAD_VALUE, queue->connect(nullptr, kCamera, false, &output)) << "still connected";
 }
 
-TEST(WrappedProducer, OutlivesItsConsumer_AndAnswersNoInit) {
+TEST(AWrappedProducer, OutlivesItsConsumerAndMayWrapNothing) {
+    EXPECT_FALSE(sp<HGraphicBufferProducer>(new Wrapper(nullptr))->isRemote());
     AImageReader* reader = nullptr;
     ASSERT_EQ(AMEDIA_OK, AImageReader_new(64, 1, AIMAGE_FORMAT_RAW_PRIVATE, 3, &reader));
     ANativeWindow* window = nullptr;
     ASSERT_EQ(AMEDIA_OK, AImageReader_getWindow(reader, &window));
-    const sp<HGraphicBufferProducer> wrapped =
-        new Wrapper(static_cast<Surface*>(window)->getIGraphicBufferProducer());
+    const sp<IGraphicBufferProducer> producer =
+        new H2BGraphicBufferProducer(new Wrapper(static_cast<Surface*>(window)->getIGraphicBufferProducer()));
     AImageReader_delete(reader);
-    const sp<IGraphicBufferProducer> producer = new H2BGraphicBufferProducer(wrapped);
     IGraphicBufferProducer::QueueBufferOutput output;
     EXPECT_EQ(NO_INIT, producer->connect(nullptr, kCamera, false, &output));
-}
-
-TEST(WrappedProducer, NullProducer_IsAcceptedUntilTheFirstCall) {
-    const sp<HGraphicBufferProducer> wrapped = new Wrapper(nullptr);
-    EXPECT_FALSE(wrapped->isRemote());
 }
 
 // A scripted producer behind both adapters.
@@ -190,7 +135,7 @@ class AnAdaptedScript : public testing::Test {
     sp<GraphicBuffer> buffer;
 };
 
-TEST_F(AnAdaptedScript, ForeignFlagsHostileSlotsAndErrors_PassUnchanged) {
+TEST_F(AnAdaptedScript, PassesForeignFlagsHostileSlotsAndErrorsUnchanged) {
     const ScriptedProducer::Dequeue answers[] = {{2, 3}, {3, 4}, {1, 64}, {0, -7}, {-110, 0}, {INT32_MIN, 1}};
     for (const auto& answer : answers) {
         script->onDequeue(answer);
@@ -211,13 +156,7 @@ TEST_F(AnAdaptedScript, ForeignFlagsHostileSlotsAndErrors_PassUnchanged) {
     EXPECT_EQ(-9, producer->setMaxDequeuedBufferCount(6));
 }
 
-TEST_F(AnAdaptedScript, Usage_IsCutTo32Bits) {
-    int slot = 0;
-    dequeue(&slot);
-    EXPECT_EQ(std::vector<std::string>{"dequeue 640x480 format 1 usage 0x20"}, script->calls());
-}
-
-TEST_F(AnAdaptedScript, NullFenceAndBuffer_BecomeEmptyObjects) {
+TEST_F(AnAdaptedScript, CutsTheUsageTo32BitsAndMakesNullsEmptyObjects) {
     script->onDequeue({0, 2, nullptr});
     script->onRequest({-1, nullptr});
     int slot = 0;
@@ -226,9 +165,10 @@ TEST_F(AnAdaptedScript, NullFenceAndBuffer_BecomeEmptyObjects) {
     EXPECT_FALSE(fence->isValid());
     EXPECT_EQ(-1, producer->requestBuffer(2, &buffer));
     EXPECT_NE(nullptr, buffer);
+    EXPECT_EQ("dequeue 640x480 format 1 usage 0x20", script->calls().front());
 }
 
-TEST_F(AnAdaptedScript, HandleThatIsNoFence_IsRefusedBeforeTheProducer) {
+TEST_F(AnAdaptedScript, RefusesAHandleThatIsNoFence) {
     native_handle_t* handle = native_handle_create(2, 0);
     handle->data[0] = eventfd(0, 0);
     handle->data[1] = eventfd(0, 0);
@@ -265,7 +205,7 @@ struct UnreachableProducer : public Wrapper {
     const hardware::Status failure;
 };
 
-TEST(UnreachablePeer, EveryCall_ReturnsDeadObjectOrUnknownError) {
+TEST(AnUnreachablePeer, IsADeadObjectOrAnUnknownErrorToEveryCall) {
     const std::pair<status_t, status_t> kinds[] = {{DEAD_OBJECT, DEAD_OBJECT},
                                                    {FAILED_TRANSACTION, UNKNOWN_ERROR}};
     for (const auto& [failure, expected] : kinds) {
