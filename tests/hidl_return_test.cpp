@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <optional>
-#include <string>
 #include <utility>
 
 #include "LogCapture.h"
@@ -31,6 +30,7 @@ Status refused() {
 }
 
 constexpr char kNotChecked[] = "a failed Return was not checked";
+constexpr char kNoValue[] = "a failed Return has no value";
 
 // Death tests start the program anew, so threads of other cases do no harm.
 class AReturn : public testing::Test {
@@ -40,66 +40,11 @@ class AReturn : public testing::Test {
 };
 using AReturnDeathTest = AReturn;
 
-TEST_F(AReturn, ThatIsOkMayBeDroppedUnchecked) {
-    { const Return<void> result = Void(); }
-    { const Return<bool> result = true; }
+TEST_F(AReturn, IsSafeWhenOkOrOnceCheckedOrRecognisedAsDead) {
     { const Return<sp<Object>> result = new Object; }
-}
-
-TEST_F(AReturnDeathTest, ThatFailedAbortsWhenDroppedUnchecked) {
-    EXPECT_DEATH({ const Return<void> result = dead(); }, kNotChecked);
-    EXPECT_DEATH({ const Return<bool> result = refused(); }, kNotChecked);
-    EXPECT_DEATH({ const Return<sp<Object>> result = dead(); }, kNotChecked);
-    for (const auto restriction :
-         {HidlReturnRestriction::ERROR_IF_UNCHECKED, HidlReturnRestriction::FATAL_IF_UNCHECKED}) {
-        setProcessHidlReturnRestriction(restriction);
-        EXPECT_DEATH({ const Return<void> result = dead(); }, kNotChecked);
-    }
-}
-
-TEST_F(AReturn, IsSafeOnceIsOkWasAsked) {
-    (void)Return<void>(dead()).isOk();
-    const Return<bool> result = refused();
-    EXPECT_FALSE(result.isOk());
-}
-
-TEST_F(AReturn, IsSafeOnceADeadObjectWasRecognised) {
-    const Return<void> result = dead();
-    EXPECT_TRUE(result.isDeadObject());
-}
-
-TEST_F(AReturnDeathTest, IsNotSavedByAskingForADeadObjectInVain) {
-    EXPECT_DEATH(
-        {
-            const Return<void> result = refused();
-            if (result.isDeadObject()) _exit(0);
-        },
-        kNotChecked);
-    EXPECT_DEATH(
-        {
-            const Return<void> result = Status::fromStatusT(android::FAILED_TRANSACTION);
-            if (result.isDeadObject()) _exit(0);
-        },
-        kNotChecked);
-}
-
-TEST_F(AReturnDeathTest, IsNotSavedByADescriptionOrAnUncheckedLook) {
-    EXPECT_DEATH({ (void)Return<void>(refused()).description(); }, kNotChecked);
-    EXPECT_DEATH({ (void)Return<void>(refused()).isOkUnchecked(); }, kNotChecked);
-}
-
-TEST_F(AReturnDeathTest, HasNoValueAfterAFailureEvenWhenChecked) {
-    constexpr char kNoValue[] = "a failed Return has no value";
-    EXPECT_DEATH(
-        {
-            const Return<bool> result = dead();
-            if (!result.isOk()) (void)static_cast<bool>(result);
-        },
-        kNoValue);
-    EXPECT_DEATH({ sp<Object> object = Return<sp<Object>>(dead()); }, kNoValue);
-}
-
-TEST_F(AReturn, GivesItsValueOrTheDefault) {
+    { const Return<void> result = Void(); }
+    EXPECT_FALSE(Return<bool>(refused()).isOk());
+    EXPECT_TRUE(Return<void>(dead()).isDeadObject());
     EXPECT_EQ(Return<int32_t>(5).withDefault(7), 5);
     EXPECT_EQ(Return<int32_t>(dead()).withDefault(7), 7);
     const sp<Object> object = new Object;
@@ -107,6 +52,40 @@ TEST_F(AReturn, GivesItsValueOrTheDefault) {
     EXPECT_EQ(Return<sp<Object>>(dead()).withDefault(nullptr), nullptr);
     const sp<Object> converted = Return<sp<Object>>(object);
     EXPECT_EQ(converted, object);
+}
+
+TEST_F(AReturnDeathTest, AbortsWhenAFailureIsDroppedUnchecked) {
+    EXPECT_DEATH({ const Return<void> result = dead(); }, kNotChecked);
+    EXPECT_DEATH({ const Return<bool> result = refused(); }, kNotChecked);
+    EXPECT_DEATH({ const Return<sp<Object>> result = dead(); }, kNotChecked);
+    EXPECT_DEATH({ (void)Return<void>(refused()).description(); }, kNotChecked);
+    EXPECT_DEATH({ (void)Return<void>(refused()).isOkUnchecked(); }, kNotChecked);
+    EXPECT_DEATH({ (void)Return<void>(refused()).isDeadObject(); }, kNotChecked);
+    EXPECT_DEATH({ (void)Return<void>(Status::fromStatusT(android::FAILED_TRANSACTION)).isDeadObject(); },
+                 kNotChecked);
+    EXPECT_DEATH(
+        {
+            Return<void> result = dead();
+            result = Void();
+            _exit(0);
+        },
+        kNotChecked);
+    Return<void> checked = dead();
+    EXPECT_FALSE(checked.isOk());
+    checked = Void();
+    EXPECT_TRUE(checked.isOk());
+}
+
+TEST_F(AReturnDeathTest, HasNoValueAfterAFailureEvenWhenChecked) {
+    EXPECT_DEATH(
+        {
+            const Return<bool> result = dead();
+            if (!result.isOk()) (void)static_cast<bool>(result);
+        },
+        kNoValue);
+    EXPECT_DEATH({ sp<Object> object = Return<sp<Object>>(dead()); }, kNoValue);
+    EXPECT_DEATH(Return<void>(refused()).assertOk(), "a Return should be OK.*refused");
+    Return<void>(Void()).assertOk();
 }
 
 TEST_F(AReturnDeathTest, PassesItsDutyOnWhenMoved) {
@@ -122,25 +101,6 @@ TEST_F(AReturnDeathTest, PassesItsDutyOnWhenMoved) {
         kNotChecked);
 }
 
-TEST_F(AReturnDeathTest, AbortsWhenAFailureIsAssignedOverUnchecked) {
-    EXPECT_DEATH(
-        {
-            Return<void> result = dead();
-            result = Void();
-            _exit(0);
-        },
-        kNotChecked);
-    Return<void> checked = dead();
-    EXPECT_FALSE(checked.isOk());
-    checked = Void();
-    EXPECT_TRUE(checked.isOk());
-}
-
-TEST_F(AReturnDeathTest, AssertsThatItIsOk) {
-    EXPECT_DEATH(Return<void>(refused()).assertOk(), "a Return should be OK.*refused");
-    Return<void>(Void()).assertOk();
-}
-
 TEST_F(AReturnDeathTest, ThatIsOkMustBeCheckedUnderARestriction) {
     setProcessHidlReturnRestriction(HidlReturnRestriction::ERROR_IF_UNCHECKED);
     {
@@ -148,19 +108,17 @@ TEST_F(AReturnDeathTest, ThatIsOkMustBeCheckedUnderARestriction) {
         { const Return<void> result = Void(); }
         EXPECT_EQ(log.count("a Return was not checked"), 1u);
     }
+    EXPECT_DEATH({ const Return<void> result = dead(); }, kNotChecked);
     setProcessHidlReturnRestriction(HidlReturnRestriction::FATAL_IF_UNCHECKED);
     EXPECT_DEATH({ const Return<void> result = Void(); }, "a Return was not checked");
     EXPECT_TRUE(Return<bool>(true).withDefault(false));
 }
 
 TEST(AStatus, TellsItsKind) {
-    EXPECT_TRUE(Status::ok().isOk());
     EXPECT_TRUE(Status::fromStatusT(android::OK).isOk());
-
     const Status transport = Status::fromStatusT(android::TIMED_OUT);
     EXPECT_EQ(transport.exceptionCode(), Status::EX_TRANSACTION_FAILED);
     EXPECT_EQ(transport.transactionError(), android::TIMED_OUT);
-
     EXPECT_EQ(refused().exceptionCode(), Status::EX_ILLEGAL_STATE);
     EXPECT_STREQ(refused().exceptionMessage(), "refused");
     EXPECT_EQ(refused().transactionError(), android::OK);
