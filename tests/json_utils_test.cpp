@@ -3,19 +3,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <climits>
 #include <limits>
+#include <sstream>
 
 #include "LogCapture.h"
 
 using ::testing::ElementsAre;
-using ::testing::Eq;
 using ::testing::IsEmpty;
-using ::testing::Pair;
 
 namespace android {
 namespace {
+
+using FloatPairs = std::vector<std::pair<float, float>>;
+using IntPairs = std::vector<std::pair<float, int>>;
+using Map = std::unordered_map<long long, double>;
+using Objects = std::vector<const rapidjson::Value*>;
 
 rapidjson::Document parsed(const std::string& text) {
     rapidjson::Document document;
@@ -24,302 +27,203 @@ rapidjson::Document parsed(const std::string& text) {
     return document;
 }
 
-// What a read leaves behind: its code, its result and its log lines.
+// What a result holds before it is read.
 template <typename T>
-struct Reading {
-    int code;
-    T out;
-    std::vector<std::string> log;
+const T kStale = T(7);
+template <>
+const std::string kStale<std::string> = "old";
+template <>
+const char* const kStale<const char*> = "old";
+template <>
+const FloatPairs kStale<FloatPairs> = {{9, 9}};
+template <>
+const IntPairs kStale<IntPairs> = {{9, 9}};
+template <>
+const Map kStale<Map> = {{8, 9}};
+template <>
+const Objects kStale<Objects> = {nullptr};
+
+template <typename T>
+std::string shown(const T& value) {
+    std::ostringstream text;
+    if constexpr (std::is_arithmetic_v<T>) {
+        text << +value;
+    } else if constexpr (std::is_same_v<T, std::string> || std::is_pointer_v<T>) {
+        text << value;
+    } else {
+        text << testing::PrintToString(value);
+    }
+    return text.str();
+}
+
+// What a read of member "a" leaves behind: its code, its result and its log lines.
+template <typename T>
+std::string read(const std::string& json, int index) {
+    const rapidjson::Document document = parsed(json);
+    T out = kStale<T>;
+    LogCapture log;
+    std::string result = std::to_string(JsonUtils::parseValue(document, "a", out, index));
+    result += " " + shown(out);
+    for (const std::string& line : log.texts("JsonUtils"))
+        result += "; " + line;
+    return result;
+}
+
+struct Row {
+    std::string (*read)(const std::string& json, int index);
+    const char* value;  // of member "a"; null when there is none
+    std::string result;
+    int index = -1;
 };
 
-template <typename T>
-Reading<T> readMember(const std::string& text, T before, const char* name = "a", int index = -1) {
-    const rapidjson::Document document = parsed(text);
-    LogCapture log;
-    const int code = JsonUtils::parseValue(document, name, before, index);
-    return {code, before, log.texts("JsonUtils")};
-}
-
-// -- Scalars: one row per rule, for each type
-// ----------------------------------------------------------------
-
-const std::string kNoLine;
-
-template <typename T>
-struct ScalarRow {
-    const char* json;  // the value of member "a"
-    int code;
-    T out;
-    std::string line;  // the only log line, empty when none
-};
-
-// Reads each row over a stale value, which a scalar reader may never leave behind.
-template <typename T>
-void checkScalars(T stale, const std::vector<ScalarRow<T>>& rows) {
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.json);
-        const auto reading = readMember<T>("{\"a\":" + std::string(row.json) + "}", stale);
-        EXPECT_EQ(row.code, reading.code);
-        EXPECT_EQ(row.out, reading.out);
-        if (row.line.empty())
-            EXPECT_THAT(reading.log, IsEmpty());
-        else
-            EXPECT_THAT(reading.log, ElementsAre(row.line));
+void check(const std::vector<Row>& rows) {
+    for (const Row& row : rows) {
+        const std::string json = row.value ? "{\"a\":" + std::string(row.value) + "}" : "{\"b\":1}";
+        EXPECT_EQ(row.result, row.read(json, row.index)) << json;
     }
 }
 
-TEST(JsonUtilsScalars, BoolAcceptsOnlyTrueAndFalse) {
-    const std::string line = "E parseValue: 'a' parameter is not of type bool";
-    checkScalars<bool>(true, {{"true", 0, true, kNoLine},
-                              {"false", 0, false, kNoLine},
-                              {"1", -22, false, line},
-                              {"\"true\"", -22, false, line},
-                              {"null", -22, false, line}});
+TEST(JsonUtilsRead, ScalarsAcceptTheirOwnKindAndRangeAndResetOnFailure) {
+    const std::string noBool = "-22 0; E parseValue: 'a' parameter is not of type bool";
+    const std::string noInt = "-22 0; E parseValue: 'a' parameter is not of type int";
+    const std::string noInt64 = "-22 0; E parseValue: 'a' parameter is not of type int64";
+    const std::string noReal = "-22 0; E parseValue: a=0.000000 (real Value)";
+    check({
+        {read<bool>, "true", "0 1"},
+        {read<bool>, "false", "0 0"},
+        {read<bool>, "1", noBool},
+        {read<bool>, "null", noBool},
+        {read<int>, "2147483647", "0 2147483647"},
+        {read<int>, "-2147483648", "0 -2147483648"},
+        {read<int>, "2147483648", noInt},
+        {read<int>, "-2147483649", noInt},
+        {read<int>, "2.0", noInt},
+        {read<int>, "\"1\"", noInt},
+        {read<int>, "true", noInt},
+        {read<unsigned short>, "65535", "0 65535"},
+        {read<unsigned short>, "70000", "0 4464"},
+        {read<unsigned short>, "-1", "0 65535"},
+        {read<unsigned short>, "2147483648", noInt},
+        {read<unsigned char>, "256", "0 0"},
+        {read<unsigned char>, "-1", "0 255"},
+        {read<unsigned char>, "1.5", noInt},
+        {read<long long>, "9223372036854775807", "0 9223372036854775807"},
+        {read<long long>, "-9223372036854775808", "0 -9223372036854775808"},
+        {read<long long>, "9223372036854775808", noInt64},
+        {read<long long>, "2.0", noInt64},
+        {read<float>, "-3", "0 -3"},
+        {read<float>, "18446744073709551615", "0 1.84467e+19"},
+        {read<float>, "3.4028235e38", "0 3.40282e+38"},
+        {read<float>, "3.4028236e38", "0 inf"},
+        {read<float>, "-1e300", "0 -inf"},
+        {read<float>, "\"x\"", noReal},
+        {read<double>, "1e300", "0 1e+300"},
+        {read<double>, "-3", "0 -3"},
+        {read<double>, "false", noReal},
+        {read<double>, nullptr, "-2 0"},
+        {read<bool>, nullptr, "-2 0"},
+    });
 }
 
-TEST(JsonUtilsScalars, IntAcceptsSigned32BitIntegersOnly) {
-    const std::string line = "E parseValue: 'a' parameter is not of type int";
-    checkScalars<int>(7, {{"2147483647", 0, INT_MAX, kNoLine},
-                          {"-2147483648", 0, INT_MIN, kNoLine},
-                          {"2147483648", -22, 0, line},
-                          {"-2147483649", -22, 0, line},
-                          {"2.0", -22, 0, line},
-                          {"1e2", -22, 0, line},
-                          {"\"1\"", -22, 0, line},
-                          {"true", -22, 0, line}});
+TEST(JsonUtilsRead, StringsKeepTheOldValueOnFailure) {
+    const std::string noString = "-22 old; E parseValue: 'a' parameter is not of type String";
+    check({
+        {read<std::string>, "\"x\\u0000y\"", "0 " + std::string("x\0y", 3)},
+        {read<std::string>, "1", noString},
+        {read<std::string>, nullptr, "-2 old"},
+        {read<const char*>, "\"x\"", "0 x"},
+        {read<const char*>, "null", noString},
+        {read<const char*>, nullptr, "-2 old"},
+    });
 }
 
-TEST(JsonUtilsScalars, NarrowIntegersKeepTheLowBits) {
-    const std::string line = "E parseValue: 'a' parameter is not of type int";
-    checkScalars<unsigned short>(7, {{"65535", 0, 65535, kNoLine},
-                                     {"70000", 0, 4464, kNoLine},
-                                     {"-1", 0, 65535, kNoLine},
-                                     {"2147483648", -22, 0, line},
-                                     {"2.0", -22, 0, line}});
-    checkScalars<unsigned char>(7, {{"255", 0, 255, kNoLine},
-                                    {"256", 0, 0, kNoLine},
-                                    {"-1", 0, 255, kNoLine},
-                                    {"-2147483648", 0, 0, kNoLine},
-                                    {"1.5", -22, 0, line}});
+TEST(JsonUtilsRead, IndexSelectsAnElementBeforeTheTypeTest) {
+    check({
+        {read<int>, "[1,2]", "0 2", 1},
+        {read<int>, "[1,\"x\"]", "-22 0; E parseValue: 'a' parameter is not of type int", 1},
+        {read<int>, "[1,2]", "-75 0; E getValue: 'a' array insufficient size=2, index=2", 2},
+        {read<int>, "[]", "-75 0; E getValue: 'a' array insufficient size=0, index=2147483647", INT_MAX},
+        {read<int>, "1", "-2 0; D getValue: 'a' parameter not found, or is not an array", 0},
+        {read<int>, nullptr, "-2 0", 3},
+        {read<FloatPairs>, "[0,[[1,2]]]", "0 { (1, 2) }", 1},
+    });
 }
 
-TEST(JsonUtilsScalars, LongLongAcceptsSigned64BitIntegersOnly) {
-    const std::string line = "E parseValue: 'a' parameter is not of type int64";
-    checkScalars<long long>(7, {{"9223372036854775807", 0, LLONG_MAX, kNoLine},
-                                {"-9223372036854775808", 0, LLONG_MIN, kNoLine},
-                                {"9223372036854775808", -22, 0, line},
-                                {"2.0", -22, 0, line}});
-}
-
-TEST(JsonUtilsScalars, FloatAcceptsEveryNumberAndRoundsIt) {
-    const float infinity = std::numeric_limits<float>::infinity();
-    checkScalars<float>(7.5F, {{"2.0", 0, 2.0F, kNoLine},
-                               {"-3", 0, -3.0F, kNoLine},
-                               {"18446744073709551615", 0, 18446744073709551616.0F, kNoLine},
-                               {"0.1", 0, 0.1F, kNoLine},
-                               {"3.4028235e38", 0, FLT_MAX, kNoLine},
-                               {"-3.4028235e38", 0, -FLT_MAX, kNoLine},
-                               {"3.4028236e38", 0, infinity, kNoLine},
-                               {"-1e300", 0, -infinity, kNoLine},
-                               {"1e-300", 0, 0.0F, kNoLine},
-                               {"\"x\"", -22, 0.0F, "E parseValue: a=0.000000 (real Value)"}});
-}
-
-TEST(JsonUtilsScalars, DoubleAcceptsEveryNumber) {
-    checkScalars<double>(7.5, {{"0.1", 0, 0.1, kNoLine},
-                               {"1e300", 0, 1e300, kNoLine},
-                               {"-3", 0, -3.0, kNoLine},
-                               {"false", -22, 0.0, "E parseValue: a=0.000000 (real Value)"}});
-}
-
-TEST(JsonUtilsScalars, MissingMemberIsSilentAndResets) {
-    const auto number = readMember<double>("{\"b\":1}", 7.5);
-    EXPECT_EQ(-2, number.code);
-    EXPECT_EQ(0.0, number.out);
-    EXPECT_THAT(number.log, IsEmpty());
-    EXPECT_FALSE(readMember<bool>("{}", true).out);
-}
-
-// -- Strings and objects: never reset
-// --------------------------------------------------------------------------
-
-TEST(JsonUtilsStrings, CopyIsWholeAndPointerIsTheDocumentsOwn) {
-    const rapidjson::Document document = parsed("{\"a\":\"x\\u0000y\"}");
-    std::string copy = "old";
-    const char* text = nullptr;
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "a", copy, -1));
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "a", text, -1));
-    EXPECT_EQ(std::string("x\0y", 3), copy);
-    EXPECT_EQ(document["a"].GetString(), text);
-}
-
-TEST(JsonUtilsStrings, FailureLeavesTheOldValue) {
-    const char* stale = "old";
-    for (const char* json : {"{\"a\":1}", "{\"a\":null}"}) {
-        const auto copy = readMember<std::string>(json, "old");
-        EXPECT_EQ(-22, copy.code);
-        EXPECT_EQ("old", copy.out);
-        EXPECT_THAT(copy.log, ElementsAre("E parseValue: 'a' parameter is not of type String"));
-        const auto pointer = readMember<const char*>(json, stale);
-        EXPECT_EQ(-22, pointer.code);
-        EXPECT_EQ(stale, pointer.out);
-        EXPECT_EQ(copy.log, pointer.log);
-    }
-    const auto missing = readMember<std::string>("{}", "old");
-    EXPECT_EQ(-2, missing.code);
-    EXPECT_EQ("old", missing.out);
-    EXPECT_THAT(missing.log, IsEmpty());
-}
-
-TEST(JsonUtilsObjects, ObjectIsHandedOutByAddress) {
-    const rapidjson::Document document = parsed("{\"a\":{\"b\":1},\"c\":[1]}");
-    LogCapture log;
-    const rapidjson::Value* out = &document;
-    EXPECT_EQ(-22, JsonUtils::parseValue(document, "c", &out, -1));
-    EXPECT_EQ(-2, JsonUtils::parseValue(document, "none", &out, -1));
-    EXPECT_EQ(&document, out);
-    EXPECT_THAT(log.texts(), ElementsAre("E parseValue: 'c' parameter is not of type obj"));
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "a", &out, -1));
-    EXPECT_EQ(&document["a"], out);
-}
-
-// -- Lookup
-// -----------------------------------------------------------------------------------------------------
-
-TEST(JsonUtilsLookup, IndexSelectsAnElementBeforeTheTypeTest) {
-    EXPECT_EQ(2, readMember<int>("{\"a\":[1,2]}", 0, "a", 1).out);
-    const auto wrong = readMember<int>("{\"a\":[1,\"x\"]}", 7, "a", 1);
-    EXPECT_EQ(-22, wrong.code);
-    EXPECT_THAT(wrong.log, ElementsAre("E parseValue: 'a' parameter is not of type int"));
-    const auto inner = readMember<std::vector<std::pair<float, float>>>("{\"a\":[0,[[1,2]]]}", {}, "a", 1);
-    EXPECT_THAT(inner.out, ElementsAre(Pair(1.0F, 2.0F)));
-}
-
-TEST(JsonUtilsLookup, IndexFailuresHaveCodesAndLinesOfTheirOwn) {
-    const auto notArray = readMember<int>("{\"a\":1}", 7, "a", 0);
-    EXPECT_EQ(-2, notArray.code);
-    EXPECT_EQ(0, notArray.out);
-    EXPECT_THAT(notArray.log, ElementsAre("D getValue: 'a' parameter not found, or is not an array"));
-    const auto beyond = readMember<int>("{\"a\":[1,2]}", 7, "a", 2);
-    EXPECT_EQ(-75, beyond.code);
-    EXPECT_THAT(beyond.log, ElementsAre("E getValue: 'a' array insufficient size=2, index=2"));
-    EXPECT_EQ(-75, readMember<int>("{\"a\":[]}", 7, "a", INT_MAX).code);
-    const auto missing = readMember<int>("{}", 7, "a", 3);
-    EXPECT_EQ(-2, missing.code);
-    EXPECT_THAT(missing.log, IsEmpty());
-}
-
-template <typename T>
-void expectRootRefused(const std::string& json) {
-    SCOPED_TRACE(json);
-    const auto reading = readMember<T>(json, T());
-    EXPECT_EQ(-22, reading.code);
-    EXPECT_THAT(reading.log, ElementsAre("E getValue: Error: JSON root is not an object, name: a"));
-}
-
-TEST(JsonUtilsLookup, EveryReaderRefusesARootThatIsNoObject) {
-    for (const char* json : {"[]", "[1]", "null", "5", "\"a\""}) {
-        expectRootRefused<bool>(json);
-        expectRootRefused<int>(json);
-        expectRootRefused<unsigned short>(json);
-        expectRootRefused<unsigned char>(json);
-        expectRootRefused<long long>(json);
-        expectRootRefused<float>(json);
-        expectRootRefused<double>(json);
-        expectRootRefused<std::string>(json);
-        expectRootRefused<const char*>(json);
-        expectRootRefused<std::vector<const rapidjson::Value*>>(json);
-        expectRootRefused<std::vector<std::pair<float, float>>>(json);
-        expectRootRefused<std::vector<std::pair<float, int>>>(json);
-        expectRootRefused<std::unordered_map<long long, double>>(json);
+TEST(JsonUtilsRead, PairsSkipWhatIsNoPairAndRefuseWhatIsNoNumber) {
+    const std::string noPair = "; E parseValue: 'a' parameter is not a two elements array";
+    const std::string noNumber = "; E parseValue: incorrect value type for element ";
+    for (const auto reader : {read<FloatPairs>, read<IntPairs>}) {
+        check({
+            {reader, "[[1,2],3,[4,5,6],[7,8]]", "0 { (1, 2), (7, 8) }" + noPair + noPair},
+            {reader, "[[1,2],[\"x\",true]]", "-22 { (1, 2) }" + noNumber + "0 of 'a'"},
+            {reader, "[[1,null]]", "-22 {}" + noNumber + "1 of 'a'"},
+            {reader, "5", "0 {}"},
+            {reader, "[]", "0 {}"},
+        });
     }
 }
 
-TEST(JsonUtilsLookup, NamesMatchExactlyAndTheFirstMemberWins) {
-    const rapidjson::Document document = parsed("{\"ab\":0,\"a\\u0000\":0,\"A\":0,\"a\":1,\"a\":2}");
-    int err = 1;
-    EXPECT_EQ(1, JsonUtils::getValue(err, document, "a", -1).GetInt());
-    EXPECT_EQ(0, err);
+TEST(JsonUtilsRead, MapKeepsWhatItHoldsAndRefusesEveryOtherShape) {
+    const std::string noPair = "-22 { (8, 9) }; E parseValue: entry is not key/value pair: a";
+    const std::string noNumber = "-22 { (8, 9) }; E parseValue: incorrect value type for entry 'a'";
+    check({
+        {read<Map>, "[[8,0.5]]", "0 { (8, 9) }"},
+        {read<Map>, "5", "-22 { (8, 9) }; E parseValue: expected array type for a"},
+        {read<Map>, "[3]", noPair},
+        {read<Map>, "[[1,2,3]]", noPair},
+        {read<Map>, "[[\"1\",2]]", noNumber},
+        {read<Map>, "[[1,null]]", noNumber},
+    });
+    const rapidjson::Document document = parsed("{\"a\":[[1,0.5],[1,0.7],[-9223372036854775808,4],3]}");
+    Map map;
+    EXPECT_EQ(-22, JsonUtils::parseValue(document, "a", map, -1));
+    EXPECT_EQ((Map{{1, 0.5}, {LLONG_MIN, 4.0}}), map) << "up to the bad entry, the first of a key";
 }
 
-TEST(JsonUtilsLookup, ExistenceIsTestedByTheNameUpToItsFirstNul) {
-    const rapidjson::Document document = parsed("{\"a\":null}");
-    EXPECT_TRUE(JsonUtils::checkExists(document, "a"));
-    EXPECT_TRUE(JsonUtils::checkExists(document, std::string("a\0b", 3)));
-    EXPECT_FALSE(JsonUtils::checkExists(document, std::string("b")));
-    EXPECT_FALSE(JsonUtils::checkExists(document["a"], "a")) << "a null value has no members";
+TEST(JsonUtilsRead, EveryReaderRefusesARootThatIsNoObject) {
+    for (const auto reader :
+         {read<bool>, read<int>, read<unsigned short>, read<unsigned char>, read<long long>, read<float>,
+          read<double>, read<std::string>, read<const char*>, read<Objects>, read<FloatPairs>, read<IntPairs>,
+          read<Map>}) {
+        for (const char* root : {"[]", "[1]", "null", "5", "\"a\""}) {
+            EXPECT_THAT(
+                reader(root, -1),
+                testing::MatchesRegex("-22 .*; E getValue: Error: JSON root is not an object, name: a"));
+        }
+    }
 }
 
-// -- Collections
-// ------------------------------------------------------------------------------------------------
-
-TEST(JsonUtilsCollections, ObjectAddressesStopAtTheFirstOtherElement) {
-    const rapidjson::Document document = parsed("{\"a\":[{},{\"b\":1},2,{}],\"n\":5}");
+TEST(JsonUtilsRead, ObjectsAndStringsAreTheDocumentsOwn) {
+    const rapidjson::Document document = parsed("{\"a\":[{},{\"b\":1},2,{}],\"n\":\"x\",\"o\":{}}");
     LogCapture log;
-    std::vector<const rapidjson::Value*> out{nullptr};
+    Objects out{nullptr};
     EXPECT_EQ(-22, JsonUtils::parseValue(document, "a", out, -1));
     EXPECT_THAT(out, ElementsAre(&document["a"][0], &document["a"][1]));
     EXPECT_EQ(0, JsonUtils::parseValue(document, "n", out, -1));
     EXPECT_THAT(out, IsEmpty());
+    const rapidjson::Value* object = &document;
+    EXPECT_EQ(-22, JsonUtils::parseValue(document, "n", &object, -1));
+    EXPECT_EQ(-2, JsonUtils::parseValue(document, "none", &object, -1));
+    EXPECT_EQ(&document, object) << "never reset";
+    EXPECT_EQ(0, JsonUtils::parseValue(document, "o", &object, -1));
+    EXPECT_EQ(&document["o"], object);
+    const char* text = nullptr;
+    EXPECT_EQ(0, JsonUtils::parseValue(document, "n", text, -1));
+    EXPECT_EQ(document["n"].GetString(), text);
     EXPECT_THAT(log.texts(), ElementsAre("E parseValue: incorrect value type for element 2 of 'a'",
-                                         "E parseValue: 'n' parameter is not an array"));
+                                         "E parseValue: 'n' parameter is not an array",
+                                         "E parseValue: 'n' parameter is not of type obj"));
 }
 
-template <typename Pairs>
-void checkPairRules() {
-    const auto skipped = readMember<Pairs>("{\"a\":[[1,2],3,[4,5,6],[7,8]]}", {{9, 9}});
-    EXPECT_EQ(0, skipped.code);
-    EXPECT_THAT(skipped.out, ElementsAre(Pair(Eq(1), Eq(2)), Pair(Eq(7), Eq(8))));
-    const std::string skippedLine = "E parseValue: 'a' parameter is not a two elements array";
-    EXPECT_THAT(skipped.log, ElementsAre(skippedLine, skippedLine));
-
-    const auto first = readMember<Pairs>("{\"a\":[[1,2],[\"x\",true]]}", {});
-    EXPECT_EQ(-22, first.code);
-    EXPECT_EQ(1U, first.out.size());
-    EXPECT_THAT(first.log, ElementsAre("E parseValue: incorrect value type for element 0 of 'a'"));
-
-    const auto second = readMember<Pairs>("{\"a\":[[1,null]]}", {});
-    EXPECT_EQ(-22, second.code);
-    EXPECT_THAT(second.log, ElementsAre("E parseValue: incorrect value type for element 1 of 'a'"));
-
-    for (const char* json : {"{\"a\":5}", "{\"a\":[]}", "{\"a\":{}}"}) {
-        const auto empty = readMember<Pairs>(json, {{9, 9}});
-        EXPECT_EQ(0, empty.code) << json;
-        EXPECT_THAT(empty.out, IsEmpty()) << json;
-        EXPECT_THAT(empty.log, IsEmpty()) << json;
-    }
-}
-
-TEST(JsonUtilsCollections, PairsSkipWhatIsNoPairAndRefuseWhatIsNoNumber) {
-    checkPairRules<std::vector<std::pair<float, float>>>();
-    checkPairRules<std::vector<std::pair<float, int>>>();
-}
-
-TEST(JsonUtilsCollections, MapKeepsTheFirstValueOfAKey) {
-    using Map = std::unordered_map<long long, double>;
-    const auto reading =
-        readMember<Map>("{\"a\":[[1,0.5],[1,0.7],[2,3],[-9223372036854775808,4]]}", {{2, 9.0}});
-    EXPECT_EQ(0, reading.code);
-    EXPECT_EQ((Map{{1, 0.5}, {2, 9.0}, {LLONG_MIN, 4.0}}), reading.out);
-    EXPECT_THAT(reading.log, IsEmpty());
-}
-
-TEST(JsonUtilsCollections, MapRefusesEveryOtherShape) {
-    using Map = std::unordered_map<long long, double>;
-    const std::pair<const char*, const char*> rows[] = {
-        {"{\"a\":5}", "E parseValue: expected array type for a"},
-        {"{\"a\":[[1,2],3]}", "E parseValue: entry is not key/value pair: a"},
-        {"{\"a\":[[1,2],[1,2,3]]}", "E parseValue: entry is not key/value pair: a"},
-        {"{\"a\":[[1,2],[\"1\",2]]}", "E parseValue: incorrect value type for entry 'a'"},
-        {"{\"a\":[[1,2],[1,null]]}", "E parseValue: incorrect value type for entry 'a'"},
-    };
-    for (const auto& [json, line] : rows) {
-        SCOPED_TRACE(json);
-        const auto reading = readMember<Map>(json, {{8, 8.0}});
-        EXPECT_EQ(-22, reading.code);
-        EXPECT_EQ(1U, reading.out.count(8)) << "the map is never cleared";
-        EXPECT_THAT(reading.log, ElementsAre(line));
-    }
+TEST(JsonUtilsLookup, NamesMatchExactlyAndTheFirstMemberWins) {
+    const rapidjson::Document document = parsed("{\"ab\":0,\"a\\u0000\":0,\"A\":0,\"a\":1,\"a\":null}");
+    int err = 1;
+    EXPECT_EQ(1, JsonUtils::getValue(err, document, "a", -1).GetInt());
+    EXPECT_EQ(0, err);
+    EXPECT_TRUE(JsonUtils::checkExists(document, "a"));
+    EXPECT_TRUE(JsonUtils::checkExists(document, std::string("a\0b", 3))) << "up to the first NUL";
+    EXPECT_FALSE(JsonUtils::checkExists(document, std::string("b")));
+    EXPECT_FALSE(JsonUtils::checkExists(rapidjson::Value(), "a")) << "a null value has no members";
 }
 
 TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
@@ -340,27 +244,6 @@ TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
     EXPECT_EQ(-22, JsonUtils::parseIntArr(document["i"], "i", ints, -1));
     EXPECT_EQ(1, ints[0]);
     EXPECT_THAT(log.texts(), ElementsAre("E getValue: Error: JSON root is not an object, name: i"));
-}
-
-// -- Text and merge
-// ---------------------------------------------------------------------------------------------
-
-TEST(JsonUtilsText, WritesEveryByteOfATextAsTheDefaultWriterDoes) {
-    for (int byte = 0; byte < 256; ++byte) {
-        const std::string text = {'a', static_cast<char>(byte), 'b'};
-        const rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-        rapidjson::StringBuffer expected;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(expected);
-        ASSERT_TRUE(value.Accept(writer));
-        EXPECT_EQ(JsonUtils::toString(value), expected.GetString()) << byte;
-    }
-}
-
-TEST(JsonUtilsText, IsCompactAndOwned) {
-    const std::string json = "{\"a\":[1,-2,0.5,true,null],\"b\":{\"c\":\"\\u0000\\\"\"},\"d\":{},\"e\":[]}";
-    EXPECT_EQ(json, JsonUtils::toString(parsed(" " + json + " ")));
-    const std::string wide = "[\"" + std::string(100000, 'x') + "\"]";
-    EXPECT_EQ(wide, JsonUtils::toString(parsed(wide)));
 }
 
 struct MergeRow {
@@ -394,22 +277,16 @@ TEST(JsonUtilsMerge, MergesObjectsAndReplacesTheRest) {
     }
 }
 
-TEST(JsonUtilsMerge, ReturnsTheOverridesWhenOnlyTheBaseIsNoObject) {
+TEST(JsonUtilsMerge, MovesOutOfTheOverridesUnlessOnlyTheBaseIsNoObject) {
     rapidjson::Document base = parsed("[1]");
-    rapidjson::Document overrides = parsed("{}");
+    rapidjson::Document overrides(&base.GetAllocator());
+    overrides.Parse("{\"a\":[1]}");
     EXPECT_EQ(&overrides, &JsonUtils::overrideJson(overrides, base, base.GetAllocator()));
     EXPECT_EQ("[1]", JsonUtils::toString(base));
-}
-
-TEST(JsonUtilsMerge, MovesNamesAndValuesOutOfTheOverrides) {
-    rapidjson::Document base = parsed("{\"b\":1}");
-    rapidjson::Document overrides(&base.GetAllocator());
-    overrides.Parse("{\"a\":[1],\"b\":2}");
+    base.SetObject();
     JsonUtils::overrideJson(overrides, base, base.GetAllocator());
-    const auto first = overrides.MemberBegin();
-    EXPECT_TRUE(first[0].name.IsNull());
-    EXPECT_TRUE(first[0].value.IsNull());
-    EXPECT_TRUE(first[1].value.IsNull());
+    EXPECT_TRUE(overrides.MemberBegin()->name.IsNull());
+    EXPECT_TRUE(overrides.MemberBegin()->value.IsNull());
 }
 
 TEST(JsonUtilsMerge, DeepObjectsDoNotUseTheThreadsStack) {
@@ -431,9 +308,6 @@ TEST(JsonUtilsMerge, DeepObjectsDoNotUseTheThreadsStack) {
     EXPECT_EQ(R"({"b":1,"c":1})", JsonUtils::toString(*leaf));
 }
 
-// -- Preconditions
-// ----------------------------------------------------------------------------------------------
-
 TEST(JsonUtilsDeathTest, BrokenPreconditionsEndTheProcessInEveryBuild) {
     const rapidjson::Document document = parsed(
         R"({"pairs":[[1,2.5]],"wide":[[1,2147483648]],"map":[[1.5,2]],"far":[[9223372036854775808,2]],"n":1})");
@@ -446,9 +320,6 @@ TEST(JsonUtilsDeathTest, BrokenPreconditionsEndTheProcessInEveryBuild) {
     EXPECT_DEATH(JsonUtils::parseValue(document, "wide", pairs, -1), kLine);
     EXPECT_DEATH(JsonUtils::parseValue(document, "map", map, -1), kLine);
     EXPECT_DEATH(JsonUtils::parseValue(document, "far", map, -1), kLine);
-}
-
-TEST(JsonUtilsDeathTest, ABrokenPreconditionIsLoggedAsFatal) {
     EXPECT_DEATH(rapidJsonAssertFailed("x > 1", "file.h", 12),
                  "JsonUtils F .*file.h:12: JSON precondition broken: x > 1");
 }
