@@ -53,15 +53,7 @@ TEST_F(ARegistry, StartsWithEveryCameraClosedAndOnlyTheMainCameraOverridden) {
     }
 }
 
-TEST_F(ARegistry, AcceptsIdsBelowSixteen) {
-    EXPECT_TRUE(helper->isValidCameraId(0));
-    EXPECT_TRUE(helper->isValidCameraId(15));
-    for (uint32_t id : {16u, kNone, 0x80000000u, 0xFFFFFFFFu})
-        EXPECT_FALSE(helper->isValidCameraId(id)) << id;
-    EXPECT_THAT(logged(), IsEmpty());
-}
-
-TEST_F(ARegistry, MapsEveryOpenCameraThereAndBack) {
+TEST_F(ARegistry, MapsEveryOpenCameraThereAndBackByTheLowestFrameworkId) {
     for (uint32_t fwkId = 0; fwkId < 16; ++fwkId)
         record(fwkId).currentOverrideId = 15 - fwkId;
     for (uint32_t fwkId = 0; fwkId < 16; ++fwkId) {
@@ -73,32 +65,27 @@ TEST_F(ARegistry, MapsEveryOpenCameraThereAndBack) {
     record(1).currentOverrideId = 1;
     record(14).currentOverrideId = kNone;
     EXPECT_FALSE(helper->isCameraInOverride(1)) << "open under its own id is not in override";
+    record(4).currentOverrideId = 4;
+    record(0).currentOverrideId = 4;
+    EXPECT_EQ(helper->getOriginalCameraId(4), 0u);
+    EXPECT_TRUE(helper->isCameraInOverride(4)) << "camera 0 stands before camera 4";
     EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(ARegistry, GivesTheLowestFrameworkIdWhenTwoCamerasShareAnId) {
-    record(2).currentOverrideId = 9;
-    record(5).currentOverrideId = 9;
-    EXPECT_EQ(helper->getOriginalCameraId(9), 2u);
-    record(0).currentOverrideId = 4;
-    record(4).currentOverrideId = 4;
-    EXPECT_TRUE(helper->isCameraInOverride(4)) << "camera 0 stands before camera 4";
-}
-
 TEST_F(ARegistry, FallsBackToTheIdItIsAsked) {
-    EXPECT_EQ(helper->getCurrentOverrideId(0), 0u);
-    EXPECT_EQ(helper->getCurrentOverrideId(20), 20u);
-    EXPECT_THAT(logged(), ElementsAre("E getCurrentOverrideIdLocked: Invalid framework id 0",
-                                      "E getCurrentOverrideIdLocked: Invalid framework id 20"));
-    log.clear();
+    for (const uint32_t id : {16u, kNone, 0x80000000u, 0xFFFFFFFFu})
+        EXPECT_FALSE(helper->isValidCameraId(id)) << id;
+    EXPECT_TRUE(helper->isValidCameraId(15));
     EXPECT_EQ(helper->getOriginalCameraId(7), 7u);
     EXPECT_THAT(logged(), IsEmpty()) << "an id that is merely not open is no error";
+    EXPECT_EQ(helper->getCurrentOverrideId(0), 0u);
+    EXPECT_EQ(helper->getCurrentOverrideId(20), 20u);
     EXPECT_EQ(helper->getOriginalCameraId(100), 100u);
     EXPECT_FALSE(helper->isCameraInOverride(100));
-    EXPECT_THAT(
-        logged(),
-        testing::Each(testing::MatchesRegex("E getOriginalFwkIdLocked:[0-9]+ Invalid camera id 100")));
-    EXPECT_EQ(logged().size(), 2u);
+    const auto invalid = testing::MatchesRegex("E getOriginalFwkIdLocked:[0-9]+ Invalid camera id 100");
+    EXPECT_THAT(logged(),
+                ElementsAre("E getCurrentOverrideIdLocked: Invalid framework id 0",
+                            "E getCurrentOverrideIdLocked: Invalid framework id 20", invalid, invalid));
 }
 
 TEST_F(ARegistry, TellsDesktopModeByEitherKindOfId) {
@@ -121,32 +108,21 @@ TEST_F(ARegistry, AsksForASwitchOnceTheRequiredIdDiffersFromTheOpenOne) {
     EXPECT_FALSE(helper->needsCameraIdSwitch(4, fwkId));
     EXPECT_EQ(fwkId, 0u);
     EXPECT_FALSE(record(0).restartPending);
-
     record(0).requiredOverrideId = 2;
-    EXPECT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
-    EXPECT_EQ(fwkId, 0u);
-    EXPECT_TRUE(record(0).restartPending);
-    EXPECT_THAT(logged(), IsEmpty());
-
     uint32_t inAndOut = 4;
     EXPECT_TRUE(helper->needsCameraIdSwitch(inAndOut, inAndOut)) << "one variable may serve for both";
     EXPECT_EQ(inAndOut, 0u);
-}
-
-TEST_F(ARegistry, RefusesASwitchWithAnErrorLineForEachBadId) {
-    uint32_t fwkId = 77;
-    EXPECT_FALSE(helper->needsCameraIdSwitch(5, fwkId));
-    EXPECT_EQ(fwkId, kNone);
+    EXPECT_TRUE(record(0).restartPending);
+    EXPECT_THAT(logged(), IsEmpty());
 
     record(3).currentOverrideId = 9;
     record(3).requiredOverrideId = 2;
     record(3).overrideAllowed = false;
-    EXPECT_FALSE(helper->needsCameraIdSwitch(9, fwkId));
-    EXPECT_EQ(fwkId, 3u) << "the id found is told even when the override is refused";
+    for (const auto& [cameraId, told] : {std::pair{5u, kNone}, {9u, 3u}, {30u, kNone}}) {
+        EXPECT_FALSE(helper->needsCameraIdSwitch(cameraId, fwkId));
+        EXPECT_EQ(fwkId, told) << "told even when the override is refused";
+    }
     EXPECT_FALSE(record(3).restartPending);
-
-    EXPECT_FALSE(helper->needsCameraIdSwitch(30, fwkId));
-    EXPECT_EQ(fwkId, kNone);
     EXPECT_THAT(logged(),
                 ElementsAre("E needsCameraIdSwitch: Invalid override id 5",
                             "E needsCameraIdSwitch: Invalid override id 9",

@@ -22,8 +22,10 @@ using testing::IsEmpty;
 
 constexpr uint32_t kNone = 65535;
 constexpr char kTag[] = "VelCameraDesktopChiHelper";
-constexpr char kRestartDone02[] =
-    R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":2}})";
+std::string restartDone(const std::string& overrideId) {
+    return R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":)" +
+           overrideId + "}}";
+}
 
 class ASession : public testing::Test {
   protected:
@@ -52,31 +54,25 @@ class ASession : public testing::Test {
     std::unique_ptr<VelChiDesktopHelper> helper;
 };
 
-MATCHER_P2(CommandTo, type, text, "") {
-    return arg.type == type && arg.text == text;
-}
-
-TEST_F(ASession, OpensTheRequiredCameraWithoutAMessage) {
+TEST_F(ASession, OpensTheRequiredCameraOrItsOwnWhenTheOverrideIsNotAllowed) {
     EXPECT_EQ(open(0), 4u);
     EXPECT_EQ(record(0).currentOverrideId, 4u);
     for (uint32_t id = 1; id < 16; ++id)
         EXPECT_EQ(open(id), id);
+    helper->onHalClose(0);
+    helper->setRequiredOverrideId(0, 2);
+    EXPECT_EQ(open(0), 2u) << "a request for a closed camera is remembered";
     EXPECT_THAT(messages(), IsEmpty());
     EXPECT_THAT(logged(), IsEmpty());
-}
 
-TEST_F(ASession, OpensTheFrameworksOwnIdWhenTheOverrideIsNotAllowed) {
+    helper->onHalClose(0);
     record(0).overrideAllowed = false;
-    EXPECT_EQ(open(0), 0u);
-    EXPECT_EQ(record(0).currentOverrideId, 0u);
     helper->setRequiredOverrideId(0, 2);
     EXPECT_EQ(record(0).requiredOverrideId, 4u);
     record(0).restartPending = true;
     EXPECT_EQ(open(0), 0u);
-    EXPECT_THAT(
-        messages(),
-        ElementsAre(
-            R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":0}})"));
+    EXPECT_EQ(record(0).currentOverrideId, 0u);
+    EXPECT_THAT(messages(), ElementsAre(restartDone("0")));
 }
 
 TEST_F(ASession, LeavesAnInvalidIdAlone) {
@@ -103,12 +99,6 @@ TEST_F(ASession, AsksTheCameraServiceForARestartOnceWhenAnOpenCameraMustChange) 
     EXPECT_EQ(messages().size(), 1u) << "going back to the open camera needs no restart";
 }
 
-TEST_F(ASession, RemembersARequestForAClosedCamera) {
-    helper->setRequiredOverrideId(0, 2);
-    EXPECT_EQ(open(0), 2u);
-    EXPECT_THAT(messages(), IsEmpty());
-}
-
 TEST_F(ASession, AnnouncesTheFinishedRestartAtEveryOpenUntilTheClose) {
     open(0);
     helper->setRequiredOverrideId(0, 2);
@@ -117,25 +107,21 @@ TEST_F(ASession, AnnouncesTheFinishedRestartAtEveryOpenUntilTheClose) {
     uint32_t fwkId = kNone;
     ASSERT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
     EXPECT_EQ(open(0), 2u);
-    EXPECT_THAT(messages(), ElementsAre(kRestartDone02));
+    EXPECT_THAT(messages(), ElementsAre(restartDone("2")));
     EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
     EXPECT_EQ(open(0), 2u);
     EXPECT_EQ(messages().size(), 2u);
 
+    record(0).isDesktop = true;
+    record(0).overrideAllowed = false;
     helper->onHalClose(0);
     EXPECT_EQ(record(0).currentOverrideId, kNone);
     EXPECT_EQ(record(0).requiredOverrideId, 4u);
     EXPECT_FALSE(record(0).restartPending);
-    EXPECT_EQ(open(0), 4u);
+    EXPECT_TRUE(record(0).isDesktop) << "a close keeps what the events have set";
+    EXPECT_FALSE(record(0).overrideAllowed);
+    open(0);
     EXPECT_EQ(messages().size(), 2u) << "a close ends the announcements";
-}
-
-TEST_F(ASession, CloseKeepsWhatTheEventsHaveSet) {
-    record(2).isDesktop = true;
-    record(2).overrideAllowed = false;
-    helper->onHalClose(2);
-    EXPECT_TRUE(record(2).isDesktop);
-    EXPECT_FALSE(record(2).overrideAllowed);
 }
 
 TEST_F(ASession, GoesOnWhenItsMessagesCannotBeDelivered) {
@@ -166,18 +152,12 @@ TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {
     std::thread sender([&] { helper->sendSessionRestartDoneToApp(0, 2); });
     ASSERT_TRUE(service->awaitBlocked(FakeDesktopService::Operation::SEND_COMMAND));
 
-    std::atomic<bool> closed{false};
-    std::thread closer([&] {
-        helper->onHalClose(0);
-        closed = true;
-    });
-    // The registry answers although the close is on its way.
-    for (int query = 0; query < 50; ++query)
-        EXPECT_EQ(helper->getCurrentOverrideId(0), 4u);
-    EXPECT_FALSE(closed);
+    std::future<void> closing = std::async(std::launch::async, [&] { helper->onHalClose(0); });
+    EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    EXPECT_EQ(helper->getCurrentOverrideId(0), 4u) << "the registry answers meanwhile";
     service->unblock(FakeDesktopService::Operation::SEND_COMMAND);
     sender.join();
-    closer.join();
+    closing.get();
     EXPECT_EQ(talkedBack.get_future().get(), R"({"overrideId":4})");
     EXPECT_EQ(record(0).currentOverrideId, kNone);
 }

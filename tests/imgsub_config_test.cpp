@@ -55,9 +55,6 @@ class AnImgSubConfiguration : public testing::Test {
 
     std::string send(const std::string& text) { return helper->handleCommand(text); }
     std::vector<std::string> surfaceCalls() { return describe(service->calls(Operation::SET_SURFACE)); }
-    bool surfaceIsSet() {
-        return service->surface(FakeDesktopService::ClientType::CLIENT_IMG_SUB) != nullptr;
-    }
 
     LogCapture log;
     android::sp<FakeDesktopService> service;
@@ -65,34 +62,35 @@ class AnImgSubConfiguration : public testing::Test {
 };
 
 TEST(AReplacementFrame, IsSizedWithASignedProductAndSaturates) {
-    using replacement_frame::rowBytes;
-    EXPECT_EQ(rowBytes(1920, 1080), 3110496u);
-    EXPECT_EQ(rowBytes(640, 480), 460896u);
-    EXPECT_EQ(rowBytes(3, 3), 112u);
-    EXPECT_EQ(rowBytes(0, 5), 96u);
-    EXPECT_EQ(rowBytes(-1, 1), 96u);
-    EXPECT_EQ(rowBytes(-1000, 1), 0u);
-    EXPECT_EQ(rowBytes(65536, 65536), 96u) << "the product wraps to 0";
-    EXPECT_EQ(rowBytes(50000, 50000), 0u) << "the product wraps to a negative number";
-    EXPECT_EQ(rowBytes(INT32_MAX, 1), 3221225568u);
+    struct {
+        int32_t width, height;
+        uint32_t rowBytes;
+    } const rows[] = {
+        {1920, 1080, 3110496},      {640, 480, 460896}, {3, 3, 112}, {0, 5, 96}, {-1, 1, 96}, {-1000, 1, 0},
+        {65536, 65536, 96},  // the product wraps to 0
+        {50000, 50000, 0},   // and here to a negative number
+        {INT32_MAX, 1, 3221225568},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(replacement_frame::rowBytes(row.width, row.height), row.rowBytes) << row.width;
 }
 
-TEST_F(AnImgSubConfiguration, CreatesTheHelperAndGivesTheReadersSurfaceToTheService) {
-    EXPECT_EQ(send(command()), accepted(460896));
-    EXPECT_NE(helper->mImgSubHelper, nullptr);
-    EXPECT_TRUE(surfaceIsSet());
-    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null", "setSurface 7 producer"));
-    EXPECT_EQ(log.count("handleImgSubStreamConfig called"), 1u);
-}
-
-TEST_F(AnImgSubConfiguration, IsAnsweredAloneAndAfterTheFilters) {
+TEST_F(AnImgSubConfiguration, CreatesTheHelperAndIsAnsweredAloneAndAfterTheFilters) {
     std::string text = command();
     text.insert(1, R"("general":{"originalId":0,"overrideId":2},"get":{"what":"version"},"event":5,)");
     EXPECT_EQ(send(text), accepted(460896));
     EXPECT_EQ(Access::settings(*helper, 0).requiredOverrideId, 4u);
-    for (const char* value : {"null", "5", "[]", "\"x\""}) {
+    EXPECT_NE(helper->mImgSubHelper, nullptr);
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null", "setSurface 7 producer"));
+    EXPECT_EQ(log.count("handleImgSubStreamConfig called"), 1u);
+    for (const char* value : {"null", "5", "[]", "\"x\""})
         EXPECT_EQ(send(std::string(R"({"imgsub-configure-stream":)") + value + "}"), "error");
-    }
+
+    vel::host::killLocalService("default");
+    vel::host::awaitDeathNotices();
+    helper->mImgSubHelper.reset();
+    EXPECT_EQ(send(command()), accepted(460896));
+    EXPECT_NE(helper->mImgSubHelper, nullptr) << "also without a service";
 }
 
 TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
@@ -112,49 +110,40 @@ TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
     EXPECT_THAT(surfaceCalls(), IsEmpty());
 }
 
-TEST_F(AnImgSubConfiguration, WithAnotherFormatEndsTheEarlierSubstitution) {
-    send(command());
-    service->forgetCalls();
-    EXPECT_EQ(send(command({{"hal-consumer-v4l2-format", "\"NV12\""}})), "Invalid format");
-    EXPECT_EQ(helper->mImgSubHelper, nullptr);
-    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
-    EXPECT_EQ(log.count("Bad format received: NV12"), 1u);
-}
-
-TEST_F(AnImgSubConfiguration, WithASizeOrCountThatNoReaderAcceptsIsRefused) {
-    const std::map<std::string, std::string> cases[] = {
-        {{"image-width", "50000"}, {"image-height", "50000"}},
-        {{"image-width", "-1000"}, {"image-height", "1"}},
-        {{"image-width", "2147483647"}, {"image-height", "1"}},
-        {{"hal-consumer-buffer-count", "0"}},
-        {{"hal-consumer-buffer-count", "-1"}},
-        {{"hal-consumer-buffer-count", "65"}},
-        {{"hal-consumer-buffer-count", "100000"}},
+TEST_F(AnImgSubConfiguration, ThatIsRefusedEndsTheEarlierSubstitution) {
+    const std::string noReader = "Failed to create AImageReader";
+    const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
+        {{{"hal-consumer-v4l2-format", "\"NV12\""}}, "Invalid format"},
+        {{{"image-width", "50000"}, {"image-height", "50000"}}, noReader},
+        {{{"image-width", "-1000"}, {"image-height", "1"}}, noReader},
+        {{{"image-width", "2147483647"}, {"image-height", "1"}}, noReader},
+        {{{"hal-consumer-buffer-count", "0"}}, noReader},
+        {{{"hal-consumer-buffer-count", "-1"}}, noReader},
+        {{{"hal-consumer-buffer-count", "65"}}, noReader},
+        {{{"hal-consumer-buffer-count", "100000"}}, noReader},
     };
-    for (const auto& changes : cases) {
+    for (const auto& [changes, reply] : cases) {
         SCOPED_TRACE(command(changes));
         send(command());
-        EXPECT_EQ(send(command(changes)), "Failed to create AImageReader");
+        service->forgetCalls();
+        EXPECT_EQ(send(command(changes)), reply);
         EXPECT_EQ(helper->mImgSubHelper, nullptr);
-        EXPECT_FALSE(surfaceIsSet());
+        EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
     }
-    EXPECT_EQ(log.count("Failed to create AImageReader"), std::size(cases));
+    EXPECT_EQ(log.count("Bad format received: NV12"), 1u);
+    EXPECT_EQ(log.count(noReader), std::size(cases) - 1);
+}
+
+TEST_F(AnImgSubConfiguration, EndsTheProcessWithACountThatTheMediaLibraryCannotLend) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(send(command({{"hal-consumer-buffer-count", "63"}})), "");
 }
 
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
-    for (const char* side : {"0", "65536"}) {
-        EXPECT_EQ(send(command({{"image-width", side}, {"image-height", side}})), accepted(96));
-    }
-    EXPECT_EQ(send(command({{"image-width", "-1"}, {"image-height", "1"}})), accepted(96));
+    for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}})
+        EXPECT_EQ(send(command({{"image-width", width}, {"image-height", height}})), accepted(96));
     EXPECT_EQ(send(command({{"hal-consumer-usage", "-1"}})), accepted(460896));
     EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted(460896));
-}
-
-TEST_F(AnImgSubConfiguration, WithoutAServiceStillCreatesTheHelper) {
-    vel::host::killLocalService("default");
-    vel::host::awaitDeathNotices();
-    EXPECT_EQ(send(command()), accepted(460896));
-    EXPECT_NE(helper->mImgSubHelper, nullptr);
 }
 
 TEST_F(AnImgSubConfiguration, EndsWithTheCloseOfADesktopCameraOnly) {
