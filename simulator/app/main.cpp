@@ -7,11 +7,13 @@
 #include <vector>
 
 #include "CaptureAnswers.h"
+#include "FrameProcessor.h"
 #include "Program.h"
 #include "ServiceClient.h"
 
 namespace {
 
+using vel::sim::FrameProcessor;
 using vel::sim::ServiceClient;
 using ClientType = ServiceClient::ClientType;
 
@@ -38,7 +40,8 @@ bool sendAndPrint(ServiceClient& client, const Options& options, const std::stri
 std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
         "The desktop application. Registers with the desktop service, sends the given commands, then those "
-        "that it reads from standard input, one a line, and prints the replies and what it receives.");
+        "that it reads from standard input, one a line, and prints the replies and what it receives. A line "
+        "\"frames size=WIDTHxHEIGHT [effect=NAME]\" makes it process the frames of image substitution.");
     const std::map<std::string, ClientType> peers = {{"hal", ClientType::CLIENT_CAMERA_HAL},
                                                      {"camera-service", ClientType::CLIENT_CAMERA_SERVICE},
                                                      {"app", ClientType::CLIENT_APP}};
@@ -58,7 +61,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-bool sendAll(ServiceClient& client, const Options& options) {
+bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options) {
     bool allSent = true;
     for (const std::string& command : options.commands) {
         if (command != "-") {
@@ -66,7 +69,10 @@ bool sendAll(ServiceClient& client, const Options& options) {
             continue;
         }
         for (std::string line; std::getline(std::cin, line);) {
-            if (!line.empty()) allSent = sendAndPrint(client, options, line) && allSent;
+            if (line.empty()) continue;
+            const bool done =
+                FrameProcessor::isCommand(line) ? frames.execute(line) : sendAndPrint(client, options, line);
+            allSent = allSent && done;
         }
     }
     return allSent;
@@ -99,7 +105,8 @@ int main(int argc, char** argv) {
         vel::sim::printLine("error the desktop service did not appear");
         return 1;
     }
-    const bool allSent = sendAll(client, options);
+    FrameProcessor frames(client);
+    const bool allSent = sendAll(client, frames, options);
     if (options.stay || options.commands.empty()) signals.wait();
     return allSent ? 0 : 1;
 }

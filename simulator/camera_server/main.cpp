@@ -1,10 +1,13 @@
 // The camera server: loads the library as a camera HAL does, and answers for the camera service.
 
+#include <atomic>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <thread>
 
 #include "CameraServer.h"
+#include "FrameSensor.h"
 #include "JsonMessage.h"
 #include "JsonUtils.h"
 #include "Program.h"
@@ -17,6 +20,7 @@ namespace {
 
 using android::JsonUtils;
 using vel::sim::CameraServer;
+using vel::sim::FrameSensor;
 using vel::sim::ServiceClient;
 
 // The framework id in a request to restart a session, or INVALID_CAMERA_ID when the text is none.
@@ -32,20 +36,24 @@ uint32_t restartRequestedFor(const std::string& command) {
     return static_cast<uint32_t>(std::strtoul(idText.c_str(), nullptr, 10));
 }
 
-std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options) {
+std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options, int& videoFd) {
     CLI::App cli(
         "The camera server. Loads the desktop helper as a camera HAL does and reads what to do from standard "
         "input, one a line: open N, close N, status N, and capture N FRAMES FRAMES_PER_SECOND, which has the "
-        "metadata of each frame exchanged with the application. Answers the library's restart requests by "
+        "metadata of each frame exchanged with the application, frames N [size=WIDTHxHEIGHT] [streams=N] "
+        "[fps=N] [count=N] [input=FILE] [output=FILE] [sheet=FILE] and frames end. Answers the library's "
+        "restart requests by "
         "opening the camera again. Ends with its input or by a signal.");
+    cli.add_option("--video-fd", videoFd, "descriptor of the YUV4MPEG2 stream that input=- stands for");
     vel::sim::addCommonOptions(cli, options);
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
 // Feeds the queue with the lines of standard input; its end is the program's.
-void readInput(vel::sim::TaskQueue& tasks, CameraServer& server) {
+void readInput(vel::sim::TaskQueue& tasks, CameraServer& server, FrameSensor& sensor) {
     for (std::string line; std::getline(std::cin, line);) {
-        if (!line.empty()) tasks.post([&server, line] { server.execute(line); });
+        if (line.empty()) continue;
+        tasks.post([&, line] { FrameSensor::isCommand(line) ? sensor.execute(line) : server.execute(line); });
     }
     tasks.finish();
 }
@@ -54,13 +62,17 @@ void readInput(vel::sim::TaskQueue& tasks, CameraServer& server) {
 
 int main(int argc, char** argv) {
     vel::sim::CommonOptions options;
-    if (const auto code = parse(argc, argv, options)) return *code;
+    int videoFd = -1;
+    if (const auto code = parse(argc, argv, options, videoFd)) return *code;
     vel::sim::applyCommonOptions(options);
+    vel::sim::EndSignals signals;  // before any thread starts
 
     vel::sim::TaskQueue tasks;
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
     vel::sim::installVendorTags(*helper);
     CameraServer server(helper);
+    FrameSensor sensor(helper);
+    sensor.setStream(videoFd);
     ServiceClient cameraService(
         ServiceClient::ClientType::CLIENT_CAMERA_SERVICE,
         [&](const std::string& command) -> std::string {
@@ -73,8 +85,16 @@ int main(int argc, char** argv) {
         },
         [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
 
-    std::thread input(readInput, std::ref(tasks), std::ref(server));
+    std::thread input(readInput, std::ref(tasks), std::ref(server), std::ref(sensor));
+    std::atomic<bool> isSignalled{false};
+    std::thread([&] {
+        signals.wait();
+        isSignalled = true;
+        tasks.finish();
+    }).detach();
     tasks.run();
+    sensor.end();
+    if (isSignalled) std::_Exit(1);  // nothing wakes the thread that reads the input
     input.join();
     return 0;
 }

@@ -94,6 +94,13 @@ VideoInput::VideoInput(const std::string& file)
         std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
 }
 
+VideoInput::VideoInput(int stream, const std::string& name)
+    : mName(name), mCancel(eventfd(0, EFD_CLOEXEC)), mData(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
+    if (mData < 0) fail(std::strerror(errno));
+    mReader =
+        std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
+}
+
 VideoInput::~VideoInput() = default;
 
 void VideoInput::fail(const std::string& what) const {

@@ -21,6 +21,8 @@ class VideoInput {
     // one line when it cannot be read: no such file, no video, a picture of odd size, ffmpeg is missing, ...
     // The file's content decides what it is, not its name.
     explicit VideoInput(const std::string& file);
+    // The same for a YUV4MPEG2 stream behind a descriptor that stays the caller's; name stands in errors.
+    VideoInput(int stream, const std::string& name);
     ~VideoInput();
     VideoInput(const VideoInput&) = delete;
     VideoInput& operator=(const VideoInput&) = delete;

@@ -1,5 +1,8 @@
 #include "Peers.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -16,10 +19,13 @@ Peers::~Peers() {
     end();
 }
 
-bool Peers::start() {
+bool Peers::start(bool passStandardInput) {
     start("service", "desktop_service", {"--trace"});
     if (!mRecorder.waitFor({"service", {"ready"}}, 0, kReadyLimit)) return false;
-    start("camera_server", "camera_server", {});
+    // Inherited by the camera server alone: whoever feeds it notices when that one ends.
+    const android::base::unique_fd stream(passStandardInput ? dup(STDIN_FILENO) : -1);
+    start("camera_server", "camera_server", {"--video-fd", std::to_string(stream.get())});
+    if (stream >= 0) (void)fcntl(stream, F_SETFD, FD_CLOEXEC);
     start("app", "desktop_app", {"-", "--change-metadata"});
     return true;
 }
@@ -36,6 +42,10 @@ void Peers::start(const std::string& name, const std::string& program,
 
 bool Peers::send(const std::string& peer, const std::string& line) {
     return mChildren.at(peer)->writeLine(line);
+}
+
+bool Peers::isAlive(const std::string& peer) {
+    return !mChildren.at(peer)->wait(std::chrono::milliseconds(0));
 }
 
 bool Peers::end() {

@@ -20,8 +20,13 @@ class Peers {
     Peers(const std::string& directory, Recorder& recorder);
     ~Peers();
 
-    /** Starts the programs; false when the service does not become ready. */
-    bool start();
+    /**
+     * Starts the programs; false when the service does not become ready. The camera server gets this
+     * process's standard input as its stream of video when asked for.
+     */
+    bool start(bool passStandardInput);
+    /** False once the peer has ended by itself. */
+    bool isAlive(const std::string& peer);
 
     /** Writes a line to a peer's input ("app" or "camera_server"); false when it no longer reads. */
     bool send(const std::string& peer, const std::string& line);

@@ -96,6 +96,15 @@ bool Recorder::isMetSince(const Expectation& expectation, size_t mark) const {
                        [&](const Entry& entry) { return expectation.isMetBy(entry.source, entry.line); });
 }
 
+std::optional<std::string> Recorder::find(const Expectation& expectation, size_t mark) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    for (size_t index = mark; index < mEntries.size(); ++index) {
+        const Entry& entry = mEntries[index];
+        if (expectation.isMetBy(entry.source, entry.line)) return entry.line;
+    }
+    return std::nullopt;
+}
+
 size_t Recorder::mark() const {
     std::lock_guard<std::mutex> lock(mLock);
     return mEntries.size();

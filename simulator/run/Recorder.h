@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ class Recorder {
      * or interrupt() is called first. A long wait prints the lines that come meanwhile.
      */
     bool waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit);
+
+    /** The first line that came at or behind the mark and meets the expectation. */
+    std::optional<std::string> find(const Expectation& expectation, size_t mark) const;
 
     /** A mark behind the lines that came so far. */
     size_t mark() const;

@@ -1,4 +1,4 @@
-// Plays a camera switch and an exchange of capture metadata between the desktop service, the desktop
+// Plays a camera switch, an exchange of capture metadata and frames between the desktop service, the desktop
 // application and the camera server, each a process of its own on a private bus, and checks that every
 // expected message was seen.
 
@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "CameraSwitch.h"
+#include "FrameScene.h"
 #include "MetadataExchange.h"
 #include "Peers.h"
 #include "Program.h"
@@ -15,12 +16,13 @@
 
 namespace {
 
+using vel::sim::FrameOptions;
 using vel::sim::Peers;
 using vel::sim::Recorder;
 
-int run(const std::string& directory, Recorder& recorder) {
+int run(const std::string& directory, const FrameOptions& frames, Recorder& recorder) {
     Peers peers(directory, recorder);
-    if (!peers.start()) {
+    if (!peers.start(frames.input == "-")) {
         recorder.print();
         std::printf("the desktop service did not start\n");
         return 1;
@@ -28,10 +30,17 @@ int run(const std::string& directory, Recorder& recorder) {
     const auto send = [&](const std::string& peer, const std::string& line) {
         return peers.send(peer, line);
     };
-    auto missing = vel::sim::play(vel::sim::cameraSwitch(), recorder, send);
-    if (missing.empty() && !recorder.isInterrupted()) {
+    std::vector<std::string> missing;
+    const auto mayGoOn = [&] { return missing.empty() && !recorder.isInterrupted(); };
+    if (frames.input.empty()) {
+        missing = vel::sim::play(vel::sim::cameraSwitch(), recorder, send);
         vel::sim::printFewCaptures(recorder);
-        missing = vel::sim::play(vel::sim::metadataExchange(), recorder, send);
+        if (mayGoOn()) missing = vel::sim::play(vel::sim::metadataExchange(), recorder, send);
+    }
+    std::string problem;
+    if (mayGoOn()) {
+        problem =
+            vel::sim::playFrames(frames, recorder, send, [&] { return peers.isAlive("camera_server"); });
     }
     if (recorder.isInterrupted()) {
         std::printf("\ninterrupted\n");
@@ -41,8 +50,10 @@ int run(const std::string& directory, Recorder& recorder) {
         std::printf("missing: %s\n", expectation.c_str());
     const bool endedWell = peers.end();
     recorder.print();
-    if (!missing.empty() || !endedWell) return 1;
-    std::printf("\nevery expected message was seen\n");
+    if (!problem.empty()) std::fprintf(stderr, "desktop_run: %s\n", problem.c_str());
+    if (!missing.empty() || !problem.empty() || !endedWell) return 1;
+    std::printf(frames.input.empty() ? "\nevery expected message was seen\n"
+                                     : "\nevery frame was replaced\n");
     return 0;
 }
 
@@ -60,7 +71,14 @@ int main(int argc, char** argv) {
         "application and the camera server on a private bus, prints the timeline, and fails, naming what is "
         "missing, unless every expected message was seen. Leaves no process behind.");
     std::string directory = directoryOf(argv[0]);
+    FrameOptions frames;
     cli.add_option("--programs", directory, "folder of the three programs (default: this program's own)");
+    cli.add_option(
+        "--input", frames.input,
+        "video that the frames come from, - for YUV4MPEG2 on standard input; only frames are played");
+    cli.add_option("--output", frames.output, "file for the replaced frames of stream 0, as YUV4MPEG2");
+    cli.add_option("--effect", frames.effect, "what the application does to them: tint, mirror, blur or none")
+        ->check(CLI::IsMember({"tint", "mirror", "blur", "none"}));
     if (const auto code = vel::sim::parseArguments(cli, argc, argv)) return *code;
 
     vel::sim::EndSignals signals;
@@ -70,7 +88,8 @@ int main(int argc, char** argv) {
         recorder.interrupt();
     }).detach();
     try {
-        return run(directory, recorder);
+        frames.check();
+        return run(directory, frames, recorder);
     } catch (const std::exception& error) {
         std::printf("the run could not start: %s\n", error.what());
         return 1;

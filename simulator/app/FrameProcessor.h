@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "Effects.h"
+#include "ServiceClient.h"
+
+namespace vel::sim {
+
+/**
+ * The application's side of the frames: owns the queues that the camera HAL fills, processes each frame of
+ * image substitution and sends it back as its replacement. Prints what happens.
+ *
+ * execute() and the destructor from one thread. Frames are processed on a thread of its own; the preview is
+ * taken on the thread that delivers it.
+ */
+class FrameProcessor {
+  public:
+    explicit FrameProcessor(ServiceClient& client);
+    /** Ends a substitution that runs. */
+    ~FrameProcessor();
+
+    /** True for lines that execute() understands: those that begin with the word frames. */
+    static bool isCommand(const std::string& line);
+
+    /**
+     * "frames size=1920x1080 [effect=tint] [buffers=16] [hold=N]" configures image substitution, in place of
+     * an earlier one, and processes frames from then on; with hold it keeps the frame with that number and
+     * every later one. "frames end" ends it. False, said in an error line, when it cannot be done.
+     */
+    bool execute(const std::string& line);
+
+  private:
+    class Preview;
+    class Substitution;
+
+    bool start(const std::string& line);
+    void end();
+
+    ServiceClient& mClient;
+    android::sp<Preview> mPreview;
+    std::unique_ptr<Substitution> mSubstitution;
+};
+
+}  // namespace vel::sim

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <android/hardware/graphics/bufferqueue/1.0/IGraphicBufferProducer.h>
+#include <gui/IGraphicBufferProducer.h>
+
+#include <array>
+#include <functional>
+
+namespace vel::sim {
+
+/**
+ * The way of replacements into the camera HAL's image reader. Used by one thread at a time; each call goes to
+ * the HAL's process.
+ */
+class ReplacementQueue {
+  public:
+    using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+
+    /** Connects to the reader's input. */
+    explicit ReplacementQueue(const android::sp<HidlProducer>& reader);
+    /** Disconnects, which frees every buffer that was not queued. */
+    ~ReplacementQueue();
+    ReplacementQueue(const ReplacementQueue&) = delete;
+    ReplacementQueue& operator=(const ReplacementQueue&) = delete;
+
+    /**
+     * Fills a buffer of one row of so many bytes and queues it. False when there is no buffer within a
+     * quarter of a second or the HAL refuses; status() then tells why.
+     */
+    bool send(uint32_t rowBytes, int64_t timestampNs,
+              const std::function<void(const android::sp<android::GraphicBuffer>&)>& fill);
+
+    android::status_t status() const { return mStatus; }
+
+  private:
+    bool dequeue(uint32_t rowBytes, int& slot);
+
+    android::sp<android::IGraphicBufferProducer> mProducer;
+    std::array<android::sp<android::GraphicBuffer>, android::BufferQueueDefs::NUM_BUFFER_SLOTS> mBuffers;
+    android::status_t mStatus = android::NO_ERROR;
+};
+
+}  // namespace vel::sim

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+class VelChiDesktopHelper;
+
+namespace vel::sim {
+
+/**
+ * A synthetic sensor: up to four streams of frames that go through image substitution, and a preview beside
+ * them on the application frame path. Prints what happens. execute() and the destructor from one thread.
+ */
+class FrameSensor {
+  public:
+    explicit FrameSensor(VelChiDesktopHelper* helper);
+    /** Ends frames that run. */
+    ~FrameSensor();
+
+    /** True for lines that execute() understands: those that begin with the word frames. */
+    static bool isCommand(const std::string& line);
+
+    /**
+     * "frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0] [input=FILE] [output=FILE] [sheet=FILE]"
+     * starts frames: it says that they are ready, waits until the application has configured them, and
+     * streams. Count 0 has no end but "frames end", which waits for it. An input gives stream 0 its pictures
+     * and the size; "-" is YUV4MPEG2 from the descriptor that setStream() gave. With an input or an output
+     * no frame is repeated or dropped. The last line tells how it ended: "frames ended: well", or the reason.
+     * False, said in an error line, when the line is not understood or frames run already.
+     */
+    bool execute(const std::string& line);
+
+    /** Ends the frames that run, and waits for it. */
+    void end();
+
+    /** Waits until the frames that run have ended by themselves. */
+    void waitUntilOver();
+
+    /** The descriptor behind the input "-"; -1 for none. It stays the caller's. */
+    void setStream(int fd) { mStreamFd = fd; }
+
+  private:
+    class Session;
+
+    VelChiDesktopHelper* const mHelper;
+    int mStreamFd = -1;
+    std::shared_ptr<Session> mSession;
+    std::thread mThread;
+};
+
+}  // namespace vel::sim

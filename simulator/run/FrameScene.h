@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "Recorder.h"
+
+namespace vel::sim {
+
+// What the frames of a run are made of, where they go, and what the application does to them.
+struct FrameOptions {
+    std::string input;  // a file, "-" for standard input, empty for two streams of test pictures
+    std::string output;
+    std::string effect = "tint";
+
+    // Throws std::invalid_argument, with one line, for what cannot be passed on to the programs.
+    void check() const;
+};
+
+/**
+ * Streams frames through image substitution for four seconds, or as long as the input lasts, prints what the
+ * programs say of it, and returns why it did not end well, in one line; empty when it did. An interrupted
+ * recorder ends it. isAlive: whether the camera server still runs.
+ */
+std::string playFrames(const FrameOptions& options, Recorder& recorder,
+                       const std::function<bool(const std::string& peer, const std::string& line)>& send,
+                       const std::function<bool()>& isAlive);
+
+}  // namespace vel::sim
