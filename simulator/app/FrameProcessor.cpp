@@ -183,7 +183,7 @@ class FrameProcessor::Substitution {
         while (mWaker->wait()) {
             BufferItem item;
             if (mQueue.consumer->acquireBuffer(&item, 0) != android::NO_ERROR) continue;
-            if (isToBeHeld(item)) {
+            if (mSetup.hold >= 0 && mReplaced >= static_cast<uint64_t>(mSetup.hold)) {
                 printLine("frames held");
                 while (mWaker->wait()) {
                 }
@@ -192,13 +192,6 @@ class FrameProcessor::Substitution {
             replace(item);
             mQueue.consumer->releaseBuffer(item);
         }
-    }
-
-    bool isToBeHeld(const BufferItem& item) const {
-        if (mSetup.hold < 0 || item.mGraphicBuffer->getWidth() != frameRowBytes(mSetup.size)) return false;
-        const MappedBuffer mapped(item.mGraphicBuffer, GraphicBuffer::USAGE_SW_READ_OFTEN);
-        return mapped.data() != nullptr &&
-               readFrameHeader(mapped.data(), mSetup.size).counter >= static_cast<uint32_t>(mSetup.hold);
     }
 
     void replace(const BufferItem& item) {

@@ -312,17 +312,17 @@ void FrameSensor::Session::report() {
 }
 
 void FrameSensor::Session::printTable() const {
-    printLine("stream   sent  in time  repeated   late  dropped  copies   p50 ms   p90 ms   p99 ms   max ms");
+    printLine("stream     sent  in time  repeated   late  dropped  copies   p50 ms   p90 ms   p99 ms   max ms");
     for (size_t index = 0; index < mStreams.size(); ++index) {
         const FrameCounts counts = mStreams[index]->counts();
         const LatencyStats& latency = mStreams[index]->latency();
-        printLine("%6zu %6" PRIu64 " %8" PRIu64 " %9" PRIu64 " %6" PRIu64 " %8" PRIu64 " %7" PRIu64
+        printLine("stream %zu %6" PRIu64 " %8" PRIu64 " %9" PRIu64 " %6" PRIu64 " %8" PRIu64 " %7" PRIu64
                   " %8.2f %8.2f %8.2f %8.2f",
                   index, counts.sent, counts.replaced, counts.repeated, counts.late, counts.dropped,
                   counts.copies, percentileMs(latency, 50), percentileMs(latency, 90),
                   percentileMs(latency, 99), static_cast<double>(latency.maxNs()) / 1e6);
     }
-    printLine("preview %6" PRIu64, mPreviewFrames.load());
+    printLine("preview  %6" PRIu64, mPreviewFrames.load());
 }
 
 void FrameSensor::Session::judge() {
