@@ -47,32 +47,6 @@ class FunctionCallback : public ICameraDesktopCallback {
     const Answer mAnswer;
 };
 
-// A surface that can be passed about and does nothing else.
-class IdleProducer : public android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer {
-    template <typename T>
-    using Return = android::hardware::Return<T>;
-    using hidl_handle = android::hardware::hidl_handle;
-    static android::hardware::Status refused() {
-        return android::hardware::Status::fromStatusT(android::INVALID_OPERATION);
-    }
-
-  public:
-    Return<void> requestBuffer(int32_t, requestBuffer_cb) override { return refused(); }
-    Return<int32_t> setMaxDequeuedBufferCount(int32_t) override { return refused(); }
-    Return<void> dequeueBuffer(uint32_t, uint32_t, android::hardware::graphics::common::V1_0::PixelFormat,
-                               uint32_t, bool, dequeueBuffer_cb) override {
-        return refused();
-    }
-    Return<void> queueBuffer(int32_t, const QueueBufferInput&, queueBuffer_cb) override { return refused(); }
-    Return<int32_t> cancelBuffer(int32_t, const hidl_handle&) override { return refused(); }
-    Return<void> connect(
-        const android::sp<android::hardware::graphics::bufferqueue::V1_0::IProducerListener>&, int32_t, bool,
-        connect_cb) override {
-        return refused();
-    }
-    Return<int32_t> disconnect(int32_t, DisconnectMode) override { return refused(); }
-};
-
 // A process of its own at the other end. It obeys the lines of its input and says what came of them:
 //
 //   find               "found" or "null"
