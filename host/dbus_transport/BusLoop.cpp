@@ -16,10 +16,12 @@ constexpr char kTag[] = "DesktopBus";
 class WaitedCall {
   public:
     void finish(CallStatus status) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mStatus = std::move(status);
-        mDone = true;
-        mFinished.notify_one();
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mStatus = std::move(status);
+            mDone = true;
+        }
+        mFinished.notify_one();  // without the lock, for which the woken thread would wait once more
     }
 
     CallStatus wait() {
@@ -90,9 +92,13 @@ void BusLoop::post(SessionId session, std::function<void(BusSession&)> work) {
 }
 
 void BusLoop::enqueue(Closure closure) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mClosures.push_back(std::move(closure));
-    wake();
+    bool isFirst;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        isFirst = mClosures.empty();
+        mClosures.push_back(std::move(closure));
+    }
+    if (isFirst) wake();  // whoever put the first one there wakes for all
 }
 
 void BusLoop::wake() {

@@ -15,9 +15,13 @@ constexpr auto kIdleLimit = std::chrono::seconds(10);
 }  // namespace
 
 void WorkerPool::post(Work work) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mQueue.push_back(std::move(work));
-    if (mQueue.size() <= mIdleWorkers) {
+    bool idleWorkerLeft;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mQueue.push_back(std::move(work));
+        idleWorkerLeft = mQueue.size() <= mIdleWorkers;
+    }
+    if (idleWorkerLeft) {
         mWorkAdded.notify_one();
         return;
     }
