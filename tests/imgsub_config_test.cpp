@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <gui/IGraphicBufferProducer.h>
 #include <hidl_host/LocalServices.h>
 
 #include <atomic>
@@ -142,8 +143,19 @@ TEST_F(AnImgSubConfiguration, EndsTheProcessWithACountThatTheMediaLibraryCannotL
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
     for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}})
         EXPECT_EQ(send(command({{"image-width", width}, {"image-height", height}})), accepted(96));
-    EXPECT_EQ(send(command({{"hal-consumer-usage", "-1"}})), accepted(460896));
     EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted(460896));
+}
+
+TEST_F(AnImgSubConfiguration, GivesTheReaderTheAskedUsageOrItsOwn) {
+    for (const auto& [asked, expected] : {std::pair{"-1", 3}, {"3", 3}, {"51", 51}}) {
+        EXPECT_EQ(send(command({{"hal-consumer-usage", asked}})), accepted(460896));
+        int32_t usage = 0;
+        const auto surface = service->surface(FakeDesktopService::ClientType::CLIENT_IMG_SUB);
+        EXPECT_TRUE(
+            surface->query(NATIVE_WINDOW_CONSUMER_USAGE_BITS, [&](int32_t, int32_t told) { usage = told; })
+                .isOk());
+        EXPECT_EQ(usage, expected);
+    }
 }
 
 TEST_F(AnImgSubConfiguration, EndsWithTheCloseOfADesktopCameraOnly) {
