@@ -113,22 +113,6 @@ std::optional<std::string> FakeDesktopService::sendToCallback(const std::string&
     return result;
 }
 
-Return<void> FakeDesktopService::reserved1() {
-    return Void();
-}
-
-Return<void> FakeDesktopService::reserved2() {
-    return Void();
-}
-
-Return<void> FakeDesktopService::reserved3() {
-    return Void();
-}
-
-Return<void> FakeDesktopService::reserved4() {
-    return Void();
-}
-
 Return<void> FakeDesktopService::registerCallback(ClientType type,
                                                   const sp<ICameraDesktopCallback>& callback) {
     record({Operation::REGISTER_CALLBACK, type, "", callback.get()});

@@ -65,10 +65,10 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
     std::optional<std::string> sendToCallback(const std::string& command,
                                               ClientType type = ClientType::CLIENT_CAMERA_HAL);
 
-    ::android::hardware::Return<void> reserved1() override;
-    ::android::hardware::Return<void> reserved2() override;
-    ::android::hardware::Return<void> reserved3() override;
-    ::android::hardware::Return<void> reserved4() override;
+    ::android::hardware::Return<void> reserved1() override { return {}; }
+    ::android::hardware::Return<void> reserved2() override { return {}; }
+    ::android::hardware::Return<void> reserved3() override { return {}; }
+    ::android::hardware::Return<void> reserved4() override { return {}; }
     ::android::hardware::Return<void> registerCallback(
         ClientType type, const ::android::sp<ICameraDesktopCallback>& callback) override;
     ::android::hardware::Return<void> sendCommand(ClientType type,

@@ -17,41 +17,6 @@ Answer takeOr(std::deque<Answer>& answers, const Answer& fallback) {
 
 }  // namespace
 
-void ScriptedProducer::onDequeue(const Dequeue& answer) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mDequeues.push_back(answer);
-}
-
-void ScriptedProducer::onRequest(const Request& answer) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mRequests.push_back(answer);
-}
-
-void ScriptedProducer::onQueue(status_t status) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mQueues.push_back(status);
-}
-
-void ScriptedProducer::onCancel(status_t status) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mCancels.push_back(status);
-}
-
-void ScriptedProducer::onConnect(status_t status) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mConnects.push_back(status);
-}
-
-void ScriptedProducer::onDisconnect(status_t status) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mDisconnects.push_back(status);
-}
-
-void ScriptedProducer::onSetMax(status_t status) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mSetMaxes.push_back(status);
-}
-
 void ScriptedProducer::whileDequeueing(std::function<void()> action) {
     std::lock_guard<std::mutex> lock(mLock);
     mWhileDequeueing = std::move(action);

@@ -27,13 +27,13 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
         QueueBufferInput input;
     };
 
-    void onDequeue(const Dequeue& answer);
-    void onRequest(const Request& answer);
-    void onQueue(android::status_t status);
-    void onCancel(android::status_t status);
-    void onConnect(android::status_t status);
-    void onDisconnect(android::status_t status);
-    void onSetMax(android::status_t status);
+    void onDequeue(const Dequeue& answer) { append(mDequeues, answer); }
+    void onRequest(const Request& answer) { append(mRequests, answer); }
+    void onQueue(android::status_t status) { append(mQueues, status); }
+    void onCancel(android::status_t status) { append(mCancels, status); }
+    void onConnect(android::status_t status) { append(mConnects, status); }
+    void onDisconnect(android::status_t status) { append(mDisconnects, status); }
+    void onSetMax(android::status_t status) { append(mSetMaxes, status); }
     // Runs inside every later dequeueBuffer, on the caller's thread and without this object's lock.
     void whileDequeueing(std::function<void()> action);
 
@@ -58,6 +58,11 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     android::status_t disconnect(int api, DisconnectMode mode) override;
 
   private:
+    template <typename Answer>
+    void append(std::deque<Answer>& answers, const Answer& answer) {
+        std::lock_guard<std::mutex> lock(mLock);
+        answers.push_back(answer);
+    }
     void recordLocked(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     mutable std::mutex mLock;  // guards every member below
