@@ -143,46 +143,7 @@ TEST_F(AMetadataHandler, ReplacesAFilterWholeEvenByAnUnusableList) {
     EXPECT_EQ(exported(result), "{}");
 }
 
-TEST_F(AMetadataHandler, EndsNamesAtTheirFirstNul) {
-    CameraMetadata buffer = makeMetadata(1, 0);
-    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {1});
-    Capture result(std::move(buffer));
-    setResults(R"(["android.control.aeMode\u0000x"])");
-    import(result, R"({"android.control.aeMode\u0000y":[2]})");
-    EXPECT_EQ(exported(result), R"({"android.control.aeMode":[2]})");
-}
-
 // --- Export ---
-
-TEST_F(AMetadataHandler, ExportsEachTypeInItsJsonForm) {
-    VendorTags vendor(kVendorSection, {{"MaxStreamSize", TYPE_INT32}});
-    handler.setVendorTagCallback(
-        [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
-    CameraMetadata buffer = makeMetadata(8, 256);
-    addValues<uint8_t>(buffer.get(), ANDROID_CONTROL_AE_MODE, {0, 255});
-    addValues<int32_t>(buffer.get(), ANDROID_CONTROL_AE_REGIONS, {INT32_MIN, INT32_MAX});
-    addValues<float>(buffer.get(), ANDROID_LENS_FOCUS_DISTANCE, {0.1f, -0.5f, 0.0f});
-    addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {INT64_MIN, INT64_MAX});
-    addValues<double>(buffer.get(), ANDROID_JPEG_GPS_COORDINATES, {0.1, -1e300});
-    addValues<camera_metadata_rational_t>(buffer.get(), ANDROID_CONTROL_AE_COMPENSATION_STEP,
-                                          {{1, -3}, {7, 0}});
-    addValues<int32_t>(buffer.get(), kFirstVendorTag, {4000, 3000});
-    Capture result(std::move(buffer));
-
-    const struct {
-        std::string name, array;
-    } cases[] = {{"android.control.aeMode", "[0,255]"},
-                 {"android.control.aeRegions", "[-2147483648,2147483647]"},
-                 {"android.lens.focusDistance", "[0.10000000149011612,-0.5,0.0]"},
-                 {"android.sensor.timestamp", "[-9223372036854775808,9223372036854775807]"},
-                 {"android.jpeg.gpsCoordinates", "[0.1,-1e300]"},
-                 {"android.control.aeCompensationStep", "[[1,-3],[7,0]]"},
-                 {std::string(kVendorSection) + ".MaxStreamSize", "[4000,3000]"}};
-    for (const auto& c : cases) {
-        setResults("[\"" + c.name + "\"]");
-        EXPECT_EQ(exported(result), "{\"" + c.name + "\":" + c.array + "}");
-    }
-}
 
 TEST_F(AMetadataHandler, ExportsNothingFromAMissingBuffer) {
     setResults(R"(["android.control.aeMode"])");
@@ -226,44 +187,37 @@ TEST_F(AMetadataHandler, LeavesOutAnEntryNarrowerThanItsTag) {
 
 // --- Import ---
 
-TEST_F(AMetadataHandler, StoresEachTypeInItsWidth) {
-    Capture result;
-    import(result, R"({"android.control.aeMode":[0,255,300,-1,3000000000,18446744073709551615],
-                       "android.control.aeRegions":[-2147483648,2147483647],
-                       "android.lens.focusDistance":[1,0.1,1e300,-1e300,3.4028235e38,1e-60],
-                       "android.sensor.timestamp":[-9223372036854775808,9223372036854775807],
-                       "android.jpeg.gpsCoordinates":[1,-0.1,18446744073709551615],
-                       "android.control.aeCompensationStep":[[1,-3],[-2147483648,2147483647]]})");
-    EXPECT_THAT(logged(), IsEmpty());
-    const camera_metadata_t* buffer = result.current;
-    EXPECT_THAT(valuesOf<uint8_t>(buffer, ANDROID_CONTROL_AE_MODE), ElementsAre(0, 255, 44, 255, 0, 255));
-    EXPECT_THAT(valuesOf<int32_t>(buffer, ANDROID_CONTROL_AE_REGIONS), ElementsAre(INT32_MIN, INT32_MAX));
-    EXPECT_THAT(valuesOf<float>(buffer, ANDROID_LENS_FOCUS_DISTANCE),
-                ElementsAre(1.0f, 0.1f, HUGE_VALF, -HUGE_VALF, FLT_MAX, 0.0f));
-    EXPECT_THAT(valuesOf<int64_t>(buffer, ANDROID_SENSOR_TIMESTAMP), ElementsAre(INT64_MIN, INT64_MAX));
-    EXPECT_THAT(valuesOf<double>(buffer, ANDROID_JPEG_GPS_COORDINATES),
-                ElementsAre(1.0, -0.1, 18446744073709551615.0));
-    EXPECT_THAT(
-        valuesOf<camera_metadata_rational_t>(buffer, ANDROID_CONTROL_AE_COMPENSATION_STEP),
-        ElementsAre(camera_metadata_rational_t{1, -3}, camera_metadata_rational_t{INT32_MIN, INT32_MAX}));
-}
-
-TEST_F(AMetadataHandler, GivesBackWhatWasImportedWhateverTheLength) {
+TEST_F(AMetadataHandler, ImportsAndExportsEachTypeInItsJsonForm) {
+    VendorTags vendor(kVendorSection, {{"MaxStreamSize", TYPE_INT32}});
+    handler.setVendorTagCallback(
+        [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
     const struct {
-        const char *name, *element;
-    } types[] = {{"android.control.aeMode", "200"},         {"android.control.aeRegions", "-5"},
-                 {"android.lens.focusDistance", "0.25"},    {"android.sensor.timestamp", "-1234567890123"},
-                 {"android.jpeg.gpsCoordinates", "1e-300"}, {"android.control.aeCompensationStep", "[2,-6]"}};
-    for (const auto& type : types) {
-        for (size_t count : {1, 4, 32, 33, 100000}) {
-            const std::string object =
-                std::string("{\"") + type.name + "\":" + arrayOf(count, type.element) + "}";
-            Capture result;
-            import(result, object);
-            setResults(std::string("[\"") + type.name + "\"]");
-            EXPECT_TRUE(exported(result) == object) << count << " values of " << type.name << " changed";
-        }
+        std::string name, imported, exported;
+    } cases[] = {
+        {"android.control.aeMode", "[0,255,300,-1,18446744073709551615]", "[0,255,44,255,255]"},
+        {"android.control.aeRegions", "[-2147483648,2147483647]", "[-2147483648,2147483647]"},
+        {"android.control.aeRegions", arrayOf(32, "-5"), arrayOf(32, "-5")},
+        {"android.sensor.timestamp", arrayOf(33, "-1234567890123"), arrayOf(33, "-1234567890123")},
+        {"android.sensor.timestamp", "[-9223372036854775808,9223372036854775807]",
+         "[-9223372036854775808,9223372036854775807]"},
+        {"android.lens.focusDistance", "[1,0.1,-0.5,1e-60]", "[1.0,0.10000000149011612,-0.5,0.0]"},
+        {"android.jpeg.gpsCoordinates", "[1,0.1,-1e300]", "[1.0,0.1,-1e300]"},
+        {"android.control.aeCompensationStep", "[[1,-3],[-2147483648,0]]", "[[1,-3],[-2147483648,0]]"},
+        {"android.control.aeCompensationStep", "[]", "[]"},
+        {std::string(kVendorSection) + ".MaxStreamSize", "[4000,3000]", "[4000,3000]"}};
+    for (const auto& c : cases) {
+        setResults("[\"" + c.name + "\"]");
+        Capture result;
+        import(result, "{\"" + c.name + "\":" + c.imported + "}");
+        EXPECT_EQ(exported(result), "{\"" + c.name + "\":" + c.exported + "}");
     }
+    Capture result;
+    import(result, R"({"android.lens.focusDistance":[1e300,-1e300,3.4028235e38],
+                       "android.control.aeCompensationStep":[[1,-3]]})");
+    EXPECT_THAT(valuesOf<float>(result.current, ANDROID_LENS_FOCUS_DISTANCE),
+                ElementsAre(HUGE_VALF, -HUGE_VALF, FLT_MAX));
+    EXPECT_THAT(valuesOf<camera_metadata_rational_t>(result.current, ANDROID_CONTROL_AE_COMPENSATION_STEP),
+                ElementsAre(camera_metadata_rational_t{1, -3}));
     EXPECT_THAT(logged(), IsEmpty());
 }
 
@@ -311,25 +265,17 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
     EXPECT_THAT(valuesOf<uint8_t>(result.current, ANDROID_CONTROL_AF_MODE), ElementsAre(3));
 }
 
-TEST_F(AMetadataHandler, ImportsEmptyArraysAsZeroValuesOfAnyType) {
-    Capture result;
-    import(result, R"({"android.control.aeMode":[],"android.control.aeCompensationStep":[]})");
-    EXPECT_THAT(logged(), IsEmpty());
-    EXPECT_TRUE(hasTag(result.current, ANDROID_CONTROL_AE_MODE));
-    EXPECT_TRUE(hasTag(result.current, ANDROID_CONTROL_AE_COMPENSATION_STEP));
-}
-
 // --- Broken contracts ---
 
 // No LogCapture here: the child process must reach the real log.
 TEST(AMetadataHandlerInAnyBuild, EndsTheProcessOnElementsOfTheWrongKind) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const char* text :
-         {"[]", "null", "5", R"("x")", R"({"android.control.aeMode":[1.0]})",
-          R"({"android.control.aeMode":["1"]})", R"({"android.control.aeRegions":["1"]})",
-          R"({"android.control.aeRegions":[2147483648]})", R"({"android.control.aeRegions":[1.5]})",
-          R"({"android.sensor.timestamp":[9223372036854775808]})", R"({"android.sensor.timestamp":[1.0]})",
-          R"({"android.lens.focusDistance":[null]})", R"({"android.jpeg.gpsCoordinates":[true]})",
+         {"[]", R"({"android.control.aeMode":[1.0]})", R"({"android.control.aeMode":["1"]})",
+          R"({"android.control.aeRegions":["1"]})", R"({"android.control.aeRegions":[2147483648]})",
+          R"({"android.control.aeRegions":[1.5]})", R"({"android.sensor.timestamp":[9223372036854775808]})",
+          R"({"android.sensor.timestamp":[1.0]})", R"({"android.lens.focusDistance":[null]})",
+          R"({"android.jpeg.gpsCoordinates":[true]})",
           R"({"android.control.aeCompensationStep":[[1,2.0]]})"}) {
         JsonMessage message;
         ASSERT_TRUE(message.parse(text));
