@@ -252,6 +252,17 @@ struct MergeRow {
     const char* merged;
 };
 
+TEST(JsonUtilsText, EveryByteIsWrittenAsTheDefaultWriterDoes) {
+    for (int byte = 0; byte < 256; ++byte) {
+        const std::string text = {'a', static_cast<char>(byte), 'b'};
+        const rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+        rapidjson::StringBuffer expected;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(expected);
+        ASSERT_TRUE(value.Accept(writer));
+        EXPECT_EQ(JsonUtils::toString(value), expected.GetString()) << byte;
+    }
+}
+
 TEST(JsonUtilsMerge, MergesObjectsAndReplacesTheRest) {
     const MergeRow rows[] = {
         {R"({"x":{"y":1},"z":[1]})", R"({"x":{"w":2},"z":[9,9]})", R"({"x":{"w":2,"y":1},"z":[1]})"},
