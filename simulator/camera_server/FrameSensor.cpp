@@ -167,8 +167,8 @@ void FrameSensor::Session::run() {
     mOutput.reset();
     std::lock_guard<std::mutex> lock(mLock);
     mInput.reset();
+    mIsOver = true;  // first: who reads the line may start the next frames
     printLine("frames ended: %s", mProblem.empty() ? "well" : mProblem.c_str());
-    mIsOver = true;
 }
 
 void FrameSensor::Session::stop() {
@@ -312,7 +312,8 @@ void FrameSensor::Session::report() {
 }
 
 void FrameSensor::Session::printTable() const {
-    printLine("stream     sent  in time  repeated   late  dropped  copies   p50 ms   p90 ms   p99 ms   max ms");
+    printLine(
+        "stream     sent  in time  repeated   late  dropped  copies   p50 ms   p90 ms   p99 ms   max ms");
     for (size_t index = 0; index < mStreams.size(); ++index) {
         const FrameCounts counts = mStreams[index]->counts();
         const LatencyStats& latency = mStreams[index]->latency();

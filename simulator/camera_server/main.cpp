@@ -87,11 +87,10 @@ int main(int argc, char** argv) {
 
     std::thread input(readInput, std::ref(tasks), std::ref(server), std::ref(sensor));
     std::atomic<bool> isSignalled{false};
-    std::thread([&] {
-        signals.wait();
+    const vel::sim::EndSignalWatcher watcher(signals, [&] {
         isSignalled = true;
         tasks.finish();
-    }).detach();
+    });
     tasks.run();
     sensor.end();
     if (isSignalled) std::_Exit(1);  // nothing wakes the thread that reads the input

@@ -35,7 +35,7 @@ FieldList::FieldList(const std::string& text) {
             line.get();
             mFields[name] = readValue(line);
         } else {
-            mWords[mWords.size()] = name;
+            mWords.push_back(name);
         }
         if (name.empty()) refuse(text);
     }
@@ -43,12 +43,11 @@ FieldList::FieldList(const std::string& text) {
 
 const std::string& FieldList::word(size_t index) const {
     static const std::string none;
-    const auto found = mWords.find(index);
-    return found == mWords.end() ? none : found->second;
+    return index < mWords.size() ? mWords[index] : none;
 }
 
 std::string FieldList::text(const std::string& name, const std::string& fallback) {
-    mAsked[name] = true;
+    mAsked.insert(name);
     const auto found = mFields.find(name);
     return found == mFields.end() ? fallback : found->second;
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace vel::sim {
 
@@ -13,7 +15,7 @@ class FieldList {
   public:
     explicit FieldList(const std::string& line);
 
-    /** The words before the first field, the verb first. */
+    /** One of the plain words, the verb first; empty when there are fewer. */
     const std::string& word(size_t index) const;
 
     /** A field's text, or the fallback when it is not given. */
@@ -30,9 +32,9 @@ class FieldList {
     static std::string quoted(const std::string& text);
 
   private:
-    std::map<size_t, std::string> mWords;
+    std::vector<std::string> mWords;
     std::map<std::string, std::string> mFields;
-    std::map<std::string, bool> mAsked;
+    std::set<std::string> mAsked;
 };
 
 }  // namespace vel::sim

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "Timeline.h"
@@ -58,6 +59,19 @@ EndSignals::EndSignals() {
 void EndSignals::wait() {
     int signal = 0;
     sigwait(&mSignals, &signal);
+}
+
+EndSignalWatcher::EndSignalWatcher(EndSignals& signals, std::function<void()> onSignal)
+    : mThread([this, &signals, onSignal = std::move(onSignal)] {
+          signals.wait();
+          if (!mStopping) onSignal();
+      }) {}
+
+// A signal to the thread itself wakes it.
+EndSignalWatcher::~EndSignalWatcher() {
+    mStopping = true;
+    pthread_kill(mThread.native_handle(), SIGTERM);
+    mThread.join();
 }
 
 }  // namespace vel::sim

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <csignal>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace vel::sim {
 
@@ -40,6 +43,19 @@ class EndSignals {
 
   private:
     sigset_t mSignals;
+};
+
+/** Calls a function once, when one of the signals arrives, on a thread that ends with this object. */
+class EndSignalWatcher {
+  public:
+    EndSignalWatcher(EndSignals& signals, std::function<void()> onSignal);
+    ~EndSignalWatcher();
+    EndSignalWatcher(const EndSignalWatcher&) = delete;
+    EndSignalWatcher& operator=(const EndSignalWatcher&) = delete;
+
+  private:
+    std::atomic<bool> mStopping{false};
+    std::thread mThread;
 };
 
 }  // namespace vel::sim

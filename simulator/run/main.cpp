@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <exception>
 #include <string>
-#include <thread>
 
 #include "CameraSwitch.h"
 #include "FrameScene.h"
@@ -83,10 +82,7 @@ int main(int argc, char** argv) {
 
     vel::sim::EndSignals signals;
     Recorder recorder;
-    std::thread([&] {
-        signals.wait();
-        recorder.interrupt();
-    }).detach();
+    const vel::sim::EndSignalWatcher watcher(signals, [&] { recorder.interrupt(); });
     try {
         frames.check();
         return run(directory, frames, recorder);
