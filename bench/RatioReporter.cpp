@@ -10,6 +10,11 @@ std::vector<Aim>& aims() {
     return all;
 }
 
+std::vector<FigureTable>& tables() {
+    static std::vector<FigureTable> all;
+    return all;
+}
+
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     const size_t middle = values.size() / 2;
@@ -27,8 +32,13 @@ void addAim(const Aim& aim) {
     aims().push_back(aim);
 }
 
+void addTable(const FigureTable& table) {
+    tables().push_back(table);
+}
+
 void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
     for (const Run& run : runs) {
+        if (run.error_occurred) mSkipped[plainName(run)] = run.error_message;
         if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
         auto& figures = mFigures[plainName(run)];
         figures["real"].push_back(run.GetAdjustedRealTime());
@@ -42,8 +52,8 @@ int RatioReporter::printRatios() const {
     int above = 0;
     std::printf("\n%-28s %-8s %12s %12s %8s %8s\n", "subject", "figure", "product", "floor", "ratio", "aim");
     for (const Aim& aim : aims()) {
-        const auto product = mFigures.find(aim.subject + "/product");
-        const auto floor = mFigures.find(aim.subject + "/floor");
+        const auto product = mFigures.find(aim.subject + "/" + aim.product);
+        const auto floor = mFigures.find(aim.subject + "/" + aim.floor);
         if (product == mFigures.end() || floor == mFigures.end()) continue;
         const double ours = median(product->second.at(aim.figure));
         const double theirs = median(floor->second.at(aim.figure));
@@ -63,4 +73,31 @@ void RatioReporter::printAllocations() const {
         std::printf("%-48s %12.1f %12.1f\n", name.c_str(), median(figures.at("cpu")),
                     median(allocations->second));
     }
+}
+
+void RatioReporter::printTables() const {
+    for (const FigureTable& table : tables()) {
+        const auto first = mFigures.lower_bound(table.subject + "/");
+        if (first == mFigures.end() || first->first.rfind(table.subject + "/", 0) != 0) continue;
+        std::printf("\n%-48s", table.subject.c_str());
+        for (const std::string& column : table.columns)
+            std::printf(" %10s", column.c_str());
+        std::printf("\n");
+        for (const FigureTable::Row& row : table.rows)
+            printRow(table, row);
+    }
+    for (const auto& [name, reason] : mSkipped)
+        std::printf("skipped: %s: %s\n", name.c_str(), reason.c_str());
+}
+
+void RatioReporter::printRow(const FigureTable& table, const FigureTable::Row& row) const {
+    std::printf("%-48s", row.label.c_str());
+    for (const std::string& column : table.columns) {
+        const auto figures = mFigures.find(table.subject + "/" + row.name + " " + column);
+        if (figures == mFigures.end())
+            std::printf(" %10s", "-");
+        else
+            std::printf(" %10.1f", median(figures->second.at(row.figure)));
+    }
+    std::printf("\n");
 }

@@ -11,10 +11,26 @@ struct Aim {
     std::string subject;  // benchmarks "<subject>/product" and "<subject>/floor"
     std::string figure;   // "real" or "cpu" time, or the name of a counter
     double ratio;
+    std::string product = "product";  // other endings of the two names
+    std::string floor = "floor";
+};
+
+// Figures side by side, without an aim: benchmarks "<subject>/<row's name> <column>".
+struct FigureTable {
+    struct Row {
+        std::string label;
+        std::string name;
+        std::string figure;
+    };
+    std::string subject;
+    std::vector<std::string> columns;
+    std::vector<Row> rows;
 };
 
 // Says what to compare; called by each subject's file before the benchmarks run.
 void addAim(const Aim& aim);
+// Says what to print; likewise.
+void addTable(const FigureTable& table);
 
 // Prints each benchmark as it ends, and at the end a table of the ratios beside their aims. Times are medians
 // over the repetitions.
@@ -26,8 +42,13 @@ class RatioReporter : public benchmark::BenchmarkReporter {
     int printRatios() const;
     // Prints a table of the benchmarks that count heap allocations, in the order of their names.
     void printAllocations() const;
+    // Prints the tables of figures that were measured, and why a benchmark was skipped.
+    void printTables() const;
 
   private:
+    void printRow(const FigureTable& table, const FigureTable::Row& row) const;
+
     // By benchmark name, then by figure: one value a repetition.
     std::map<std::string, std::map<std::string, std::vector<double>>> mFigures;
+    std::map<std::string, std::string> mSkipped;  // reasons by benchmark name
 };

@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const int above = reporter.printRatios();
     reporter.printAllocations();
+    reporter.printTables();
     if (above > 0) std::printf("\n%d above their aims\n", above);
     return 0;
 }

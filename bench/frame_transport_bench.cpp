@@ -1,0 +1,223 @@
+// A frame lent and queued on the queue of an application in another process, by the size of the frame, beside
+// a copy of such a frame into shared memory and beside the same frames through GStreamer's shared memory
+// elements. 4:2:0 pictures.
+
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "Percentiles.h"
+#include "RatioReporter.h"
+#include "ServicePeers.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using vel::sim::ChildProcess;
+
+const std::string kSubject = "us a frame between processes";
+constexpr size_t kCopySlots = 6;  // as many as the frame path may hold
+constexpr size_t kGstreamerSlots = 16;
+constexpr int kGstreamerStartFrames = 50;
+constexpr std::chrono::seconds kGstreamerLimit{6};
+
+struct Size {
+    const char* name;
+    uint32_t width;
+    uint32_t height;
+    int gstreamerFrames;
+
+    size_t bytes() const { return size_t{width} * height * 3 / 2; }
+};
+constexpr Size kSizes[] = {
+    {"640x480", 640, 480, 2000}, {"1920x1080", 1920, 1080, 1500}, {"3840x2160", 3840, 2160, 400}};
+
+// --- Processor time ---
+
+double secondsOf(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+}
+
+double secondsOf(int who) {
+    rusage usage = {};
+    getrusage(who, &usage);
+    return secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime);
+}
+
+// Of this process and of every child that it ever had.
+double cpuSeconds() {
+    double sum = secondsOf(RUSAGE_SELF) + secondsOf(RUSAGE_CHILDREN);
+    for (const fs::directory_entry& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t child = 0; children >> child;) {
+            clockid_t clock;
+            timespec time = {};
+            if (clock_getcpuclockid(child, &clock) == 0 && clock_gettime(clock, &time) == 0)
+                sum += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+        }
+    }
+    return sum;
+}
+
+// --- The product and the copy ---
+
+void lend(benchmark::State& state, const Size& size) {
+    VelChiDesktopHelper& helper = ServicePeers::get().helper();
+    const auto frame = [&] {
+        if (helper.getFrameToFill() == nullptr) state.SkipWithError("no frame was lent");
+        helper.queueFilledFrame(0);
+    };
+    if (!helper.connectProducer(size.width, size.height, HAL_PIXEL_FORMAT_YCBCR_420_888))
+        return state.SkipWithError("no connection to the queue");
+    for (int i = 0; i < 16; ++i)  // until every slot has a buffer of the size
+        frame();
+    const double before = cpuSeconds();
+    measureEach(state, frame);
+    state.counters["cpu_us"] = (cpuSeconds() - before) * 1e6 / static_cast<double>(state.iterations());
+}
+
+void copy(benchmark::State& state, const Size& size) {
+    const std::vector<uint8_t> picture(size.bytes(), 16);
+    const size_t bytes = size.bytes() * kCopySlots;
+    void* const memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return state.SkipWithError("no shared memory");
+    std::memset(memory, 1, bytes);
+    size_t slot = 0;
+    measureEach(state, [&] {
+        std::memcpy(static_cast<uint8_t*>(memory) + slot * size.bytes(), picture.data(), size.bytes());
+        slot = (slot + 1) % kCopySlots;
+    });
+    munmap(memory, bytes);
+}
+
+// --- GStreamer ---
+
+// The sending end in a directory of its own; both go with this object. Its sink copies each frame: when the
+// source writes into the shared memory, the sink often waits for ever.
+class GstreamerSender {
+  public:
+    explicit GstreamerSender(const Size& size) {
+        char directory[] = "/tmp/vel-bench-XXXXXX";
+        if (mkdtemp(directory) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
+        mDirectory = directory;
+        try {
+            mChild = launch({"fakesrc", "sizetype=fixed", "sizemax=" + std::to_string(size.bytes()), "!",
+                             "shmsink", "socket-path=" + socket(),
+                             "shm-size=" + std::to_string(size.bytes() * kGstreamerSlots),
+                             "wait-for-connection=true", "sync=false"});
+        } catch (const std::exception&) {
+            fs::remove(mDirectory);
+            throw;
+        }
+    }
+    ~GstreamerSender() {
+        end();
+        std::error_code ignored;
+        fs::remove_all(mDirectory, ignored);
+    }
+
+    // Starts the receiving end; it ends after so many frames.
+    std::unique_ptr<ChildProcess> startReceiver(int frames) const {
+        const auto limit = std::chrono::steady_clock::now() + kGstreamerLimit;
+        while (!fs::exists(socket()) && std::chrono::steady_clock::now() < limit)
+            usleep(1000);
+        return launch({"shmsrc", "socket-path=" + socket(), "num-buffers=" + std::to_string(frames), "!",
+                       "fakesink", "sync=false"});
+    }
+
+  private:
+    std::string socket() const { return mDirectory + "/frames"; }
+
+    static std::unique_ptr<ChildProcess> launch(std::vector<std::string> elements) {
+        ChildProcess::Options options;
+        options.command = std::move(elements);
+        options.command.insert(options.command.begin(), {"gst-launch-1.0", "-q"});
+        return std::make_unique<ChildProcess>(std::move(options));
+    }
+
+    // Asked to end it gives its shared memory back; killed it does not.
+    void end() {
+        mChild->kill(SIGINT);
+        if (mChild->wait(std::chrono::seconds(2))) return;
+        mChild->kill(SIGKILL);
+        (void)mChild->wait();
+        const std::string pid = std::to_string(mChild->pid());
+        std::error_code ignored;
+        for (const fs::directory_entry& file : fs::directory_iterator("/dev/shm", ignored)) {
+            const std::string name = file.path().filename();
+            if (name.rfind("shmpipe.", 0) == 0 && name.find(pid) != std::string::npos)
+                fs::remove(file.path(), ignored);
+        }
+    }
+
+    std::string mDirectory;
+    std::unique_ptr<ChildProcess> mChild;
+};
+
+struct Cost {
+    double seconds = 0;
+    double cpuSeconds = 0;
+};
+
+// What so many frames cost with the start of the receiving end.
+Cost receive(const Size& size, int frames) {
+    const GstreamerSender sender(size);
+    const auto start = std::chrono::steady_clock::now();
+    const double cpuBefore = cpuSeconds();
+    if (sender.startReceiver(frames)->wait(kGstreamerLimit) != 0)
+        throw std::runtime_error("it hung or failed");
+    return Cost{std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+                cpuSeconds() - cpuBefore};
+}
+
+// The difference of a long and a short run, so that the start of the programs does not count.
+void gstreamer(benchmark::State& state, const Size& size) {
+    try {
+        const Cost few = receive(size, kGstreamerStartFrames);
+        const Cost many = receive(size, kGstreamerStartFrames + size.gstreamerFrames);
+        for (auto _ : state)
+            state.SetIterationTime((many.seconds - few.seconds) / size.gstreamerFrames);
+        state.counters["cpu_us"] = (many.cpuSeconds - few.cpuSeconds) * 1e6 / size.gstreamerFrames;
+    } catch (const std::exception& error) {
+        state.SkipWithError(error.what());
+    }
+}
+
+bool registerAll() {
+    std::vector<std::string> sizes;
+    for (const Size& size : kSizes) {
+        const auto add = [&size](const std::string& name, void (*run)(benchmark::State&, const Size&)) {
+            return benchmark::RegisterBenchmark((kSubject + "/" + name + " " + size.name).c_str(), run, size)
+                ->Unit(benchmark::kMicrosecond);
+        };
+        add("lent", lend)->Iterations(1000)->UseRealTime();
+        add("memcpy", copy)->Iterations(200)->UseRealTime();
+        add("GStreamer", gstreamer)->Iterations(1)->Repetitions(3)->UseManualTime();
+        sizes.emplace_back(size.name);
+    }
+    addAim({kSubject, "p50_us", 1.1, "lent 3840x2160", "lent 640x480"});
+    addTable({kSubject,
+              sizes,
+              {{"lent and queued, median", "lent", "p50_us"},
+               {"lent and queued, 99th percentile", "lent", "p99_us"},
+               {"lent and queued, CPU of all processes", "lent", "cpu_us"},
+               {"memcpy into shared memory, median", "memcpy", "p50_us"},
+               {"GStreamer with a copy, elapsed", "GStreamer", "real"},
+               {"GStreamer with a copy, CPU of all processes", "GStreamer", "cpu_us"}}});
+    return true;
+}
+
+const bool kRegistered = registerAll();
+
+}  // namespace
