@@ -154,7 +154,7 @@ size_t residentKib(pid_t pid) {
 TEST_F(FramesBetweenProcesses, StartAndStopInChangingSizesWithoutGrowth) {
     constexpr int kWarmUp = 6;
     constexpr int kRounds = 50;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VEL_SANITIZED
     constexpr size_t kMaxGrowthKib = SIZE_MAX / 2;  // the sanitizer keeps freed memory
 #else
     constexpr size_t kMaxGrowthKib = 8 * 1024;

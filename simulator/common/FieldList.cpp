@@ -13,6 +13,10 @@ namespace {
     throw std::invalid_argument("not understood: " + what);
 }
 
+[[noreturn]] void refuse(const std::string& name, const std::string& value) {
+    refuse(name + "=" + value);
+}
+
 // The value of a field: up to the next white space, or between quotes.
 std::string readValue(std::istringstream& line) {
     std::string value;
@@ -58,7 +62,7 @@ int FieldList::number(const std::string& name, int fallback, int least, int most
     int number = 0;
     char rest = 0;
     const bool isNumber = std::sscanf(value.c_str(), "%d%c", &number, &rest) == 1;
-    if (!isNumber || number < least || number > most) refuse(name + "=" + value);
+    if (!isNumber || number < least || number > most) refuse(name, value);
     return number;
 }
 
@@ -67,8 +71,7 @@ bool FieldList::pair(const std::string& name, int& first, int& second) {
     if (value.empty()) return false;
     int numbers[2] = {};
     char rest = 0;
-    if (std::sscanf(value.c_str(), "%dx%d%c", &numbers[0], &numbers[1], &rest) != 2)
-        refuse(name + "=" + value);
+    if (std::sscanf(value.c_str(), "%dx%d%c", &numbers[0], &numbers[1], &rest) != 2) refuse(name, value);
     first = numbers[0];
     second = numbers[1];
     return true;
@@ -76,7 +79,7 @@ bool FieldList::pair(const std::string& name, int& first, int& second) {
 
 void FieldList::rejectOthers() const {
     for (const auto& [name, value] : mFields) {
-        if (mAsked.count(name) == 0) refuse(name + "=" + value);
+        if (mAsked.count(name) == 0) refuse(name, value);
     }
 }
 
