@@ -1,6 +1,6 @@
 #include "BusSession.h"
 
-#include <sdbus-c++/sdbus-c++.h>
+#include <algorithm>
 
 #include "BusEvents.h"
 #include "DesktopBusNames.h"
@@ -39,31 +39,42 @@ void BusSession::addObject(const std::string& path, const std::function<void(sdb
 }
 
 void BusSession::removeObject(const std::string& path) {
-    mObjects.erase(path);
+    mRetired.insert(path);
+    removeIfUnused(path);
+}
+
+// A call refers to its object's table of methods until it is answered: sd-bus reads the reply's form there.
+void BusSession::removeIfUnused(const std::string& path) {
+    const bool isCalled = std::any_of(mParked.begin(), mParked.end(),
+                                      [&](const auto& parked) { return parked.second.path == path; });
+    if (!isCalled && mRetired.erase(path) != 0) mObjects.erase(path);
 }
 
 BusSession::Ticket BusSession::park(const sdbus::MethodCall& call) {
     const Ticket ticket = mNextTicket++;
-    mParked.emplace(ticket, call);
+    mParked.emplace(ticket, Parked{call.getPath(), call});
     return ticket;
 }
 
 void BusSession::answer(Ticket ticket, const std::function<void(sdbus::MethodReply&)>& writeReply) {
-    const sdbus::MethodCall call = takeParked(ticket);
+    const Parked parked = takeParked(ticket);
     try {
-        sdbus::MethodReply reply = call.createReply();
+        sdbus::MethodReply reply = parked.call.createReply();
         writeReply(reply);
         reply.send();
     } catch (const sdbus::Error& error) {
-        call.createErrorReply(error).send();
+        parked.call.createErrorReply(error).send();
     }
+    removeIfUnused(parked.path);
 }
 
 void BusSession::refuse(Ticket ticket, const std::string& errorName, const std::string& errorText) {
-    takeParked(ticket).createErrorReply(sdbus::Error(errorName, errorText)).send();
+    const Parked parked = takeParked(ticket);
+    parked.call.createErrorReply(sdbus::Error(errorName, errorText)).send();
+    removeIfUnused(parked.path);
 }
 
-sdbus::MethodCall BusSession::takeParked(Ticket ticket) {
+BusSession::Parked BusSession::takeParked(Ticket ticket) {
     return std::move(mParked.extract(ticket).mapped());
 }
 

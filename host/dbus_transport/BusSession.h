@@ -1,19 +1,15 @@
 #pragma once
 
+#include <sdbus-c++/sdbus-c++.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "AsyncCalls.h"
-
-namespace sdbus {
-class IConnection;
-class IObject;
-class MethodCall;
-class MethodReply;
-}  // namespace sdbus
 
 namespace vel::host {
 
@@ -38,7 +34,8 @@ class BusSession {
     // the connection has ended.
     void processOrWait(int descriptor);
 
-    // An object at the path, for addMethods to fill, until removeObject(). Throws sdbus::Error.
+    // An object at the path, for addMethods to fill, until removeObject(); it stays while a call to it is
+    // parked. Throws sdbus::Error.
     void addObject(const std::string& path, const std::function<void(sdbus::IObject&)>& addMethods);
     void removeObject(const std::string& path);
 
@@ -50,15 +47,22 @@ class BusSession {
     void refuse(Ticket ticket, const std::string& errorName, const std::string& errorText);
 
   private:
-    sdbus::MethodCall takeParked(Ticket ticket);
+    struct Parked {
+        std::string path;
+        sdbus::MethodCall call;
+    };
+
+    Parked takeParked(Ticket ticket);
+    void removeIfUnused(const std::string& path);
 
     const SessionId mId;
     const std::unique_ptr<sdbus::IConnection> mConnection;
     std::string mUniqueName;
     std::unique_ptr<desktop_bus::AsyncCalls> mCalls;
     std::map<std::string, std::unique_ptr<sdbus::IObject>> mObjects;  // by path
+    std::set<std::string> mRetired;  // paths whose objects go with their last parked call
     Ticket mNextTicket = 0;
-    std::map<Ticket, sdbus::MethodCall> mParked;
+    std::map<Ticket, Parked> mParked;  // below the objects, which it refers to
 };
 
 }  // namespace vel::host
