@@ -1,5 +1,5 @@
-// The process-wide instance: its construction under many threads and under commands that arrive meanwhile, and its
-// destruction while a detached thread lives. Each case is a process of its own.
+// The process-wide instance: its construction under many threads and under commands that arrive meanwhile,
+// and its destruction while a detached thread lives. Each case is a process of its own.
 
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
@@ -20,8 +20,8 @@ namespace {
 
 constexpr int kThreads = 16;
 
-// Sends a command to the HAL from inside the registration, as an eager peer would, on the thread that registers
-// and on another one, and takes the instance as code inside a command does.
+// Sends a command to the HAL from inside the registration, as an eager peer would, on the thread that
+// registers and on another one, and takes the instance as code inside a command does.
 class EagerService : public FakeDesktopService {
   public:
     android::hardware::Return<void> registerCallback(
@@ -54,18 +54,20 @@ class EagerService : public FakeDesktopService {
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             ++ready;
-            while (ready < kThreads) std::this_thread::yield();
+            while (ready < kThreads)
+                std::this_thread::yield();
             instances[i] = VelChiDesktopHelper::getInstance();
         });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
     VelChiDesktopHelper* const instance = VelChiDesktopHelper::getInstance();
     bool allSame = instance != nullptr && service->seen == instance;
-    for (VelChiDesktopHelper* each : instances) allSame = allSame && each == instance;
+    for (VelChiDesktopHelper* each : instances)
+        allSame = allSame && each == instance;
     uint32_t cameraId = 0;
     instance->updateCameraIdOnHalOpen(cameraId);
-    const bool asExpected =
-        allSame && service->registrations == 1 && service->answers == 2 && cameraId == 2;
+    const bool asExpected = allSame && service->registrations == 1 && service->answers == 2 && cameraId == 2;
     std::exit(asExpected ? 0 : 1);
 }
 
