@@ -82,7 +82,7 @@ std::string acceptance(uint32_t rowBytes) {
 std::string VelChiDesktopHelper::handleImgSubStreamConfig(const Value& config) {
     HELPER_LOGD("%s called", "handleImgSubStreamConfig");
     StreamRequest request;
-    const std::string failure = readRequest(config, request);
+    std::string failure = readRequest(config, request);
     if (!failure.empty()) return failure;
 
     // The earlier substitution ends whatever becomes of this request.

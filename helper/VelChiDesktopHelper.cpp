@@ -122,5 +122,5 @@ bool VelChiDesktopHelper::isOverrideAllowedForPackage(const std::string& package
 }
 
 void VelChiDesktopHelper::setVendorTagCallback(VendorTagCallback callback) {
-    mMetadataHandler->setVendorTagCallback(callback);
+    mMetadataHandler->setVendorTagCallback(std::move(callback));
 }

@@ -67,10 +67,10 @@ EndSignalWatcher::EndSignalWatcher(EndSignals& signals, std::function<void()> on
           if (!mStopping) onSignal();
       }) {}
 
-// A signal to the thread itself wakes it.
+// A signal to the thread itself wakes it; the thread waits for that signal, so nothing is ended by it.
 EndSignalWatcher::~EndSignalWatcher() {
     mStopping = true;
-    pthread_kill(mThread.native_handle(), SIGTERM);
+    pthread_kill(mThread.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
     mThread.join();
 }
 

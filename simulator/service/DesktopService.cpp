@@ -74,8 +74,8 @@ void DesktopService::publish() {
     mConnection.setMethodCallTimeout(UINT64_MAX);  // a peer may take its time; its death is told
     bus::watchPeerDeaths(mConnection, [this](const std::string& busName) { onPeerDied(busName); });
     mObject = sdbus::createObject(mConnection, bus::kServicePath);
-    const auto add = [this](const char* name, const char* in, std::vector<std::string> inNames,
-                            const char* out, std::vector<std::string> outNames,
+    const auto add = [this](const char* name, const char* in, const std::vector<std::string>& inNames,
+                            const char* out, const std::vector<std::string>& outNames,
                             void (DesktopService::*method)(sdbus::MethodCall&)) {
         mObject->registerMethod(bus::kServiceInterface, name, in, inNames, out, outNames,
                                 guarded([this, method](sdbus::MethodCall& call) { (this->*method)(call); }));
