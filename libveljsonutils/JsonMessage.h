@@ -6,11 +6,11 @@
 #include "JsonPool.h"
 #include "RapidJson.h"
 
-// One JSON message on its way in or out. Its values live in about 4 KB inside the object, meant for the
+// One JSON message on its way in or out. Its values live in about 24 KB inside the object, meant for the
 // stack, and on the heap only beyond that: a small message is parsed or built without one allocation.
 //
 // Values and texts taken from it live until the next parse(), reset() or its end. Used by one thread at a
-// time; takes no lock and does not block. Needs about 4 KB of stack for itself, and 5 to 30 KB more
+// time; takes no lock and does not block. Needs about 24 KB of stack for itself, and 25 to 50 KB more
 // in parse(), however deep the text: beyond 256 levels nesting costs heap. Only serialise() and toText() go
 // on recursing.
 class JsonMessage {

@@ -4,7 +4,7 @@
 
 #include "RapidJson.h"
 
-// A RapidJSON pool whose first 4 KB lie inside the object, so that small jobs leave the heap alone. Meant for
+// A RapidJSON pool whose first 24 KB lie inside the object, so that small jobs leave the heap alone. Meant for
 // the stack; it neither moves nor copies. What is allocated from it lives until it is cleared or destroyed.
 class JsonPool {
   public:
@@ -19,7 +19,7 @@ class JsonPool {
   private:
     static constexpr size_t kHeapChunkBytes = size_t{64} * 1024;  // RapidJSON's own choice
 
-    alignas(std::max_align_t) char mMemory[4096];
+    alignas(std::max_align_t) char mMemory[24 * 1024];
     rapidjson::CrtAllocator mHeap;
     Allocator mAllocator;
 };
