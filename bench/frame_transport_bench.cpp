@@ -21,7 +21,14 @@
 #include "RatioReporter.h"
 #include "ServicePeers.h"
 
+#include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
+#include <hardware/gralloc.h>
+#include <system/window.h>
+#include <ui/Fence.h>
+
 namespace {
+
+using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 
 namespace fs = std::filesystem;
 using vel::sim::ChildProcess;
@@ -85,6 +92,37 @@ void lend(benchmark::State& state, const Size& size) {
     const double before = cpuSeconds();
     measureEach(state, frame);
     state.counters["cpu_us"] = (cpuSeconds() - before) * 1e6 / static_cast<double>(state.iterations());
+}
+
+// The bare calls that a lent and queued frame cannot do without, on the same queue.
+void lendBare(benchmark::State& state, const Size& size) {
+    using namespace android;
+    ServicePeers& peers = ServicePeers::get();
+    peers.helper().disconnectProducer();  // one connection at a time
+    const sp<IGraphicBufferProducer> producer = new H2BGraphicBufferProducer(
+        peers.service().getSurface(VelChiDesktopHelper::ClientType::CLIENT_APP).withDefault(nullptr));
+    IGraphicBufferProducer::QueueBufferOutput output;
+    if (producer->connect(nullptr, NATIVE_WINDOW_API_CAMERA, false, &output) != NO_ERROR)
+        return state.SkipWithError("no connection to the queue");
+    producer->setMaxDequeuedBufferCount(kCopySlots);
+    const auto frame = [&] {
+        int slot = -1;
+        sp<Fence> fence;
+        sp<GraphicBuffer> buffer;
+        const status_t status =
+            producer->dequeueBuffer(&slot, &fence, size.width, size.height, HAL_PIXEL_FORMAT_YCBCR_420_888,
+                                    GRALLOC_USAGE_SW_WRITE_RARELY, nullptr, nullptr);
+        if (status == IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION)
+            producer->requestBuffer(slot, &buffer);
+        const IGraphicBufferProducer::QueueBufferInput input(
+            0, false, HAL_DATASPACE_STANDARD_BT601_625, Rect(size.width, size.height), 1, 0, Fence::NO_FENCE);
+        if (producer->queueBuffer(slot, input, &output) != NO_ERROR)
+            state.SkipWithError("no frame was queued");
+    };
+    for (int i = 0; i < 16; ++i)
+        frame();
+    measureEach(state, frame);
+    producer->disconnect(NATIVE_WINDOW_API_CAMERA, IGraphicBufferProducer::DisconnectMode::Api);
 }
 
 void copy(benchmark::State& state, const Size& size) {
@@ -207,6 +245,14 @@ bool registerAll() {
         sizes.emplace_back(size.name);
     }
     addAim({kSubject, "p50_us", 1.1, "lent 3840x2160", "lent 640x480"});
+    const std::string subject = "frame to another process";
+    for (const auto& [name, run] : {std::pair("/product", lend), std::pair("/floor", lendBare)}) {
+        benchmark::RegisterBenchmark((subject + name).c_str(), run, kSizes[0])
+            ->UseRealTime()
+            ->Iterations(2000)
+            ->Unit(benchmark::kMicrosecond);
+    }
+    addAim({subject, "p50_us", 1.05});
     addTable({kSubject,
               sizes,
               {{"lent and queued, median", "lent", "p50_us"},
