@@ -20,6 +20,7 @@ constexpr char kSupportedFormat[] = "RAW_PRIVATE";
 constexpr char kHeaderVersion[] = "v1";
 constexpr char kNoReader[] = "Failed to create AImageReader";
 constexpr int kNoUsage = -1;
+constexpr int kMaxReaderImages = 62;     // the media library ends the process for the two numbers above
 constexpr uint32_t kRowCount = 1;        // a frame is one row of bytes
 constexpr uint32_t kAppBufferCount = 6;  // what the application's queue gets, whatever the reader holds
 
@@ -54,6 +55,7 @@ std::string readRequest(const Value& config, StreamRequest& request) {
 
 // Null when the media library refuses.
 AImageReader* createReader(const StreamRequest& request, uint32_t rowBytes) {
+    if (request.bufferCount > kMaxReaderImages) return nullptr;
     AImageReader* reader = nullptr;
     const auto width = static_cast<int32_t>(rowBytes);
     const media_status_t status =

@@ -245,7 +245,8 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
     handler.setVendorTagCallback(
         [&](const char* s, const char* t, unsigned& id) { return vendor.find(s, t, id); });
     Capture result;
-    import(result, R"({"android.control.aeMode":1, "nothing":[1], "v.none":[1], "v.odd":[1],
+    import(result, R"({"android.control.aeMode":1, "nothing":[1], "none\u0000.x":[1], "v.none":[1],
+                       "v.odd":[1],
                        "android.control.aeCompensationStep":[1,2],
                        "android.colorCorrection.transform":[[1,2],[1,2,3]],
                        "android.sensor.neutralColorPoint":[[]],
@@ -253,9 +254,9 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
     EXPECT_THAT(
         logged(),
         ElementsAre("E Expecting array for: android.control.aeMode", "E Unable to find tag: nothing",
-                    "E Failed to get vendor tag", "E Unable to find tag: v.none",
-                    "E Type not defined for tagId: -2147483648!", "E Failed to set metadata for v.odd",
-                    "E rational parse failed, not expected array",
+                    "E Unable to find tag: none", "E Failed to get vendor tag",
+                    "E Unable to find tag: v.none", "E Type not defined for tagId: -2147483648!",
+                    "E Failed to set metadata for v.odd", "E rational parse failed, not expected array",
                     "E Failed to set metadata for android.control.aeCompensationStep",
                     "E rational parse failed, not expected array",
                     "E Failed to set metadata for android.colorCorrection.transform",
