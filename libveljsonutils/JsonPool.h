@@ -4,8 +4,9 @@
 
 #include "RapidJson.h"
 
-// A RapidJSON pool whose first 24 KB lie inside the object, so that small jobs leave the heap alone. Meant for
-// the stack; it neither moves nor copies. What is allocated from it lives until it is cleared or destroyed.
+// A RapidJSON pool whose first 24 KB lie inside the object, so that small jobs leave the heap alone. Meant
+// for the stack; it neither moves nor copies. What is allocated from it lives until it is cleared or
+// destroyed.
 class JsonPool {
   public:
     using Allocator = rapidjson::MemoryPoolAllocator<>;

@@ -15,7 +15,7 @@ using Buffer = rapidjson::GenericStringBuffer<Utf8, Pool>;
 using PoolWriter = rapidjson::Writer<Buffer, Utf8, Utf8, Pool>;
 
 // Room for most messages: a buffer that grows leaves its earlier memory behind in the pool.
-constexpr size_t kFirstBytes = 12 * 1024;
+constexpr size_t kFirstBytes = size_t{12} * 1024;
 
 bool needsEscape(const char* text, size_t length) {
     unsigned found = 0;  // without an early end the loop is vectorised
