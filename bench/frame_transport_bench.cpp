@@ -246,7 +246,7 @@ bool registerAll() {
     }
     addAim({kSubject, "p50_us", 1.1, "lent 3840x2160", "lent 640x480"});
     const std::string subject = "frame to another process";
-    for (const auto& [name, run] : {std::pair("/product", lend), std::pair("/floor", lendBare)}) {
+    for (const auto& [name, run] : {std::pair("/product", &lend), std::pair("/floor", &lendBare)}) {
         benchmark::RegisterBenchmark((subject + name).c_str(), run, kSizes[0])
             ->UseRealTime()
             ->Iterations(2000)
