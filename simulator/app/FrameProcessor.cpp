@@ -40,8 +40,10 @@ constexpr int kMaxReaderImages = 58;
 struct Setup {
     FrameSize size;
     int buffers = 0;
-    int hold = -1;
+    int hold = -1;  // keeps every frame of a queue after so many; negative for none
     Effect effect = Effect::Tint;
+
+    bool holds(uint64_t framesTaken) const { return hold >= 0 && framesTaken >= static_cast<uint64_t>(hold); }
 };
 
 Setup readSetup(const std::string& line) {
@@ -100,9 +102,12 @@ struct OwnQueue {
 // Takes the frames of the application frame path as they come and looks at their counters.
 class FrameProcessor::Preview : public android::ConsumerBase::FrameAvailableListener {
   public:
+    explicit Preview(const Setup& setup) : mSetup(setup) {}
+
     const OwnQueue& queue() const { return mQueue; }
 
     void onFrameAvailable(const BufferItem&) override {
+        if (mSetup.holds(mFrames)) return;
         BufferItem item;
         if (mQueue.consumer->acquireBuffer(&item, 0) != android::NO_ERROR) return;
         {
@@ -124,6 +129,7 @@ class FrameProcessor::Preview : public android::ConsumerBase::FrameAvailableList
         ++mFrames;
     }
 
+    const Setup mSetup;
     const OwnQueue mQueue;
     uint32_t mLast = 0;  // of the delivering thread; one frame is delivered at a time
     std::atomic<uint64_t> mFrames{0};
@@ -183,7 +189,7 @@ class FrameProcessor::Substitution {
         while (mWaker->wait()) {
             BufferItem item;
             if (mQueue.consumer->acquireBuffer(&item, 0) != android::NO_ERROR) continue;
-            if (mSetup.hold >= 0 && mReplaced >= static_cast<uint64_t>(mSetup.hold)) {
+            if (mSetup.holds(mReplaced)) {
                 printLine("frames held");
                 while (mWaker->wait()) {
                 }
@@ -273,7 +279,7 @@ bool FrameProcessor::start(const std::string& line) {
                                     std::to_string(substitution->status()));
     }
     mSubstitution = std::move(substitution);
-    mPreview = new Preview;
+    mPreview = new Preview(setup);
     mPreview->queue().consumer->setFrameAvailableListener(mPreview);
     if (!service->setSurface(ClientType::CLIENT_APP, mPreview->queue().producer).isOk() ||
         !service->setSurface(ClientType::CLIENT_IMG_SUB, mSubstitution->queue().producer).isOk()) {
