@@ -59,8 +59,13 @@ int RatioReporter::printRatios() const {
         const double theirs = median(floor->second.at(aim.figure));
         const double ratio = ours / theirs;
         if (ratio > aim.ratio) ++above;
-        std::printf("%-28s %-8s %12.1f %12.1f %8.2f %8.2f%s\n", aim.subject.c_str(), aim.figure.c_str(), ours,
-                    theirs, ratio, aim.ratio, ratio > aim.ratio ? "  above" : "");
+        std::printf("%-28s %-8s %12.1f %12.1f %8.2f ", aim.subject.c_str(), aim.figure.c_str(), ours, theirs,
+                    ratio);
+        if (aim.ratio == kNoAim) {
+            std::printf("%8s\n", aim.floor.c_str());
+        } else {
+            std::printf("%8.2f%s\n", aim.ratio, ratio > aim.ratio ? "  above" : "");
+        }
     }
     return above;
 }

@@ -2,15 +2,18 @@
 
 #include <benchmark/benchmark.h>
 
+#include <limits>
 #include <map>
 #include <string>
 #include <vector>
 
+constexpr double kNoAim = std::numeric_limits<double>::infinity();
+
 // What a figure should stay below: the product's median over the floor's, measured in one run.
 struct Aim {
-    std::string subject;  // benchmarks "<subject>/product" and "<subject>/floor"
-    std::string figure;   // "real" or "cpu" time, or the name of a counter
-    double ratio;
+    std::string subject;              // benchmarks "<subject>/product" and "<subject>/floor"
+    std::string figure;               // "real" or "cpu" time, or the name of a counter
+    double ratio;                     // kNoAim prints the ratio alone
     std::string product = "product";  // other endings of the two names
     std::string floor = "floor";
 };

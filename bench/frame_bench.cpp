@@ -1,5 +1,7 @@
-// The frame paths against the bare calls of the same queue and the same reader. Only the path itself is
-// timed: the consumer's turn stands outside.
+// The frame paths against the calls of the same queue and the same reader: bare, and as a floor with what the
+// paths' interface cannot do without: a reference to the buffer that is lent, one lock a call where streams
+// share the queue, an image that is owned in common, the time from which a wait counts. Only the path itself
+// is timed: the consumer's turn stands outside.
 
 #include <benchmark/benchmark.h>
 #include <gui/BufferItemConsumer.h>
@@ -12,7 +14,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <mutex>
+#include <utility>
 
 #include "AllocationCounter.h"
 #include "DesktopHelperTestAccess.h"
@@ -99,24 +104,50 @@ sp<IGraphicBufferProducer> connected(const sp<HGraphicBufferProducer>& handle) {
     return producer;
 }
 
-// What no frame path can do without.
-void dequeueAndQueue(IGraphicBufferProducer& producer, uint32_t width, uint32_t height, int32_t format,
-                     uint64_t usage, sp<GraphicBuffer>* fetched = nullptr) {
+// A slot's buffer, fetched when the queue has a new one for it.
+struct Lent {
     int slot = -1;
+    sp<GraphicBuffer> fetched;
+};
+
+Lent dequeue(IGraphicBufferProducer& producer, uint32_t width, uint32_t height, int32_t format,
+             uint64_t usage) {
+    Lent lent;
     sp<Fence> fence;
     uint64_t age = 0;
     const status_t status =
-        producer.dequeueBuffer(&slot, &fence, width, height, format, usage, &age, nullptr);
-    if (status == IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION) {
-        sp<GraphicBuffer> buffer;
-        require(producer.requestBuffer(slot, &buffer) == NO_ERROR);
-        if (fetched != nullptr) *fetched = buffer;
-    }
+        producer.dequeueBuffer(&lent.slot, &fence, width, height, format, usage, &age, nullptr);
+    if (status == IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION)
+        require(producer.requestBuffer(lent.slot, &lent.fetched) == NO_ERROR);
+    return lent;
+}
+
+void queue(IGraphicBufferProducer& producer, int slot, uint32_t width, uint32_t height) {
     const IGraphicBufferProducer::QueueBufferInput input(0, false, HAL_DATASPACE_STANDARD_BT601_625,
                                                          Rect(width, height), 1, 0, Fence::NO_FENCE);
     IGraphicBufferProducer::QueueBufferOutput output;
     require(producer.queueBuffer(slot, input, &output) == NO_ERROR);
 }
+
+// The calls alone: nobody holds the buffer between them.
+void dequeueAndQueue(IGraphicBufferProducer& producer, uint32_t width, uint32_t height, int32_t format,
+                     uint64_t usage) {
+    const Lent lent = dequeue(producer, width, height, format, usage);
+    queue(producer, lent.slot, width, height);
+}
+
+// Holds the buffer while it is lent, as the one who fills it must.
+class SlotCache {
+  public:
+    sp<GraphicBuffer> buffer(const Lent& lent) {
+        require(lent.slot >= 0 && static_cast<size_t>(lent.slot) < std::size(mBuffers));
+        if (lent.fetched != nullptr) mBuffers[lent.slot] = lent.fetched;
+        return mBuffers[lent.slot];
+    }
+
+  private:
+    sp<GraphicBuffer> mBuffers[7];
+};
 
 // The helper with a service in the same process.
 struct Desktop {
@@ -141,9 +172,22 @@ void appFrameProduct(benchmark::State& state) {
 }
 
 void appFrameFloor(benchmark::State& state) {
-    Queue queue;
-    const sp<IGraphicBufferProducer> producer = connected(queue.handle);
-    queue.measureFrames(state, [&] {
+    Queue frames;
+    SlotCache cache;
+    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    frames.measureFrames(state, [&] {
+        const Lent lent = dequeue(*producer, kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888,
+                                  GRALLOC_USAGE_SW_WRITE_RARELY);
+        const sp<GraphicBuffer> buffer = cache.buffer(lent);
+        require(buffer != nullptr);
+        queue(*producer, lent.slot, kImageWidth, kImageHeight);
+    });
+}
+
+void appFrameBare(benchmark::State& state) {
+    Queue frames;
+    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    frames.measureFrames(state, [&] {
         dequeueAndQueue(*producer, kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888,
                         GRALLOC_USAGE_SW_WRITE_RARELY);
     });
@@ -187,9 +231,28 @@ void outboundProduct(benchmark::State& state) {
 }
 
 void outboundFloor(benchmark::State& state) {
-    Queue queue;
-    const sp<IGraphicBufferProducer> producer = connected(queue.handle);
-    queue.measureFrames(
+    Queue frames;
+    SlotCache cache;
+    std::mutex lock;
+    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    frames.measureFrames(state, [&] {
+        Lent lent;
+        sp<GraphicBuffer> buffer;
+        {
+            std::lock_guard<std::mutex> locked(lock);
+            lent = dequeue(*producer, kRowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN);
+            buffer = cache.buffer(lent);
+        }
+        require(buffer != nullptr);
+        std::lock_guard<std::mutex> locked(lock);
+        queue(*producer, lent.slot, kRowBytes, 1);
+    });
+}
+
+void outboundBare(benchmark::State& state) {
+    Queue frames;
+    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    frames.measureFrames(
         state, [&] { dequeueAndQueue(*producer, kRowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN); });
 }
 
@@ -206,27 +269,61 @@ void acquireProduct(benchmark::State& state) {
         state, [&] { substitution.sendReplacement(); }, acquire, [&] { require(buffer != nullptr); });
 }
 
-// Empties the reader, reads the index word and takes the buffer of each image, and gives the one before it
-// back.
+// Empties the reader and reads the index word of each image, which take() then owns; returns the buffer of
+// the last one.
+template <typename Take>
+sp<GraphicBuffer> drain(AImageReader* reader, Take take) {
+    sp<GraphicBuffer> buffer;
+    AImage* image = nullptr;
+    while (AImageReader_acquireNextImage(reader, &image) == AMEDIA_OK) {
+        uint8_t* row = nullptr;
+        int byteCount = 0;
+        require(AImage_getPlaneData(image, 0, &row, &byteCount) == AMEDIA_OK);
+        uint32_t streamIndex = 0;
+        std::memcpy(&streamIndex, row + kStreamIndexOffset, sizeof(streamIndex));
+        require(streamIndex == 0);
+        AHardwareBuffer* hardwareBuffer = nullptr;
+        require(AImage_getHardwareBuffer(image, &hardwareBuffer) == AMEDIA_OK);
+        buffer = GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
+        take(image);
+    }
+    return buffer;
+}
+
+struct AImageDeleter {
+    void operator()(AImage* image) const { AImage_delete(image); }
+};
+
+// The newest image and the one in use are kept; the HAL has a share of it for as long as it uses it.
 void acquireFloor(benchmark::State& state) {
+    Substitution substitution;
+    std::mutex lock;
+    sp<GraphicBuffer> buffer;
+    std::shared_ptr<AImage> newest;
+    std::shared_ptr<AImage> held;
+    const auto acquire = [&] {
+        std::shared_ptr<AImage> used;
+        std::lock_guard<std::mutex> locked(lock);
+        benchmark::DoNotOptimize(std::chrono::system_clock::now());
+        buffer = drain(substitution.reader, [&](AImage* image) { newest.reset(image, AImageDeleter()); });
+        used = newest;
+        held = newest;
+    };
+    measure(
+        state, [&] { substitution.sendReplacement(); }, acquire, [&] { require(buffer != nullptr); });
+    newest = nullptr;
+    held = nullptr;
+    AImageReader_delete(substitution.reader);
+}
+
+// Gives the image before back for each that comes.
+void acquireBare(benchmark::State& state) {
     Substitution substitution;
     sp<GraphicBuffer> buffer;
     AImage* held = nullptr;
     const auto acquire = [&] {
-        AImage* image = nullptr;
-        while (AImageReader_acquireNextImage(substitution.reader, &image) == AMEDIA_OK) {
-            uint8_t* row = nullptr;
-            int byteCount = 0;
-            require(AImage_getPlaneData(image, 0, &row, &byteCount) == AMEDIA_OK);
-            uint32_t streamIndex = 0;
-            std::memcpy(&streamIndex, row + kStreamIndexOffset, sizeof(streamIndex));
-            require(streamIndex == 0);
-            AHardwareBuffer* hardwareBuffer = nullptr;
-            require(AImage_getHardwareBuffer(image, &hardwareBuffer) == AMEDIA_OK);
-            buffer = GraphicBuffer::fromAHardwareBuffer(hardwareBuffer);
-            AImage_delete(held);
-            held = image;
-        }
+        buffer =
+            drain(substitution.reader, [&](AImage* image) { AImage_delete(std::exchange(held, image)); });
     };
     measure(
         state, [&] { substitution.sendReplacement(); }, acquire, [&] { require(buffer != nullptr); });
@@ -234,14 +331,26 @@ void acquireFloor(benchmark::State& state) {
     AImageReader_delete(substitution.reader);
 }
 
-BENCHMARK(appFrameProduct)->Name("frame to the application/product")->UseManualTime();
-BENCHMARK(appFrameFloor)->Name("frame to the application/floor")->UseManualTime();
-BENCHMARK(outboundProduct)->Name("frame out for replacement/product")->UseManualTime();
-BENCHMARK(outboundFloor)->Name("frame out for replacement/floor")->UseManualTime();
-BENCHMARK(acquireProduct)->Name("replacement acquired/product")->UseManualTime();
-BENCHMARK(acquireFloor)->Name("replacement acquired/floor")->UseManualTime();
-const bool kAimsAdded =
-    (addAim({"frame to the application", "real", 1.05}), addAim({"frame out for replacement", "real", 1.05}),
-     addAim({"replacement acquired", "real", 1.10}), true);
+bool registerAll() {
+    using Run = void (*)(benchmark::State&);
+    struct Subject {
+        std::string name;
+        double aim;
+        Run product, floor, bare;
+    };
+    for (const Subject& subject :
+         {Subject{"frame to the application", 1.05, appFrameProduct, appFrameFloor, appFrameBare},
+          Subject{"frame out for replacement", 1.05, outboundProduct, outboundFloor, outboundBare},
+          Subject{"replacement acquired", 1.10, acquireProduct, acquireFloor, acquireBare}}) {
+        for (const auto& [name, run] : {std::pair("/product", subject.product),
+                                        std::pair("/floor", subject.floor), std::pair("/bare", subject.bare)})
+            benchmark::RegisterBenchmark((subject.name + name).c_str(), run)->UseManualTime();
+        addAim({subject.name, "real", subject.aim});
+        addAim({subject.name, "real", kNoAim, "product", "bare"});
+    }
+    return true;
+}
+
+const bool kRegistered = registerAll();
 
 }  // namespace
