@@ -207,7 +207,10 @@ TEST(CameraMetadataBuffer, UpdateOfAnotherSizeMovesLaterDataDownAndAppendsTheNew
     const int32_t tooLong[10] = {};
     EXPECT_EQ(update(buffer.get(), kInt32Tag, tooLong, 10), 1);
     EXPECT_EQ(valuesOf<int32_t>(buffer.get(), kInt32Tag).size(), 8u) << "a refused update changes nothing";
-    EXPECT_EQ(update(buffer.get(), kInt32Tag, longer, 1), 0);
+    camera_metadata_entry_t updated = {};
+    EXPECT_EQ(update_camera_metadata_entry(buffer.get(), 0, longer, 1, &updated), 0);
+    ASSERT_EQ(updated.count, 1u);
+    EXPECT_EQ(*updated.data.i32, 5) << "in the entry itself";
     EXPECT_EQ(get_camera_metadata_data_count(buffer.get()), 8u);
     EXPECT_EQ(validate_camera_metadata_structure(buffer.get(), nullptr), 0);
 
@@ -289,6 +292,12 @@ TEST(CameraMetadataBuffer, ValidateFindsEveryKindOfDamage) {
     EXPECT_EQ(validate_camera_metadata_structure(nullptr, nullptr), 1);
     const size_t tooSmall = 175;
     EXPECT_EQ(validate_camera_metadata_structure(makeFilled().get(), &tooSmall), 1);
+
+    alignas(8) char room[256];
+    const CameraMetadata source = makeFilled();
+    auto* shifted = reinterpret_cast<camera_metadata_t*>(room + 4);
+    memcpy(shifted, source.get(), get_camera_metadata_size(source.get()));
+    EXPECT_EQ(validate_camera_metadata_structure(shifted, nullptr), 2);
 }
 
 // Random changes, each compared with a plain list of tags and bytes.
