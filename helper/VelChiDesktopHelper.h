@@ -155,8 +155,8 @@ class VEL_EXPORT VelChiDesktopHelper {
 
     /**
      * Installs the resolver of vendor tags: given section and tag name, valid during the call only, it
-     * returns true with the id set when the tag exists. To be called before captures flow; takes no lock. The
-     * resolver must not call back into this object.
+     * returns true with the id set when the tag exists. To be called before captures flow; takes none of
+     * this object's locks. The resolver must not call back into this object.
      */
     void setVendorTagCallback(VendorTagCallback callback);
 

@@ -52,11 +52,12 @@ class MetadataHandler {
 
     // Writes every member of in to the capture's metadata, in order, as setMetadataEntry does; one that fails
     // does not stop the others. An in that is no object, or an element of the wrong kind (no integer, or none
-    // that fits, for an int32, int64 or rational; no integer for a byte; no number for a float or double),
-    // ends the process in every build type. Of a byte's integer the low 8 bits count, and a number that no
-    // float can hold becomes an infinity. Of the buffers that it stores in *md.metadata only the last is
-    // left, for the caller to free when md.isMetadataReplaced is set; the buffer that was there before is
-    // never freed. Takes mLock for each name.
+    // that fits, for an int32, int64 or half of a rational; no integer for a byte; no number for a float or
+    // double), ends the process in every build type; a rational that is no pair just fails its tag. Of a
+    // byte's integer the low 8 bits count, and a number that no float can hold becomes an infinity. Of the
+    // buffers that it stores in *md.metadata only the last is left, for the caller to free when
+    // md.isMetadataReplaced is set; the buffer that was there before is never freed. Takes mLock for each
+    // name.
     void convertToMetadata(DesktopCaptureMetadata& md, rapidjson::Value& in);
 
     // Finds the id of a tag by its full name. The section is the standard one with the longest name that the
@@ -68,8 +69,9 @@ class MetadataHandler {
     // Sets a tag's values: updates an entry that is there in place, without ever making room for more; else
     // adds one, in a new buffer with exactly the room that is needed in addition. The new buffer is stored in
     // *md.metadata and md.isMetadataReplaced set, even when the adding itself then fails; the old buffer is
-    // not freed. data holds count values of the tag's type and has room for 8 bytes for each, since an entry
-    // may be wider than its tag. False after any failure, which is logged. Takes no lock.
+    // not freed, nor is a new one that does not validate, which is not stored either. data holds count values
+    // of the tag's type and has room for 8 bytes for each, since an entry may be wider than its tag. False
+    // after any failure, which is logged. Takes no lock.
     bool setMetadataEntry(DesktopCaptureMetadata& md, unsigned tag, void* data, unsigned count);
 
   private:
