@@ -107,7 +107,8 @@ bool VelImgSubHelper::connectImgSubProducer_locked() {
     if (mImgSubProducer != nullptr) return true;
 
     const sp<HidlProducer> surface = mHelper->getSurface(ClientType::CLIENT_IMG_SUB);
-    if (surface == nullptr) return false;
+    // A configuration that replaced this object during the call has set the surface to its own reader.
+    if (surface == nullptr || !mImgSubAppConnected) return false;
     if (surface == mReaderProducer) {
         // What the service was given for the application to fill, not yet replaced by the application's own.
         IMGSUB_LOGD("%s: No app surface yet provided. Line: %d", "connectImgSubProducer_locked", __LINE__);

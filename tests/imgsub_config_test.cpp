@@ -194,6 +194,18 @@ TEST_F(AnImgSubConfiguration, AnnouncesTheHalWithoutLimits) {
     EXPECT_EQ(log.count("sendImgSubHalReadyToApp: App replied FINE"), 1u);
 }
 
+// It asks for the application's surface while the service gets the surface of the new reader.
+TEST_F(AnImgSubConfiguration, KeepsTheEarlierHelperFromTheNewReader) {
+    send(command());
+    const auto earlier = helper->mImgSubHelper;
+    service->block(Operation::GET_SURFACE);
+    std::thread frames([&] { EXPECT_EQ(earlier->imgSubGetOutputFrameToFill(0), nullptr); });
+    EXPECT_TRUE(service->awaitBlocked(Operation::GET_SURFACE));
+    EXPECT_EQ(send(command()), accepted(460896)) << "the busy link does not hold it up";
+    service->unblock(Operation::GET_SURFACE);
+    frames.join();
+}
+
 // Reconfigured, closed and disconnected at once while a frame thread uses whatever helper there is: each
 // helper ends once, and the last one leaves no surface behind.
 TEST_F(AnImgSubConfiguration, MayBeReplacedAndEndedFromSeveralThreadsAtOnce) {
