@@ -83,13 +83,8 @@ VideoInput::Decoder::~Decoder() {
 }
 
 VideoInput::VideoInput(const std::string& file)
-    : mName(file == "-" ? "standard input" : printable(file, 256)), mCancel(eventfd(0, EFD_CLOEXEC)) {
-    if (file == "-") {
-        mData.reset(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
-        if (mData < 0) fail(std::strerror(errno));
-    } else {
-        startDecoder(file);
-    }
+    : mName(printable(file, 256)), mCancel(eventfd(0, EFD_CLOEXEC)) {
+    startDecoder(file);
     mReader =
         std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
 }

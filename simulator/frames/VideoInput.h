@@ -11,15 +11,15 @@
 namespace vel::sim {
 
 // Frames of a video file or picture, decoded by a child ffmpeg as they are asked for, or of a YUV4MPEG2
-// stream on standard input. Memory is constant.
+// stream. Memory is constant.
 //
 // The child is killed and reaped by the destructor, and killed by the kernel when the thread that constructed
 // this object ends. cancel() may be called from any thread; everything else from one.
 class VideoInput {
   public:
-    // Opens the file, "-" for standard input, and waits for the first bytes. Throws std::runtime_error with
-    // one line when it cannot be read: no such file, no video, a picture of odd size, ffmpeg is missing, ...
-    // The file's content decides what it is, not its name.
+    // Opens the file and waits for the first bytes. Throws std::runtime_error with one line when it cannot be
+    // read: no such file, no video, a picture of odd size, ffmpeg is missing, ... The file's content decides
+    // what it is, not its name.
     explicit VideoInput(const std::string& file);
     // The same for a YUV4MPEG2 stream behind a descriptor that stays the caller's; name stands in errors.
     VideoInput(int stream, const std::string& name);

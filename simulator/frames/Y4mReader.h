@@ -34,8 +34,6 @@ class Y4mReader {
 
     FrameSize size() const { return mSize; }
     FrameRate rate() const { return mRate; }
-    // Frames read so far.
-    uint64_t frames() const { return mFrames; }
 
     // Reads the next frame into a view of size(). False at the end of the stream. Throws when the stream ends
     // inside the frame or goes on with something else; the view then holds a part of the frame.
@@ -54,7 +52,7 @@ class Y4mReader {
     const ReadBytes mRead;
     FrameSize mSize;
     FrameRate mRate;
-    uint64_t mFrames = 0;
+    uint64_t mFrames = 0;  // read so far
     std::array<uint8_t, 4096> mBuffer{};
     size_t mBufferStart = 0;
     size_t mBufferEnd = 0;

@@ -45,18 +45,13 @@ FrameSize evenSize(FrameSize size) {
     return {size.width / 2 * 2, size.height / 2 * 2};
 }
 
-int openForWriting(const std::string& file) {
-    if (file == "-") return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-    return open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-}
-
 }  // namespace
 
 Y4mWriter::Y4mWriter(const std::string& file, FrameSize size, FrameRate rate)
-    : mFile(file == "-" ? "standard output" : printable(file, 256)), mSize(size) {
+    : mFile(printable(file, 256)), mSize(size) {
     if (!isFrameSize(size)) throw std::invalid_argument(mFile + ": no frame size to write");
     if (evenSize(size) != size) mEvenPart.resize(frameBytes(evenSize(size)));
-    mFd.reset(openForWriting(file));
+    mFd.reset(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (mFd < 0) fail(errno);
     const std::string header = "YUV4MPEG2 W" + std::to_string(evenSize(size).width) + " H" +
                                std::to_string(evenSize(size).height) + " F" + std::to_string(rate.frames) +
@@ -65,26 +60,20 @@ Y4mWriter::Y4mWriter(const std::string& file, FrameSize size, FrameRate rate)
     write(header.data(), header.size());
 }
 
-bool Y4mWriter::writeFrame(const ConstFrameView& frame) {
+void Y4mWriter::writeFrame(const ConstFrameView& frame) {
     if (frame.size() != mSize)
         throw std::invalid_argument(mFile + ": a frame has another size than the first");
-    if (mFd < 0) return false;
     write("FRAME\n", 6);
-    if (mEvenPart.empty()) {
-        write(frame.block(), frame.bytes());
-        return true;
-    }
+    if (mEvenPart.empty()) return write(frame.block(), frame.bytes());
     const FrameView even(mEvenPart.data(), evenSize(mSize));
     for (size_t i = 0; i < even.planes().size(); ++i) {
         const Plane<uint8_t>& plane = even.planes()[i];
         copyPlane(frame.planes()[i].part(0, 0, plane.width, plane.height), plane);
     }
     write(even.block(), even.bytes());
-    return true;
 }
 
 void Y4mWriter::close() {
-    if (mFd < 0) return;
     if (::close(mFd.release()) != 0) fail(errno);
 }
 
@@ -100,8 +89,7 @@ void Y4mWriter::write(const void* bytes, size_t count) {
     }
 }
 
-void Y4mWriter::fail(int error) {
-    mFd.reset();
+void Y4mWriter::fail(int error) const {
     throw std::runtime_error("cannot write " + mFile + ": " + std::strerror(error));
 }
 
