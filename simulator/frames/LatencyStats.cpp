@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 namespace vel::sim {
 
@@ -24,7 +23,6 @@ void LatencyStats::record(int64_t latencyNs) {
     const int64_t latency = std::max<int64_t>(0, latencyNs);
     ++mBuckets[static_cast<size_t>(bucketOf(static_cast<uint64_t>(latency)))];
     ++mCount;
-    mMin = std::min(mMin, latency);
     mMax = std::max(mMax, latency);
 }
 
@@ -37,17 +35,7 @@ int64_t LatencyStats::percentileNs(double percent) const {
     int bucket = 0;
     while (bucket < kBuckets - 1 && (seen += mBuckets[static_cast<size_t>(bucket)]) < rank)
         ++bucket;
-    return std::clamp(highestOf(bucket), mMin, mMax);
-}
-
-std::string LatencyStats::summary() const {
-    if (mCount == 0) return "no frames";
-    const auto ms = [](int64_t ns) { return static_cast<double>(ns) / 1e6; };
-    char text[160];
-    std::snprintf(text, sizeof(text), "%llu frame%s: min %.2f, p50 %.2f, p90 %.2f, p99 %.2f, max %.2f ms",
-                  static_cast<unsigned long long>(mCount), mCount == 1 ? "" : "s", ms(minNs()),
-                  ms(percentileNs(50)), ms(percentileNs(90)), ms(percentileNs(99)), ms(maxNs()));
-    return text;
+    return std::min(highestOf(bucket), mMax);
 }
 
 }  // namespace vel::sim

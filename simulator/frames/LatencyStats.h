@@ -2,13 +2,12 @@
 
 #include <array>
 #include <cstdint>
-#include <string>
 
 namespace vel::sim {
 
 // The distribution of latencies in constant memory (30 KB): every value is counted, in buckets that are at
-// most 1/64 of their values wide. Minimum, maximum and count are exact; a percentile is at most 1.6 % above
-// the true value and never below it. Values below 64 ns are exact.
+// most 1/64 of their values wide. Maximum and count are exact; a percentile is at most 1.6 % above the true
+// value and never below it. Values below 64 ns are exact.
 //
 // Not thread-safe.
 class LatencyStats {
@@ -18,14 +17,10 @@ class LatencyStats {
 
     uint64_t count() const { return mCount; }
     // 0 while nothing was recorded.
-    int64_t minNs() const { return mCount == 0 ? 0 : mMin; }
     int64_t maxNs() const { return mMax; }
     // The value that the given share of the latencies does not exceed, percent from 0 to 100; 0 while nothing
     // was recorded.
     int64_t percentileNs(double percent) const;
-
-    // "120 frames: min 3.10, p50 4.25, p90 6.00, p99 11.50, max 12.02 ms", or "no frames".
-    std::string summary() const;
 
   private:
     static constexpr int kStepBits = 6;
@@ -37,7 +32,6 @@ class LatencyStats {
 
     std::array<uint64_t, kBuckets> mBuckets{};
     uint64_t mCount = 0;
-    int64_t mMin = INT64_MAX;
     int64_t mMax = 0;
 };
 
