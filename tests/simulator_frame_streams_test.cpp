@@ -3,59 +3,57 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <gui/BufferItemConsumer.h>
+#include <hardware/gralloc.h>
 #include <hidl_host/LocalServices.h>
 #include <unistd.h>
 
 #include <memory>
-#include <numeric>
 
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
-#include "FrameCounter.h"
+#include "FrameBuffer.h"
 #include "FrameProcessor.h"
 #include "FrameSensor.h"
+#include "FrameStream.h"
+#include "ReplacementQueue.h"
 #include "ServiceClient.h"
 #include "TemporaryFolder.h"
 #include "TestPicture.h"
-#include "Y4mReader.h"
-#include "Y4mWriter.h"
+#include "Timeline.h"
+#include "VelImgSubHelper.h"
+
+// Last: a platform header that brings many names.
+#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace {
 
 using namespace std::chrono_literals;
+using namespace vel::sim;
+using android::GraphicBuffer;
 using android::sp;
 using android::base::unique_fd;
+using testing::ElementsAre;
 using testing::HasSubstr;
-using vel::sim::Frame;
-using vel::sim::FrameProcessor;
-using vel::sim::FrameSensor;
-using vel::sim::FrameSize;
-using vel::sim::ServiceClient;
-using vel::sim::TestPicture;
-using vel::sim::Y4mReader;
-using vel::sim::Y4mWriter;
 using ClientType = ServiceClient::ClientType;
 
-class ASensorAndItsApplication : public testing::Test {
+class ASensor : public testing::Test {
   protected:
-    ASensorAndItsApplication()
-        : service(FakeDesktopService::start()),
-          helper(DesktopHelperTestAccess::create()),
-          client(
-              ClientType::CLIENT_APP, [](const std::string&) { return "OK_APP"; }, nullptr) {
-        service->setReply(ClientType::CLIENT_CAMERA_HAL, [this](ClientType, const std::string& text) {
-            return helper->handleCommand(text);
-        });
-        EXPECT_TRUE(client.waitUntilConnected(30s));
-        testing::internal::CaptureStdout();
-    }
-    ~ASensorAndItsApplication() override {
+    ASensor() : service(FakeDesktopService::start()), helper(DesktopHelperTestAccess::create()) {}
+    ~ASensor() override {
         helper.reset();
         vel::host::clearLocalServices();
     }
 
-    // Plays frames to their end; what both printed.
+    // Plays frames to their end with the simulator's application; what both printed.
     std::string play(const std::string& sensorLine, const std::string& appLine, int videoFd = -1) {
+        service->setReply(ClientType::CLIENT_CAMERA_HAL, [this](ClientType, const std::string& text) {
+            return helper->handleCommand(text);
+        });
+        ServiceClient client(
+            ClientType::CLIENT_APP, [](const std::string&) { return "OK_APP"; }, nullptr);
+        EXPECT_TRUE(client.waitUntilConnected(30s));
+        testing::internal::CaptureStdout();
         {
             FrameProcessor app(client);
             FrameSensor sensor(helper.get());
@@ -69,68 +67,94 @@ class ASensorAndItsApplication : public testing::Test {
 
     sp<FakeDesktopService> service;
     std::unique_ptr<VelChiDesktopHelper> helper;
-    ServiceClient client;
 };
 
-// So many frames of the test picture.
-std::string writeClip(const TemporaryFolder& folder, FrameSize size, uint32_t frames) {
-    const std::string file = folder.path("clip.y4m");
-    const TestPicture picture(size, 0);
-    Frame frame(size);
-    Y4mWriter writer(file, size, {25, 1});
-    for (uint32_t counter = 0; counter < frames; ++counter) {
-        picture.draw(counter, frame.view());
-        writer.writeFrame(frame.view());
-    }
-    writer.close();
-    return file;
-}
-
-std::vector<uint32_t> countersOf(const std::string& file) {
-    const unique_fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    Y4mReader reader(file, vel::sim::readFrom(fd));
-    Frame frame(reader.size());
-    std::vector<uint32_t> counters;
-    while (reader.readFrame(frame.view())) {
-        const auto read = vel::sim::readFrameCounter(frame.view());
-        counters.push_back(read ? read->counter : UINT32_MAX);
-    }
-    return counters;
-}
-
 // The sensor checks the counter of each replacement's picture, and the memory that it comes in.
-TEST_F(ASensorAndItsApplication, CarryFourStreamsOnFourThreads) {
-    const std::string output =
-        play("frames 0 size=322x242 streams=4 fps=30 count=30", "frames size=322x242 effect=blur");
-    EXPECT_THAT(output, HasSubstr("frames ended: well"));
-    EXPECT_THAT(output, HasSubstr("out of order 0"));
-}
-
-TEST_F(ASensorAndItsApplication, CarryAnOddSize) {
+TEST_F(ASensor, CarriesAnOddSize) {
     EXPECT_THAT(play("frames 0 size=97x33 count=10", "frames size=97x33 effect=mirror"),
                 HasSubstr("frames ended: well"));
 }
 
-TEST_F(ASensorAndItsApplication, CarryEveryFrameOfAnInputToTheOutputOnceAndInOrder) {
+TEST_F(ASensor, LeavesNoOutputOfABrokenInput) {
     const TemporaryFolder folder;
-    const unique_fd clip(open(writeClip(folder, {96, 64}, 300).c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string file = folder.path("replaced frames.y4m");
-    EXPECT_THAT(play("frames 0 input=- output=\"" + file + "\"", "frames size=96x64 effect=tint", clip),
-                HasSubstr("frames ended: well"));
-    std::vector<uint32_t> expected(300);
-    std::iota(expected.begin(), expected.end(), 0);
-    EXPECT_EQ(countersOf(file), expected);
+    const std::string whole = "FRAME\n" + std::string(frameBytes({96, 64}), 'x');
+    const std::string clip =
+        folder.write("clip", "YUV4MPEG2 W96 H64 F25:1\n" + whole + whole + whole.substr(0, 5000));
+    const unique_fd clipFd(open(clip.c_str(), O_RDONLY | O_CLOEXEC));
+    const std::string file = folder.path("replaced.y4m");
+    EXPECT_THAT(play("frames 0 input=- output=" + file, "frames size=96x64", clipFd),
+                HasSubstr("frames ended: standard input: ends inside frame 2"));
+    EXPECT_NE(access(file.c_str(), F_OK), 0);
 }
 
-TEST_F(ASensorAndItsApplication, LeaveNoOutputOfABrokenInput) {
-    const TemporaryFolder folder;
-    const std::string clipFile = writeClip(folder, {96, 64}, 5);
-    ASSERT_EQ(truncate(clipFile.c_str(), 4 * 96 * 64 * 3 / 2), 0);
-    const unique_fd clip(open(clipFile.c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string file = folder.path("replaced.y4m");
-    EXPECT_THAT(play("frames 0 input=- output=" + file, "frames size=96x64", clip),
-                HasSubstr("frames ended: standard input"));
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
+// An application of the test's own, which sends what it likes.
+class AFrameStream : public ASensor {
+  protected:
+    static constexpr FrameSize kSize{96, 64};
+
+    void SetUp() override {
+        const std::string reply = helper->handleCommand(
+            R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
+            R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
+        ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
+        replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
+        sp<android::IGraphicBufferProducer> end;
+        sp<android::IGraphicBufferConsumer> consumerEnd;
+        android::BufferQueue::createBufferQueue(&end, &consumerEnd);
+        consumer = new android::BufferItemConsumer(consumerEnd, GRALLOC_USAGE_SW_READ_OFTEN, 1);
+        service->offerSurface(ClientType::CLIENT_IMG_SUB,
+                              new android::TWGraphicBufferProducer<ReplacementQueue::HidlProducer>(end));
+    }
+    // Replaces the frame, whose picture is the one of that number.
+    void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
+        const auto fill = [&](const sp<GraphicBuffer>& buffer) {
+            const MappedBuffer mapped(buffer, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
+            TestPicture(kSize, 0).draw(picture, FrameView(mapped.data(), kSize));
+            writeFrameHeader(mapped.data(), kSize,
+                             {counter, 0, 1000 + counter, memoryIdentity(*buffer) + memoryOffset, 0});
+        };
+        EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
+    }
+
+    std::unique_ptr<ReplacementQueue> replacements;
+    sp<android::BufferItemConsumer> consumer;
+};
+
+TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
+    std::vector<uint32_t> shown;
+    FrameStream::Setup setup;
+    setup.size = kSize;
+    setup.fps = 2;
+    setup.count = 6;
+    setup.hasCounters = true;
+    setup.draw = [&](uint32_t counter, const FrameView&) {
+        if (counter == 0) replace(0, 0, 0);
+        // 1 is not replaced while it could be.
+        if (counter == 2) replace(1, 1, 0);
+        if (counter == 3) replace(3, 77, 0);
+        if (counter == 4) replace(4, 4, 1);
+        if (counter == 5) helper->mImgSubHelper->setImgSubAppConnected(false);
+        return true;
+    };
+    setup.output = [&](const FrameHeader&, const ConstFrameView&, const std::optional<FrameHeader>& header,
+                       const std::optional<ConstFrameView>&) { shown.push_back(header->counter); };
+    const StopSignal stop;
+    FrameStream stream(helper.get(), setup, stop);
+    const int64_t startNs = steadyNowNs();
+    stream.run();
+    const int64_t durationNs = steadyNowNs() - startNs;
+
+    EXPECT_THAT(shown, ElementsAre(0, 0, 1, 3, 4));
+    const FrameCounts counts = stream.counts();
+    EXPECT_EQ(counts.sent, 5u);
+    EXPECT_EQ(counts.replaced, 3u);
+    EXPECT_EQ(counts.repeated, 1u);
+    EXPECT_EQ(counts.late, 1u);
+    EXPECT_EQ(counts.dropped, 1u);
+    EXPECT_EQ(counts.copies, 1u);
+    EXPECT_EQ(counts.wrong, 1u);
+    EXPECT_EQ(stream.latency().count(), counts.replaced);
+    EXPECT_LT(stream.latency().maxNs(), durationNs);
 }
 
 }  // namespace

@@ -54,8 +54,8 @@ bool StopSignal::waitUntil(Clock::time_point time) const {
 
 FrameCounts& FrameCounts::operator+=(const FrameCounts& other) {
     for (const auto field :
-         {&FrameCounts::captured, &FrameCounts::sent, &FrameCounts::replaced, &FrameCounts::late,
-          &FrameCounts::repeated, &FrameCounts::dropped, &FrameCounts::copies, &FrameCounts::wrong}) {
+         {&FrameCounts::sent, &FrameCounts::replaced, &FrameCounts::late, &FrameCounts::repeated,
+          &FrameCounts::dropped, &FrameCounts::copies, &FrameCounts::wrong}) {
         this->*field += other.*field;
     }
     return *this;
@@ -95,7 +95,6 @@ void FrameStream::runLive() {
         if (!mStop.waitUntil(due())) return;
         skipMissed();
         const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
-        count(&FrameCounts::captured);
         if (!mSetup.draw(mCounter, mPicture.view())) return;
         if (helper != nullptr && send(*helper)) {
             exchange(*helper);
@@ -115,7 +114,6 @@ bool FrameStream::sendFirst() {
         const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
         mStart = StopSignal::Clock::now();
         if (helper != nullptr && send(*helper)) {
-            count(&FrameCounts::captured);
             exchange(*helper);
             ++mCounter;
             return true;
@@ -130,7 +128,6 @@ void FrameStream::skipMissed() {
     const auto period = std::chrono::nanoseconds(1'000'000'000 / mSetup.fps);
     const auto last = mSetup.count == 0 ? UINT32_MAX : mSetup.count - 1;
     while (mCounter < last && due() + period < StopSignal::Clock::now()) {
-        count(&FrameCounts::captured);
         count(&FrameCounts::dropped);
         ++mCounter;
     }
@@ -172,7 +169,6 @@ void FrameStream::exchange(VelImgSubHelper& helper) {
 void FrameStream::runLossless() {
     while (mSetup.count == 0 || mCounter < mSetup.count) {
         if (!mStop.waitUntil(due()) || !mSetup.draw(mCounter, mPicture.view())) return;
-        count(&FrameCounts::captured);
         if (!exchangeWithoutLoss()) return;
         ++mCounter;
     }

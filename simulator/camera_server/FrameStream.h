@@ -38,7 +38,6 @@ class StopSignal {
  * What became of the frames of a stream. Every captured frame is one of replaced, late, repeated, dropped.
  */
 struct FrameCounts {
-    uint64_t captured = 0;
     uint64_t sent = 0;      // to the application; more than captured when frames were sent again
     uint64_t replaced = 0;  // by its own replacement, in time
     uint64_t late = 0;      // the replacement of an earlier frame came instead
