@@ -87,7 +87,7 @@ TEST(AY4mReader, SaysInOneLineWhyAStreamIsRefused) {
         {start + "W4 H2 C444\n", "chroma '444', only 8-bit 4:2:0"},
     };
     for (const auto& [text, reason] : rows)
-        EXPECT_THAT(errorOf([&] { Y4mReader("in", piecesOf(text, 7)); }),
+        EXPECT_THAT(errorOf([&text = text] { Y4mReader("in", piecesOf(text, 7)); }),
                     AllOf(StartsWith("in: "), HasSubstr(reason), Not(HasSubstr("\n"))));
 }
 
