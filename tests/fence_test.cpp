@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ui/Fence.h>
 
@@ -35,19 +34,6 @@ TEST(AFence, IsWaitedForUntilItSignalsForGood) {
     signaller.join();
     EXPECT_EQ(NO_ERROR, fence->wait(Fence::TIMEOUT_NEVER)) << "a wait must not use the signal up";
     EXPECT_EQ(Fence::Status::Signaled, fence->getStatus());
-}
-
-TEST(AFence, OwnsItsDescriptorAndADuplicateOutlivesIt) {
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    sp<Fence> fence(new Fence(ends[0]));
-    const sp<Fence> outliving(new Fence(fence->dup()));
-    fence.clear();
-    EXPECT_EQ(-1, fcntl(ends[0], F_GETFD)) << "the descriptor must be closed with its fence";
-    EXPECT_EQ(kLate, outliving->wait(0));
-    ASSERT_EQ(1, write(ends[1], "x", 1));
-    EXPECT_EQ(NO_ERROR, outliving->wait(0));
-    close(ends[1]);
 }
 
 }  // namespace
