@@ -100,7 +100,7 @@ status_t ScriptedProducer::cancelBuffer(int slot, const sp<Fence>& fence) {
     std::lock_guard<std::mutex> lock(mLock);
     recordLocked("cancel %d", slot);
     mCancelledFences.push_back(fence);
-    return takeOr(mCancels, status_t{NO_ERROR});
+    return NO_ERROR;
 }
 
 status_t ScriptedProducer::connect(const sp<IProducerListener>& listener, int api,

@@ -30,7 +30,6 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     void onDequeue(const Dequeue& answer) { append(mDequeues, answer); }
     void onRequest(const Request& answer) { append(mRequests, answer); }
     void onQueue(android::status_t status) { append(mQueues, status); }
-    void onCancel(android::status_t status) { append(mCancels, status); }
     void onConnect(android::status_t status) { append(mConnects, status); }
     void onDisconnect(android::status_t status) { append(mDisconnects, status); }
     void onSetMax(android::status_t status) { append(mSetMaxes, status); }
@@ -68,7 +67,7 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     mutable std::mutex mLock;  // guards every member below
     std::deque<Dequeue> mDequeues;
     std::deque<Request> mRequests;
-    std::deque<android::status_t> mQueues, mCancels, mConnects, mDisconnects, mSetMaxes;
+    std::deque<android::status_t> mQueues, mConnects, mDisconnects, mSetMaxes;
     std::function<void()> mWhileDequeueing;
     std::vector<std::string> mCalls;
     std::vector<Queued> mQueued;
