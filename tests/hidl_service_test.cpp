@@ -8,7 +8,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "FakeDesktopService.h"
@@ -22,22 +21,10 @@ using android::hardware::hidl_death_recipient;
 using android::hardware::hidl_string;
 using android::hardware::interfacesEqual;
 using android::hardware::Return;
-using android::hardware::Status;
-using android::hardware::Void;
-using android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
 using android::hidl::base::V1_0::IBase;
-using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 using Operation = FakeDesktopService::Operation;
-
-class Callback : public ICameraDesktopCallback {
-  public:
-    Return<void> onCommand(const hidl_string& command, onCommand_cb _hidl_cb) override {
-        _hidl_cb("re:" + std::string(command));
-        return Void();
-    }
-};
 
 // Notes the cookies in order, and whether every notice named `proxy` on a thread other than the test's.
 class Recipient : public hidl_death_recipient {
@@ -75,7 +62,6 @@ std::string send(const sp<ICameraDesktop>& service, const std::string& command) 
 class ALocalService : public testing::Test {
   protected:
     ALocalService() {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
         service = start("first");
         proxy = ICameraDesktop::tryGetService("default", false);
     }
@@ -100,7 +86,6 @@ class ALocalService : public testing::Test {
     sp<FakeDesktopService> service;
     sp<ICameraDesktop> proxy;
 };
-using ALocalServiceDeathTest = ALocalService;
 
 TEST_F(ALocalService, IsFoundByItsNameAsANewProxyEachTime) {
     ASSERT_NE(proxy, nullptr);
@@ -110,90 +95,6 @@ TEST_F(ALocalService, IsFoundByItsNameAsANewProxyEachTime) {
     EXPECT_TRUE(interfacesEqual(proxy, second));
     EXPECT_FALSE(interfacesEqual(proxy, service));
     EXPECT_FALSE(interfacesEqual(proxy, nullptr));
-    EXPECT_EQ(vel::host::localLookUpCount("default"), 2u);
-
-    sp<ICameraDesktop> found;
-    std::thread waiting([&found] { found = ICameraDesktop::getService("late"); });
-    EXPECT_TRUE(waitUntil([] { return vel::host::localLookUpCount("late") >= 2; }));
-    vel::host::refuseLocalRegistration("late", true);
-    EXPECT_EQ(service->registerAsService("late"), android::UNKNOWN_ERROR);
-    EXPECT_EQ(ICameraDesktop::tryGetService("late"), nullptr);
-    vel::host::refuseLocalRegistration("late", false);
-    EXPECT_EQ(service->registerAsService("late"), android::OK);
-    waiting.join();
-    EXPECT_NE(found, nullptr);
-}
-
-TEST_F(ALocalService, IsReplacedByALaterRegistrationForLaterProxiesOnly) {
-    const sp<FakeDesktopService> successor = start("second");
-    EXPECT_EQ(send(ICameraDesktop::tryGetService(), "x"), "second");
-    EXPECT_EQ(send(proxy, "x"), "first");
-    EXPECT_FALSE(interfacesEqual(proxy, ICameraDesktop::tryGetService()));
-}
-
-TEST_F(ALocalService, IsCastByItsInterfaceChain) {
-    const sp<IBase> base = proxy;
-    EXPECT_EQ(ICameraDesktop::castFrom(base).withDefault(nullptr), proxy);
-    EXPECT_EQ(ICameraDesktopCallback::castFrom(base).withDefault(nullptr), nullptr);
-    kill();
-    EXPECT_EQ(ICameraDesktop::castFrom(base).withDefault(proxy), nullptr);
-}
-
-TEST_F(ALocalService, AnswersOnTheCallersThreadAndMayCallBackMeanwhile) {
-    const std::string withNul("a\0b", 3);
-    const sp<Callback> callback = new Callback;
-    EXPECT_TRUE(proxy->registerCallback(ClientType::CLIENT_CAMERA_HAL, callback).isOk());
-    EXPECT_EQ(service->callback(ClientType::CLIENT_CAMERA_HAL), callback) << "the very object";
-    std::thread::id thread;
-    service->setReply(ClientType::CLIENT_APP, [&](ClientType, const std::string& command) {
-        thread = std::this_thread::get_id();
-        return service->sendToCallback(command).value_or("none");
-    });
-    EXPECT_EQ(send(proxy, withNul), "re:" + withNul);
-    EXPECT_EQ(thread, std::this_thread::get_id());
-}
-
-TEST_F(ALocalService, IsNotAskedByCallsThatFailBefore) {
-    const Return<void> result = proxy->sendCommand(ClientType::CLIENT_APP, "x", nullptr);
-    EXPECT_FALSE(result.isOk());
-    EXPECT_FALSE(result.isDeadObject());
-    vel::host::failNextLocalCalls("default", 1, Status::fromStatusT(android::FAILED_TRANSACTION));
-    EXPECT_TRUE(link(new Recipient, 0)) << "no call to the service";
-    EXPECT_EQ(send(proxy, "x"), "failed");
-    EXPECT_TRUE(service->calls().empty());
-    EXPECT_EQ(send(proxy, "y"), "first");
-}
-
-// A service that breaks the rules of its interface.
-class RuleBreaker : public FakeDesktopService {
-  public:
-    explicit RuleBreaker(int replies) : mReplies(replies) {}
-
-    Return<void> sendCommand(ClientType, const hidl_string&, sendCommand_cb _hidl_cb) override {
-        for (int i = 0; i < mReplies; ++i)
-            _hidl_cb("reply");
-        return Void();
-    }
-    Return<void> setSurface(ClientType, const sp<IGraphicBufferProducer>&) override {
-        return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
-    }
-
-  private:
-    const int mReplies;
-};
-
-sp<ICameraDesktop> proxyOf(const sp<ICameraDesktop>& object) {
-    return object->registerAsService() == android::OK ? ICameraDesktop::tryGetService() : nullptr;
-}
-
-TEST_F(ALocalServiceDeathTest, AbortsWhenItBreaksTheRulesOfItsInterface) {
-    EXPECT_DEATH(send(proxyOf(new RuleBreaker(0)), "x"), "did not call its reply function");
-    EXPECT_DEATH(send(proxyOf(new RuleBreaker(2)), "x"), "called its reply function twice");
-    EXPECT_EQ(send(proxyOf(new RuleBreaker(1)), "x"), "reply");
-    EXPECT_DEATH((void)proxyOf(new RuleBreaker(1))->setSurface(ClientType::CLIENT_APP, nullptr).isOk(),
-                 "a Return should be OK");
-    EXPECT_DEATH(ICameraDesktop::tryGetService("default", true), "passthrough");
-    EXPECT_DEATH((void)proxy->getHashChain([](const auto&) {}).isOk(), "not available");
 }
 
 TEST_F(ALocalService, TellsItsDeathToEachRegistrationOnce) {
