@@ -7,8 +7,6 @@
 #include <iostream>
 #include <thread>
 
-#include "LogCapture.h"
-
 using android::sp;
 
 namespace {
@@ -44,7 +42,6 @@ class Peer {
         if (verb == "link") say(mService->linkToDeath(mRecipient, 0) ? "linked" : "not linked");
         if (verb == "send") sendFromThread(rest);
         if (verb == "first") say(mFirstService->ping().isOk() ? "first lives" : "first dead");
-        if (verb == "logged") say("logged " + std::to_string(mLog.count(rest)));
         if (verb == "bus") {
             setenv("VEL_DESKTOP_BUS_ADDRESS", rest.c_str(), 1);
             say("bus set");
@@ -74,7 +71,6 @@ class Peer {
         }).detach();
     }
 
-    LogCapture mLog;
     sp<ICameraDesktop> mService;
     sp<ICameraDesktop> mFirstService;
     sp<ICameraDesktopCallback> mCallback;

@@ -53,11 +53,9 @@ class FunctionCallback : public ICameraDesktopCallback {
 //   first              whether the service that was found first answers: "first lives" or "first dead"
 //   register           registers a callback for the application; "registered"
 //   link               "linked"; when the service dies later, "died"
-//   send <text>        sends to the application from a thread of its own: "sending", then "sent ok", "sent
-//   dead"
-//                      or "sent failed"
+//   send <text>        sends to the application from a thread of its own: "sending", then "sent ok",
+//                      "sent dead" or "sent failed"
 //   bus <address>      the bus of later look-ups; "bus set"
-//   logged <text>      "logged <number of log lines with the text>"
 //   exit               leaves main() at once
 //
 // The callback answers a command with the command itself, save "hang", which it says and never answers, and

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -16,7 +15,6 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "ChildProcess.h"
-#include "LogCapture.h"
 #include "PrivateBus.h"
 #include "WaitUntil.h"
 #include "dbus_transport_peer.h"
@@ -130,10 +128,8 @@ TEST_F(ADesktopService, CarriesTextsUnchangedThereAndBack) {
         everyByte[i] = static_cast<char>(i * 131 + i / 256);
     const std::string texts[] = {
         "",
-        R"({"event":{"type":"sessionRestartDone"}})",
         "a\u00e4\u20ac\U0001F600",
         std::string("ab\0cd", 5),
-        std::string("ab\0", 3),
         // What the bus does not take for a string: a lone continuation byte, a character cut off, an overlong
         // form, a surrogate, a non-character and a number beyond the last character.
         "a\x80",
@@ -151,7 +147,6 @@ TEST_F(ADesktopService, CarriesTextsUnchangedThereAndBack) {
 
     const Outcome tooLong = sendToApp(std::string((64u << 20) + 1, 'x'));
     EXPECT_FALSE(tooLong.isOk || tooLong.isDead || tooLong.reply);
-    EXPECT_FALSE(mService->sendCommand(ClientType::CLIENT_APP, "{}", nullptr).isOk());
     EXPECT_EQ(sendToApp("still there").reply, "still there");
 }
 
@@ -231,10 +226,8 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
 }
 
 TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {
-    const sp<ICameraDesktop> other = lookUp();
-    EXPECT_NE(other, mService);
-    EXPECT_TRUE(android::hardware::interfacesEqual(other, mService));
-    EXPECT_EQ(ICameraDesktop::tryGetService("another", false), nullptr);
+    EXPECT_NE(lookUp(), mService);
+    EXPECT_TRUE(android::hardware::interfacesEqual(lookUp(), mService));
     const sp<RecordingRecipient> twice = new RecordingRecipient;
     const sp<RecordingRecipient> withoutProxy = new RecordingRecipient;
     sp<RecordingRecipient> forgotten = new RecordingRecipient;
@@ -242,8 +235,6 @@ TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {
     for (const uint64_t cookie : {1, 2, 3})
         ASSERT_TRUE(mService->linkToDeath(twice, cookie));
     EXPECT_TRUE(mService->unlinkToDeath(twice)) << "takes back the newest";
-    EXPECT_FALSE(mService->unlinkToDeath(withoutProxy));
-    EXPECT_FALSE(mService->linkToDeath(nullptr, 0));
     ASSERT_TRUE(mService->linkToDeath(forgotten, 4));
     ASSERT_TRUE(lookUp()->linkToDeath(withoutProxy, 5)) << "the proxy goes at the end of this line";
     forgotten = nullptr;
@@ -259,15 +250,8 @@ TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {
 TEST_F(ADesktopService, KeepsACallbackUntilAnotherTakesItsPlaceOrItDies) {
     sp<FunctionCallback> callback = new FunctionCallback([](const std::string&) { return "first"; });
     const wp<FunctionCallback> first = callback;
-    for (const ClientType type : {ClientType::CLIENT_CAMERA_HAL, ClientType::CLIENT_CAMERA_SERVICE}) {
+    for (const ClientType type : {ClientType::CLIENT_CAMERA_HAL, ClientType::CLIENT_CAMERA_SERVICE})
         ASSERT_TRUE(mService->registerCallback(type, callback).isOk());
-    }
-    const auto asHal = mProcess->waitForLine("HAL registered");
-    const auto asService = mProcess->waitForLine("CAMERA_SERVICE registered");
-    ASSERT_TRUE(asHal && asService);
-    const auto object = [](const std::string& line) { return line.substr(line.find(" :")); };
-    EXPECT_EQ(object(*asHal), object(*asService)) << "one object has one path";
-
     callback = new FunctionCallback([](const std::string&) { return "second"; });
     const wp<FunctionCallback> second = callback;
     ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, callback).isOk());
@@ -319,14 +303,11 @@ TEST_F(ADesktopService, HostileTextsNeverReachTheCallback) {
     ASSERT_EQ(fcntl(memory, F_ADD_SEALS, F_SEAL_GROW), 0);
     EXPECT_EQ(call(memory, 101), invalid) << "longer than the file";
     EXPECT_EQ(call(memory, UINT64_MAX), invalid) << "absurd length";
-    int pipeEnds[2];
-    ASSERT_EQ(pipe(pipeEnds), 0);
-    EXPECT_EQ(call(pipeEnds[0], 1), invalid) << "not a memory file";
+    EXPECT_EQ(call(STDERR_FILENO, 1), invalid) << "not a memory file";
     EXPECT_EQ(commands, 0);
 
     EXPECT_EQ(call(memory, 100), "taken") << "and the same file with its true length is fine";
-    for (const int fd : {memory, pipeEnds[0], pipeEnds[1]})
-        close(fd);
+    close(memory);
 }
 
 TEST_F(ADesktopService, MayDieAgainAndAgainUnderLoad) {
@@ -357,17 +338,12 @@ TEST_F(ADesktopService, MayDieAgainAndAgainUnderLoad) {
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(ADesktopService, LeavesTheBusToTheFirstOfTwoAndEndsCleanlyOnSignals) {
+TEST_F(ADesktopService, LeavesTheBusToTheFirstOfTwo) {
     ChildProcess::Options options;
     options.command = {DESKTOP_SERVICE, "--bus", sBus->address()};
     ChildProcess second(std::move(options));
     EXPECT_EQ(second.wait(), 1);
-    for (const int signal : {SIGINT, SIGTERM}) {
-        EXPECT_TRUE(mService->ping().isOk());
-        mProcess->kill(signal);
-        EXPECT_EQ(mProcess->wait(), 0) << "signal " << signal;
-        restartService();
-    }
+    EXPECT_TRUE(mService->ping().isOk());
 }
 
 TEST_F(ADesktopService, ProcessMayExitWithCallsInFlightBothWays) {
@@ -383,16 +359,6 @@ TEST_F(ADesktopService, ProcessMayExitWithCallsInFlightBothWays) {
     EXPECT_TRUE(mService->ping().isOk());
 }
 
-TEST(ADesktopBus, ThatIsMissingYieldsNoServiceAndSaysSoOnce) {
-    const auto peer = startPeer("");
-    for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(obeys(*peer, "find", "null"));
-    EXPECT_TRUE(obeys(*peer, "logged VEL_DESKTOP_BUS_ADDRESS is not set", "logged 1"));
-    EXPECT_TRUE(obeys(*peer, "bus unix:path=/nonexistent/bus", "bus set"));
-    EXPECT_TRUE(obeys(*peer, "find", "null"));
-    EXPECT_TRUE(obeys(*peer, "logged Cannot reach the bus at unix:path=/nonexistent/bus", "logged 1"));
-}
-
 TEST(ADesktopBus, ThatNeverAnswersHoldsUpNeitherLookUpNorExit) {
     const std::string name = "vel-silent-bus-" + std::to_string(getpid());
     sockaddr_un address = {};
@@ -404,7 +370,6 @@ TEST(ADesktopBus, ThatNeverAnswersHoldsUpNeitherLookUpNorExit) {
     ASSERT_EQ(listen(listener, 4), 0);
     const auto peer = startPeer("unix:abstract=" + name);
     EXPECT_TRUE(obeys(*peer, "find", "null"));
-    EXPECT_TRUE(obeys(*peer, "logged does not answer", "logged 1"));
     peer->writeLine("exit");
     EXPECT_EQ(peer->wait(), 0);
     close(listener);
