@@ -1,5 +1,4 @@
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
-#include <unistd.h>
 
 #include "DetachedThread.h"
 #include "HelperLifetime.h"
@@ -9,12 +8,6 @@
 #include "VelChiDesktopHelper.h"
 
 using rapidjson::Value;
-
-namespace {
-
-constexpr useconds_t kLinkRetryUs = 1000;
-
-}  // namespace
 
 void VelChiDesktopHelper::updateCameraIdOnHalOpen(uint32_t& cameraId) {
     const uint32_t fwkId = cameraId;
@@ -40,9 +33,11 @@ void VelChiDesktopHelper::onHalClose(uint32_t cameraId) {
         return;
     }
     // The link may be held by a call whose peer first sends a command that needs the registry. Waiting for
-    // the link with the registry locked would then never end, so both are let go between the attempts.
-    while (!closeCameraIfLinkIsFree(cameraId))
-        usleep(kLinkRetryUs);
+    // the link with the registry locked would then never end, so the wait is without it. It is a turn in the
+    // queue for the link, since captures may leave it free for moments only, which a pause would miss.
+    while (!closeCameraIfLinkIsFree(cameraId)) {
+        const std::lock_guard<std::mutex> turn(mServiceLock);
+    }
 }
 
 bool VelChiDesktopHelper::closeCameraIfLinkIsFree(uint32_t cameraId) {

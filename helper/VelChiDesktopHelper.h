@@ -173,8 +173,9 @@ class VEL_EXPORT VelChiDesktopHelper {
     /**
      * To be called when the HAL closes a camera, with its framework id. Forgets the open id, the requested
      * override and a pending restart; ends image substitution of a camera in desktop mode. An invalid id is
-     * an error line and nothing else. Needs both locks at once: it waits, without holding either, until the
-     * service link is free, and may then make one call to the service.
+     * an error line and nothing else. Needs both locks at once: it waits its turn for the service link
+     * with the registry free, and may then, with both held, make one call to the service and one to the
+     * application's queue.
      */
     void onHalClose(uint32_t cameraId);
 

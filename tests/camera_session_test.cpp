@@ -162,6 +162,39 @@ TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {
     EXPECT_EQ(record(0).currentOverrideId, kNone);
 }
 
+// Messages follow one another with gaps far shorter than they are: a close that only looks now and then for a
+// free link would let many of them pass.
+TEST_F(ASession, CloseTakesItsTurnAmongMessagesThatKeepTheLinkBusy) {
+    using namespace std::chrono_literals;
+    constexpr int kCloses = 20;
+    service->setReply([](ClientType, const std::string&) {
+        std::this_thread::sleep_for(5ms);  // the peer's own work
+        return std::string();
+    });
+    std::atomic<bool> stop{false};
+    std::atomic<int> sent{0};
+    const auto sendOn = [&] {
+        for (; !stop; ++sent) {
+            helper->setCommandTo(ClientType::CLIENT_APP, "{}");
+            std::this_thread::sleep_for(100us);  // the sender's
+        }
+    };
+    std::thread requests(sendOn);
+    std::thread results(sendOn);
+    int passed = 0;
+    for (int i = 0; i < kCloses; ++i) {
+        const int start = sent;
+        EXPECT_TRUE(waitUntil([&] { return sent > start; }));
+        const int before = sent;
+        helper->onHalClose(0);
+        passed += sent - before;
+    }
+    stop = true;
+    requests.join();
+    results.join();
+    EXPECT_LT(passed, 3 * kCloses);
+}
+
 // Whatever the interleaving, the required id stays valid and a final close leaves the defaults.
 TEST_F(ASession, KeepsARecordWholeUnderOpensClosesSwitchesAndRequests) {
     std::atomic<bool> stop{false};
