@@ -58,8 +58,8 @@ enum DesktopCamIdType : uint8_t {
  * override id is what the HAL opens in its place. Ids are valid below 16; INVALID_CAMERA_ID stands for none.
  *
  * Owned by the process: built by the first getInstance(), destroyed by the static destructors at exit. Unless
- * a method says otherwise any thread may call it. Nothing throws; every failure is one log line and the
- * fallback that the method names.
+ * a method says otherwise any thread may call it. Nothing throws; a failure gives the fallback that the
+ * method names, and most are one log line.
  *
  * Locks: mSettingsLock guards the registry of cameras, mServiceLock the link to the service. Both are plain
  * mutexes; mSettingsLock is taken before mServiceLock, and nobody waits for mServiceLock while holding
@@ -83,7 +83,7 @@ class VEL_EXPORT VelChiDesktopHelper {
     struct DesktopSettings {
         bool isDesktop = false;       // open in desktop mode; set and cleared by the camera events
         bool overrideAllowed = true;  // whether another camera may be opened in its place
-        bool restartPending = false;  // a switch was detected: the next open announces the finished restart
+        bool restartPending = false;  // a switch was detected: every open until the close announces it
         uint32_t defaultOverrideId = INVALID_CAMERA_ID;   // what a close returns requiredOverrideId to
         uint32_t requiredOverrideId = INVALID_CAMERA_ID;  // what the HAL must open next time; always valid
         uint32_t currentOverrideId = INVALID_CAMERA_ID;   // what the HAL has open, or INVALID_CAMERA_ID
@@ -107,7 +107,7 @@ class VEL_EXPORT VelChiDesktopHelper {
     VelChiDesktopHelper& operator=(VelChiDesktopHelper&&) = delete;
 
     // --- The registry: which camera stands behind which id -------------------------------------------------
-    // Queries take mSettingsLock for their whole work, never block on a peer and allocate nothing.
+    // Queries take mSettingsLock for their whole work, make no call to a peer and allocate nothing.
 
     /** Whether the id is below 16. Takes no lock and logs nothing. */
     bool isValidCameraId(uint32_t id) const;
@@ -141,9 +141,9 @@ class VEL_EXPORT VelChiDesktopHelper {
 
     /**
      * Whether the camera open as overrideId must be switched to another id. True marks its record, so that
-     * the next updateCameraIdOnHalOpen() announces the finished restart. fwkId is always written: the
-     * framework id found, or INVALID_CAMERA_ID. False with an error line when overrideId is out of range, not
-     * open, or open for a camera whose override is not allowed. The same variable may be passed for both.
+     * each updateCameraIdOnHalOpen() until the close announces the finished restart. fwkId is always written:
+     * the framework id found, or INVALID_CAMERA_ID. False with an error line when overrideId is out of range,
+     * not open, or open for a camera whose override is not allowed. The same variable may be passed for both.
      */
     bool needsCameraIdSwitch(uint32_t overrideId, uint32_t& fwkId);
 
@@ -295,9 +295,9 @@ class VEL_EXPORT VelChiDesktopHelper {
 
     /**
      * Carries out one command text, a JSON object, and returns the reply text: "PARSE_ERR" for text that is
-     * no JSON, the answer to a query, else "OK_HAL", failed events and unknown keys included. Runs on the
-     * thread that delivers the command; takes mSettingsLock at most, so it may run while an outgoing command
-     * waits.
+     * no JSON, the answer to a configuration or a query, else "OK_HAL", failed events and unknown keys
+     * included. Runs on the thread that delivers the command; of this class's locks it takes mSettingsLock at
+     * most, so it may run while an outgoing command waits.
      */
     VEL_LOCAL std::string handleCommand(const std::string& command);
 
