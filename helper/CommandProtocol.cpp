@@ -166,7 +166,10 @@ std::string VelChiDesktopHelper::handleGetCommand(const Value& get) {
         HELPER_LOGE("Get command not implemented for %s", what.c_str());
         return errorAnswer("Not implemented");
     }
+    return answerOverrideId(get);
+}
 
+std::string VelChiDesktopHelper::answerOverrideId(const Value& get) {
     int originalId = 0;
     std::string clientName;
     const bool idRead = JsonUtils::parseValue(get, keys::kOriginalId, originalId, -1) == 0;

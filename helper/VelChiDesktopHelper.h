@@ -337,6 +337,7 @@ class VEL_EXPORT VelChiDesktopHelper {
     VEL_LOCAL void handleCameraOpenEvent(const JsonValue& event);
     VEL_LOCAL void handleCameraClosedEvent(const JsonValue& event);
     VEL_LOCAL bool isAnyCameraDesktopLocked() const;
+    VEL_LOCAL std::string answerOverrideId(const JsonValue& get);
     VEL_LOCAL uint32_t overrideIdForClient(uint32_t originalId, const std::string& clientName);
 
     // The order of the members is fixed: the HAL reads mImgSubHelper at its place.

@@ -17,10 +17,26 @@ using rapidjson::SizeType;
 using rapidjson::Value;
 
 constexpr char kTag[] = "JsonUtils";
+constexpr char kGetValue[] = "getValue";
 constexpr char kParseValue[] = "parseValue";
 
 // What a result code holds until getValue sets it.
 constexpr int kUnset = INT32_MIN;
+
+// The result code of reading that element, which is not negative, of the value.
+int testElement(const Value& value, const char* name, int index) {
+    if (!value.IsArray()) {
+        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s: '%s' parameter not found, or is not an array",
+                            kGetValue, name);
+        return -ENOENT;
+    }
+    if (value.Size() <= static_cast<SizeType>(index)) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' array insufficient size=%d, index=%d",
+                            kGetValue, name, static_cast<int>(value.Size()), index);
+        return -EOVERFLOW;
+    }
+    return 0;
+}
 
 // Finds the value, tests its type and stores it; logMismatch writes the line for a value of another type.
 template <typename Accepts, typename Store, typename LogMismatch>
@@ -155,10 +171,9 @@ bool JsonUtils::checkExists(const Value& obj, const std::string& name) {
 }
 
 const JsonUtils::Value& JsonUtils::getValue(int& err, const Value& root, const char* name, int index) {
-    static constexpr char kOperation[] = "getValue";
     if (!root.IsObject()) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: Error: JSON root is not an object, name: %s",
-                            kOperation, name);
+                            kGetValue, name);
         err = -EINVAL;
         return root;
     }
@@ -167,26 +182,10 @@ const JsonUtils::Value& JsonUtils::getValue(int& err, const Value& root, const c
         err = -ENOENT;
         return root;
     }
-    const Value& value = member->value;
-    if (index < 0) {
-        err = 0;
-        return value;
-    }
-    if (!value.IsArray()) {
-        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s: '%s' parameter not found, or is not an array",
-                            kOperation, name);
-        err = -ENOENT;
-        return root;
-    }
-    const SizeType position = static_cast<SizeType>(index);
-    if (value.Size() <= position) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' array insufficient size=%d, index=%d",
-                            kOperation, name, static_cast<int>(value.Size()), index);
-        err = -EOVERFLOW;
-        return root;
-    }
     err = 0;
-    return value[position];
+    if (index < 0) return member->value;
+    err = testElement(member->value, name, index);
+    return err == 0 ? member->value[static_cast<SizeType>(index)] : root;
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, bool& out, int index) {
