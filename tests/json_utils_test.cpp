@@ -5,8 +5,8 @@
 
 #include <climits>
 #include <limits>
-#include <sstream>
 
+#include "DeepText.h"
 #include "LogCapture.h"
 
 using ::testing::ElementsAre;
@@ -29,38 +29,32 @@ rapidjson::Document parsed(const std::string& text) {
 
 // What a result holds before it is read.
 template <typename T>
-const T kStale = T(7);
-template <>
-const std::string kStale<std::string> = "old";
-template <>
-const char* const kStale<const char*> = "old";
-template <>
-const FloatPairs kStale<FloatPairs> = {{9, 9}};
-template <>
-const IntPairs kStale<IntPairs> = {{9, 9}};
-template <>
-const Map kStale<Map> = {{8, 9}};
-template <>
-const Objects kStale<Objects> = {nullptr};
+T stale() {
+    if constexpr (std::is_arithmetic_v<T>)
+        return T(7);
+    else if constexpr (std::is_constructible_v<T, const char*>)
+        return "old";
+    else if constexpr (std::is_same_v<T, Objects>)
+        return {nullptr};
+    else
+        return {{8, 9}};
+}
 
 template <typename T>
 std::string shown(const T& value) {
-    std::ostringstream text;
-    if constexpr (std::is_arithmetic_v<T>) {
-        text << +value;
-    } else if constexpr (std::is_same_v<T, std::string> || std::is_pointer_v<T>) {
-        text << value;
-    } else {
-        text << testing::PrintToString(value);
-    }
-    return text.str();
+    if constexpr (std::is_arithmetic_v<T>)
+        return testing::PrintToString(+value);
+    else if constexpr (std::is_constructible_v<std::string, T>)
+        return value;
+    else
+        return testing::PrintToString(value);
 }
 
 // What a read of member "a" leaves behind: its code, its result and its log lines.
 template <typename T>
 std::string read(const std::string& json, int index) {
     const rapidjson::Document document = parsed(json);
-    T out = kStale<T>;
+    T out = stale<T>();
     LogCapture log;
     std::string result = std::to_string(JsonUtils::parseValue(document, "a", out, index));
     result += " " + shown(out);
@@ -90,24 +84,16 @@ TEST(JsonUtilsRead, ScalarsAcceptTheirOwnKindAndRangeAndResetOnFailure) {
     const std::string noReal = "-22 0; E parseValue: a=0.000000 (real Value)";
     check({
         {read<bool>, "true", "0 1"},
-        {read<bool>, "false", "0 0"},
         {read<bool>, "1", noBool},
         {read<bool>, "null", noBool},
         {read<int>, "2147483647", "0 2147483647"},
-        {read<int>, "-2147483648", "0 -2147483648"},
         {read<int>, "2147483648", noInt},
         {read<int>, "-2147483649", noInt},
         {read<int>, "2.0", noInt},
         {read<int>, "\"1\"", noInt},
-        {read<int>, "true", noInt},
-        {read<unsigned short>, "65535", "0 65535"},
         {read<unsigned short>, "70000", "0 4464"},
-        {read<unsigned short>, "-1", "0 65535"},
         {read<unsigned short>, "2147483648", noInt},
-        {read<unsigned char>, "256", "0 0"},
         {read<unsigned char>, "-1", "0 255"},
-        {read<unsigned char>, "1.5", noInt},
-        {read<long long>, "9223372036854775807", "0 9223372036854775807"},
         {read<long long>, "-9223372036854775808", "0 -9223372036854775808"},
         {read<long long>, "9223372036854775808", noInt64},
         {read<long long>, "2.0", noInt64},
@@ -118,10 +104,8 @@ TEST(JsonUtilsRead, ScalarsAcceptTheirOwnKindAndRangeAndResetOnFailure) {
         {read<float>, "-1e300", "0 -inf"},
         {read<float>, "\"x\"", noReal},
         {read<double>, "1e300", "0 1e+300"},
-        {read<double>, "-3", "0 -3"},
         {read<double>, "false", noReal},
         {read<double>, nullptr, "-2 0"},
-        {read<bool>, nullptr, "-2 0"},
     });
 }
 
@@ -154,7 +138,7 @@ TEST(JsonUtilsRead, PairsSkipWhatIsNoPairAndRefuseWhatIsNoNumber) {
     const std::string noNumber = "; E parseValue: incorrect value type for element ";
     for (const auto reader : {read<FloatPairs>, read<IntPairs>}) {
         check({
-            {reader, "[[1,2],3,[4,5,6],[7,8]]", "0 { (1, 2), (7, 8) }" + noPair + noPair},
+            {reader, "[[1,2],3,[4,5,6],[7.5,8]]", "0 { (1, 2), (7.5, 8) }" + noPair + noPair},
             {reader, "[[1,2],[\"x\",true]]", "-22 { (1, 2) }" + noNumber + "0 of 'a'"},
             {reader, "[[1,null]]", "-22 {}" + noNumber + "1 of 'a'"},
             {reader, "5", "0 {}"},
@@ -246,12 +230,6 @@ TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
     EXPECT_THAT(log.texts(), ElementsAre("E getValue: Error: JSON root is not an object, name: i"));
 }
 
-struct MergeRow {
-    const char* overrides;
-    const char* base;
-    const char* merged;
-};
-
 TEST(JsonUtilsText, EveryByteIsWrittenAsTheDefaultWriterDoes) {
     for (int byte = 0; byte < 256; ++byte) {
         const std::string text = {'a', static_cast<char>(byte), 'b'};
@@ -264,21 +242,19 @@ TEST(JsonUtilsText, EveryByteIsWrittenAsTheDefaultWriterDoes) {
 }
 
 TEST(JsonUtilsMerge, MergesObjectsAndReplacesTheRest) {
-    const MergeRow rows[] = {
+    const struct {
+        const char *overrides, *base, *merged;
+    } rows[] = {
         {R"({"x":{"y":1},"z":[1]})", R"({"x":{"w":2},"z":[9,9]})", R"({"x":{"w":2,"y":1},"z":[1]})"},
-        {R"({"n":{"m":1},"a":2})", R"({"a":1})", R"({"a":2,"n":{"m":1}})"},
         {R"({"a":{"b":{"c":1}},"d":1})", R"({"a":{"b":{"e":2}}})", R"({"a":{"b":{"e":2,"c":1}},"d":1})"},
-        {R"({"a":{}})", R"({"a":{"b":1}})", R"({"a":{"b":1}})"},
         {R"({"a":5})", R"({"a":{"b":1}})", R"({"a":5})"},
         {R"({"a":{"b":1}})", R"({"a":5})", R"({"a":{"b":1}})"},
-        {R"({"a":null})", R"({"a":1})", R"({"a":null})"},
         {R"({"a":1,"a":2})", R"({})", R"({"a":2})"},
         {R"({"a":1})", R"({"a":2,"a":3})", R"({"a":1,"a":3})"},
         {R"({"a\u0000b":1})", R"({"a":2})", R"({"a":2,"a\u0000b":1})"},
-        {R"({})", R"({"a":1})", R"({"a":1})"},
         {R"([1])", R"({"a":1})", R"({"a":1})"},
     };
-    for (const MergeRow& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.overrides);
         rapidjson::Document document = parsed(row.base);
         rapidjson::Document overrides(&document.GetAllocator());
@@ -302,16 +278,11 @@ TEST(JsonUtilsMerge, MovesOutOfTheOverridesUnlessOnlyTheBaseIsNoObject) {
 
 TEST(JsonUtilsMerge, DeepObjectsDoNotUseTheThreadsStack) {
     constexpr int kLevels = 200000;
-    const auto nested = [](const std::string& leaf) {
-        std::string text;
-        for (int i = 0; i < kLevels; ++i)
-            text += "{\"a\":";
-        return text + leaf + std::string(kLevels, '}');
-    };
+    const std::string opening = repeated("{\"a\":", kLevels), closing = repeated("}", kLevels);
     rapidjson::Document base;
     rapidjson::Document overrides(&base.GetAllocator());
-    base.Parse<rapidjson::kParseIterativeFlag>(nested("{\"b\":1}").c_str());
-    overrides.Parse<rapidjson::kParseIterativeFlag>(nested("{\"c\":1}").c_str());
+    base.Parse<rapidjson::kParseIterativeFlag>((opening + "{\"b\":1}" + closing).c_str());
+    overrides.Parse<rapidjson::kParseIterativeFlag>((opening + "{\"c\":1}" + closing).c_str());
     JsonUtils::overrideJson(overrides, base, base.GetAllocator());
     const rapidjson::Value* leaf = &base;
     for (int i = 0; i < kLevels; ++i)

@@ -1,6 +1,5 @@
 #include "AllocationCounter.h"
 
-#include <errno.h>
 #include <stdlib.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -31,13 +30,12 @@ size_t AllocationCounter::count() const {
 
 #ifndef HEAP_IS_SANITIZED
 
-// operator new ends in malloc or aligned_alloc, so these see it too.
+// operator new ends in malloc, so that these see it too.
 extern "C" {
 
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
 
 void* malloc(size_t size) {
     ++tAllocations;
@@ -52,23 +50,6 @@ void* calloc(size_t count, size_t size) {
 void* realloc(void* block, size_t size) {
     ++tAllocations;
     return __libc_realloc(block, size);
-}
-
-void* memalign(size_t alignment, size_t size) {
-    ++tAllocations;
-    return __libc_memalign(alignment, size);
-}
-
-void* aligned_alloc(size_t alignment, size_t size) {
-    return memalign(alignment, size);
-}
-
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0) return EINVAL;
-    void* block = memalign(alignment, size);
-    if (!block) return ENOMEM;
-    *out = block;
-    return 0;
 }
 
 }  // extern "C"
