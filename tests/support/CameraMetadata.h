@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,9 +55,17 @@ class VendorTags {
     };
 
     VendorTags(const char* section, std::initializer_list<Tag> tags) : mSection(section), mTags(tags) {
-        mOps.base = {count, all, section_name, tag_name, tag_type, {}};
-        mOps.self = this;
-        set_camera_metadata_vendor_ops(&mOps.base);
+        static const vendor_tag_ops_t ops = {
+            [](const vendor_tag_ops_t*) { return static_cast<int>(sKnown->mTags.size()); },
+            [](const vendor_tag_ops_t*, uint32_t* ids) {
+                std::iota(ids, ids + sKnown->mTags.size(), uint32_t{VENDOR_SECTION_START});
+            },
+            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? sKnown->mSection.c_str() : nullptr; },
+            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? at(id)->name : nullptr; },
+            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? at(id)->type : -1; },
+            {}};
+        sKnown = this;
+        set_camera_metadata_vendor_ops(&ops);
     }
     ~VendorTags() { set_camera_metadata_vendor_ops(nullptr); }
     VendorTags(const VendorTags&) = delete;
@@ -69,36 +79,18 @@ class VendorTags {
         id = static_cast<unsigned>(VENDOR_SECTION_START + (tag - mTags.begin()));
         return true;
     }
+    std::function<bool(const char* section, const char* name, unsigned& id)> resolver() const {
+        return
+            [this](const char* section, const char* name, unsigned& id) { return find(section, name, id); };
+    }
 
   private:
-    struct Ops {
-        vendor_tag_ops_t base;
-        VendorTags* self;
-    };
-
-    static const VendorTags& of(const vendor_tag_ops_t* ops) {
-        return *reinterpret_cast<const Ops*>(ops)->self;
-    }
-    static const Tag* at(const vendor_tag_ops_t* ops, uint32_t tag) {
-        const size_t index = tag - VENDOR_SECTION_START;
-        return index < of(ops).mTags.size() ? &of(ops).mTags[index] : nullptr;
-    }
-    static int count(const vendor_tag_ops_t* ops) { return static_cast<int>(of(ops).mTags.size()); }
-    static void all(const vendor_tag_ops_t* ops, uint32_t* tags) {
-        for (size_t i = 0; i < of(ops).mTags.size(); ++i)
-            tags[i] = static_cast<uint32_t>(VENDOR_SECTION_START + i);
-    }
-    static const char* section_name(const vendor_tag_ops_t* ops, uint32_t tag) {
-        return at(ops, tag) ? of(ops).mSection.c_str() : nullptr;
-    }
-    static const char* tag_name(const vendor_tag_ops_t* ops, uint32_t tag) {
-        return at(ops, tag) ? at(ops, tag)->name : nullptr;
-    }
-    static int tag_type(const vendor_tag_ops_t* ops, uint32_t tag) {
-        return at(ops, tag) ? at(ops, tag)->type : -1;
+    static const Tag* at(uint32_t id) {
+        const size_t index = id - VENDOR_SECTION_START;
+        return index < sKnown->mTags.size() ? &sKnown->mTags[index] : nullptr;
     }
 
+    static inline VendorTags* sKnown;
     const std::string mSection;
     const std::vector<Tag> mTags;
-    Ops mOps = {};
 };

@@ -12,26 +12,29 @@
 
 class AMetadataHandler : public ::testing::Test {
   protected:
-    void setResults(const std::string& list) { handler.setResultsOfInterest(parsed(list).root()); }
-    void setRequests(const std::string& list) { handler.setRequestsOfInterest(parsed(list).root()); }
+    void setResults(const std::string& list) {
+        JsonMessage message;
+        EXPECT_TRUE(message.parse(list)) << list;
+        handler.setResultsOfInterest(message.root());
+    }
+    void setRequests(const std::string& list) {
+        JsonMessage message;
+        EXPECT_TRUE(message.parse(list)) << list;
+        handler.setRequestsOfInterest(message.root());
+    }
     void import(Capture& capture, const std::string& object) {
-        handler.convertToMetadata(capture.md, parsed(object).root());
+        JsonMessage message;
+        EXPECT_TRUE(message.parse(object)) << object;
+        handler.convertToMetadata(capture.md, message.root());
     }
     std::string exported(Capture& capture) {
         JsonMessage message;
         handler.convertFromMetadata(capture.md, message.root(), message.allocator());
         return message.toText();
     }
+    void resolveBy(const VendorTags& tags) { handler.setVendorTagCallback(tags.resolver()); }
     std::vector<std::string> logged() const { return log.texts("MetadataHandler"); }
 
     LogCapture log;
     MetadataHandler handler;
-
-  private:
-    JsonMessage& parsed(const std::string& text) {
-        EXPECT_TRUE(mInput.parse(text)) << text;
-        return mInput;
-    }
-
-    JsonMessage mInput;
 };
