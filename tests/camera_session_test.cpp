@@ -1,57 +1,31 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <hidl_host/LocalServices.h>
 
-#include <atomic>
 #include <future>
 #include <thread>
 
-#include "DesktopHelperTestAccess.h"
-#include "DetachedThread.h"
-#include "FakeDesktopService.h"
-#include "LogCapture.h"
-#include "ServiceCalls.h"
-#include "WaitUntil.h"
+#include "HelperFixture.h"
+#include "RepeatedActions.h"
 
 namespace {
 
-using Access = DesktopHelperTestAccess;
-using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr uint32_t kNone = 65535;
-constexpr char kTag[] = "VelCameraDesktopChiHelper";
 std::string restartDone(const std::string& overrideId) {
     return R"(sendCommand 0 {"event":{"type":"sessionRestartDone"},"cameraIds":{"originalId":0,"overrideId":)" +
            overrideId + "}}";
 }
 
-class ASession : public testing::Test {
+class ASession : public ConnectedHelperFixture {
   protected:
-    ASession() : service(FakeDesktopService::start()), helper(Access::create()) { log.clear(); }
-    ~ASession() override {
-        messages();
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-
     uint32_t open(uint32_t fwkId) {
-        uint32_t cameraId = fwkId;
-        helper->updateCameraIdOnHalOpen(cameraId);
-        return cameraId;
+        helper->updateCameraIdOnHalOpen(fwkId);
+        return fwkId;
     }
-    // The messages sent so far, once no thread is left that could send another.
     std::vector<std::string> messages() {
-        EXPECT_TRUE(waitUntil([] { return detached_thread::liveCount() == 0; }));
-        return describe(service->calls(FakeDesktopService::Operation::SEND_COMMAND));
+        awaitThreads();
+        return service->calls(Operation::SEND_COMMAND);
     }
-    VelChiDesktopHelper::DesktopSettings& record(uint32_t fwkId) { return Access::settings(*helper, fwkId); }
-    std::vector<std::string> logged() const { return log.texts(kTag); }
-
-    LogCapture log;
-    android::sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> helper;
 };
 
 TEST_F(ASession, OpensTheRequiredCameraOrItsOwnWhenTheOverrideIsNotAllowed) {
@@ -85,7 +59,7 @@ TEST_F(ASession, LeavesAnInvalidIdAlone) {
                                       testing::MatchesRegex("E onHalClose:[0-9]+ Invalid camera id 65535")));
 }
 
-TEST_F(ASession, AsksTheCameraServiceForARestartOnceWhenAnOpenCameraMustChange) {
+TEST_F(ASession, AsksForARestartOnceAndAnnouncesItAtEveryOpenUntilTheClose) {
     service->setReply(ClientType::CLIENT_CAMERA_SERVICE, "YES");
     open(0);
     helper->setRequiredOverrideId(0, 2);
@@ -93,16 +67,10 @@ TEST_F(ASession, AsksTheCameraServiceForARestartOnceWhenAnOpenCameraMustChange) 
     EXPECT_EQ(record(0).requiredOverrideId, 2u);
     EXPECT_THAT(messages(), ElementsAre(R"(sendCommand 1 {"restartNeeded":{"cameraId":"0"}})"));
     EXPECT_THAT(logged(), ElementsAre("D triggerSessionRestart: CameraService replied YES"));
-
     helper->setRequiredOverrideId(0, 4);
-    EXPECT_EQ(record(0).requiredOverrideId, 4u);
     EXPECT_EQ(messages().size(), 1u) << "going back to the open camera needs no restart";
-}
 
-TEST_F(ASession, AnnouncesTheFinishedRestartAtEveryOpenUntilTheClose) {
-    open(0);
-    helper->setRequiredOverrideId(0, 2);
-    messages();
+    record(0).requiredOverrideId = 2;
     service->forgetCalls();
     uint32_t fwkId = kNone;
     ASSERT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
@@ -125,14 +93,13 @@ TEST_F(ASession, AnnouncesTheFinishedRestartAtEveryOpenUntilTheClose) {
 }
 
 TEST_F(ASession, GoesOnWhenItsMessagesCannotBeDelivered) {
-    vel::host::killLocalService("default");
-    vel::host::awaitDeathNotices();
+    kill();
     open(0);
     helper->setRequiredOverrideId(0, 2);
     uint32_t fwkId = kNone;
     EXPECT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
     EXPECT_EQ(open(0), 2u);
-    messages();
+    awaitThreads();
     EXPECT_EQ(log.count("triggerSessionRestart: CameraService replied "), 1u);
     EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
     EXPECT_EQ(log.count("Service not available"), 2u);
@@ -143,19 +110,19 @@ TEST_F(ASession, GoesOnWhenItsMessagesCannotBeDelivered) {
 TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {
     open(0);
     std::promise<std::string> talkedBack;
-    service->setReply([&](ClientType, const std::string&) {
+    service->setReply(ClientType::CLIENT_APP, [&](ClientType, const std::string&) {
         talkedBack.set_value(
             service->sendToCallback(R"({"get":{"what":"overrideId","originalId":0}})").value_or("nobody"));
         return std::string("OK_APP");
     });
-    service->block(FakeDesktopService::Operation::SEND_COMMAND);
+    service->block(Operation::SEND_COMMAND);
     std::thread sender([&] { helper->sendSessionRestartDoneToApp(0, 2); });
-    ASSERT_TRUE(service->awaitBlocked(FakeDesktopService::Operation::SEND_COMMAND));
+    ASSERT_TRUE(service->awaitBlocked(Operation::SEND_COMMAND));
 
     std::future<void> closing = std::async(std::launch::async, [&] { helper->onHalClose(0); });
     EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
     EXPECT_EQ(helper->getCurrentOverrideId(0), 4u) << "the registry answers meanwhile";
-    service->unblock(FakeDesktopService::Operation::SEND_COMMAND);
+    service->unblock(Operation::SEND_COMMAND);
     sender.join();
     closing.get();
     EXPECT_EQ(talkedBack.get_future().get(), R"({"overrideId":4})");
@@ -167,20 +134,19 @@ TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {
 TEST_F(ASession, CloseTakesItsTurnAmongMessagesThatKeepTheLinkBusy) {
     using namespace std::chrono_literals;
     constexpr int kCloses = 20;
-    service->setReply([](ClientType, const std::string&) {
+    service->setReply(ClientType::CLIENT_APP, [](ClientType, const std::string&) {
         std::this_thread::sleep_for(5ms);  // the peer's own work
         return std::string();
     });
-    std::atomic<bool> stop{false};
     std::atomic<int> sent{0};
     const auto sendOn = [&] {
-        for (; !stop; ++sent) {
-            helper->setCommandTo(ClientType::CLIENT_APP, "{}");
-            std::this_thread::sleep_for(100us);  // the sender's
-        }
+        helper->setCommandTo(ClientType::CLIENT_APP, "{}");
+        ++sent;
+        std::this_thread::sleep_for(100us);  // the sender's
     };
-    std::thread requests(sendOn);
-    std::thread results(sendOn);
+    RepeatedActions requestsAndResults;
+    requestsAndResults.add(sendOn);
+    requestsAndResults.add(sendOn);
     int passed = 0;
     for (int i = 0; i < kCloses; ++i) {
         const int start = sent;
@@ -189,37 +155,22 @@ TEST_F(ASession, CloseTakesItsTurnAmongMessagesThatKeepTheLinkBusy) {
         helper->onHalClose(0);
         passed += sent - before;
     }
-    stop = true;
-    requests.join();
-    results.join();
     EXPECT_LT(passed, 3 * kCloses);
 }
 
 // Whatever the interleaving, the required id stays valid and a final close leaves the defaults.
 TEST_F(ASession, KeepsARecordWholeUnderOpensClosesSwitchesAndRequests) {
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    const auto repeat = [&](auto action) {
-        threads.emplace_back([&stop, action] {
-            while (!stop)
-                action();
-        });
-    };
-    repeat([&] {
-        const uint32_t cameraId = open(0);
-        EXPECT_LT(cameraId, 16u);
-    });
-    repeat([&] { helper->onHalClose(0); });
-    repeat([&] {
+    RepeatedActions others;
+    others.add([&] { EXPECT_LT(open(0), 16u); });
+    others.add([&] { helper->onHalClose(0); });
+    others.add([&] {
         uint32_t fwkId = 0;
         (void)helper->needsCameraIdSwitch(2, fwkId);
     });
-    repeat([&] { helper->handleCommand(R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true}})"); });
+    others.add([&] { send(R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true}})"); });
     for (uint32_t id = 0; id < 300; ++id)
         helper->setRequiredOverrideId(0, id % 16);
-    stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    others.stop();
     helper->onHalClose(0);
     EXPECT_EQ(record(0).currentOverrideId, kNone);
     EXPECT_EQ(record(0).requiredOverrideId, 4u);

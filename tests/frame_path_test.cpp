@@ -10,7 +10,6 @@
 #include "FakeDesktopService.h"
 #include "LogCapture.h"
 #include "ScriptedProducer.h"
-#include "ServiceCalls.h"
 
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
@@ -103,7 +102,7 @@ TEST_F(AFramePath, WithoutASurfaceTriesAgainAtEachFrameAndLendsOneCallLater) {
     offer(script);
     EXPECT_EQ(helper->getFrameToFill(), nullptr) << "this call only connects";
     EXPECT_NE(helper->getFrameToFill(), nullptr);
-    EXPECT_THAT(describe(service->calls(FakeDesktopService::Operation::GET_SURFACE)),
+    EXPECT_THAT(service->calls(FakeDesktopService::Operation::GET_SURFACE),
                 ElementsAre("getSurface 0", "getSurface 0", "getSurface 0"));
 }
 

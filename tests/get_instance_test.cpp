@@ -14,7 +14,6 @@
 #include "FakeDesktopService.h"
 #include "HelperLifetime.h"
 #include "VelChiDesktopHelper.h"
-#include "WaitUntil.h"
 
 namespace {
 
@@ -30,6 +29,9 @@ class EagerService : public FakeDesktopService {
         command();
         std::thread(&EagerService::command, this).join();
         ++registrations;
+        // Lets the other first callers come in meanwhile.
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();
         return android::hardware::Void();
     }
 
@@ -44,36 +46,31 @@ class EagerService : public FakeDesktopService {
     }
 };
 
-[[noreturn]] void getInstanceFromManyThreads() {
-    alarm(60);
+void getInstanceFromManyThreads() {
     const android::sp<EagerService> service = new EagerService;
     if (service->registerAsService() != android::OK) _exit(2);
     std::atomic<int> ready{0};
-    std::vector<VelChiDesktopHelper*> instances(kThreads, nullptr);
+    std::atomic<int> sameAsSeen{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
+        threads.emplace_back([&] {
             ++ready;
             while (ready < kThreads)
                 std::this_thread::yield();
-            instances[i] = VelChiDesktopHelper::getInstance();
+            if (VelChiDesktopHelper::getInstance() == service->seen) ++sameAsSeen;
         });
     }
     for (std::thread& thread : threads)
         thread.join();
-    VelChiDesktopHelper* const instance = VelChiDesktopHelper::getInstance();
-    bool allSame = instance != nullptr && service->seen == instance;
-    for (VelChiDesktopHelper* each : instances)
-        allSame = allSame && each == instance;
     uint32_t cameraId = 0;
-    instance->updateCameraIdOnHalOpen(cameraId);
-    const bool asExpected = allSame && service->registrations == 1 && service->answers == 2 && cameraId == 2;
+    VelChiDesktopHelper::getInstance()->updateCameraIdOnHalOpen(cameraId);
+    const bool asExpected =
+        sameAsSeen == kThreads && service->registrations == 1 && service->answers == 2 && cameraId == 2;
     std::exit(asExpected ? 0 : 1);
 }
 
 // A service dies, and the process exits while the reconnection sleeps.
-[[noreturn]] void exitDuringReconnection(useconds_t afterDeath) {
-    alarm(60);
+void exitDuringReconnection(useconds_t afterDeath) {
     FakeDesktopService::start();
     (void)VelChiDesktopHelper::getInstance();
     vel::host::killLocalService("default");
@@ -84,8 +81,7 @@ class EagerService : public FakeDesktopService {
 }
 
 // The process exits while a message waits at its peer.
-[[noreturn]] void exitDuringAMessage() {
-    alarm(60);
+void exitDuringAMessage() {
     const auto service = FakeDesktopService::start();
     service->block(FakeDesktopService::Operation::SEND_COMMAND);
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
@@ -96,24 +92,28 @@ class EagerService : public FakeDesktopService {
     std::exit(0);
 }
 
-class TheInstance : public testing::Test {
-  protected:
-    // Each case starts the test program anew, so that its first getInstance() is the process's first.
-    TheInstance() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-};
-
-TEST_F(TheInstance, IsOneForAllFirstCallersAndForCommandsThatArriveDuringItsConstruction) {
-    EXPECT_EXIT(getInstanceFromManyThreads(), testing::ExitedWithCode(0), "");
+// Starts the test program anew, so that the body's first getInstance() is the process's first.
+template <typename Body>
+void expectGoodExit(const Body& body) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto limited = [&] {
+        alarm(60);
+        body();
+    };
+    EXPECT_EXIT(limited(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(TheInstance, MayBeDestroyedWhileTheReconnectionSleeps) {
-    EXPECT_EXIT(exitDuringReconnection(0), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(exitDuringReconnection(100 * 1000), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(exitDuringReconnection(499 * 1000), testing::ExitedWithCode(0), "");
+TEST(TheInstance, IsOneForAllFirstCallersAndForCommandsThatArriveDuringItsConstruction) {
+    expectGoodExit(getInstanceFromManyThreads);
 }
 
-TEST_F(TheInstance, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
-    EXPECT_EXIT(exitDuringAMessage(), testing::ExitedWithCode(0), "");
+TEST(TheInstance, MayBeDestroyedWhileTheReconnectionSleeps) {
+    for (const useconds_t afterDeath : {0, 100 * 1000, 499 * 1000})
+        expectGoodExit([&] { exitDuringReconnection(afterDeath); });
+}
+
+TEST(TheInstance, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
+    expectGoodExit(exitDuringAMessage);
 }
 
 }  // namespace

@@ -1,33 +1,25 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <gui/IGraphicBufferProducer.h>
-#include <hidl_host/LocalServices.h>
 
-#include <atomic>
-#include <thread>
-
-#include "DesktopHelperTestAccess.h"
-#include "FakeDesktopService.h"
-#include "LogCapture.h"
-#include "ReplacementFrame.h"
-#include "ServiceCalls.h"
+#include "HelperFixture.h"
+#include "RepeatedActions.h"
 #include "VelImgSubHelper.h"
 
 namespace {
 
-using Access = DesktopHelperTestAccess;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Operation = FakeDesktopService::Operation;
+
+using Members = std::map<std::string, std::string>;
 
 // The command, with some of its members replaced: each change is "key":value, and no value takes the key out.
-std::string command(const std::map<std::string, std::string>& changes = {}) {
-    std::map<std::string, std::string> members = {{"version", "\"v1\""},
-                                                  {"image-width", "640"},
-                                                  {"image-height", "480"},
-                                                  {"hal-consumer-usage", "3"},
-                                                  {"hal-consumer-buffer-count", "10"},
-                                                  {"hal-consumer-v4l2-format", "\"RAW_PRIVATE\""}};
+std::string command(const Members& changes = {}) {
+    Members members = {{"version", "\"v1\""},
+                       {"image-width", "640"},
+                       {"image-height", "480"},
+                       {"hal-consumer-usage", "3"},
+                       {"hal-consumer-buffer-count", "10"},
+                       {"hal-consumer-v4l2-format", "\"RAW_PRIVATE\""}};
     for (const auto& [key, value] : changes)
         members[key] = value;
     std::string text;
@@ -37,73 +29,48 @@ std::string command(const std::map<std::string, std::string>& changes = {}) {
     return "{\"imgsub-configure-stream\":{" + text + "}}";
 }
 
-std::string accepted(uint32_t width) {
+std::string accepted(uint32_t width = 460896) {
     return "{\"app-consumer-width\":" + std::to_string(width) +
            R"(,"app-consumer-height":1,"app-consumer-buffer-count":6,"app-consumer-v4l2-format":"RAW_PRIVATE",)"
            R"("using-private-header-version":"v1"})";
 }
 
-class AnImgSubConfiguration : public testing::Test {
+class AnImgSubConfiguration : public ConnectedHelperFixture {
   protected:
-    AnImgSubConfiguration() : service(FakeDesktopService::start()), helper(Access::create()) {
+    // The surfaces set since this was asked for the last time.
+    std::vector<std::string> surfaceCalls() {
+        const std::vector<std::string> calls = service->calls(Operation::SET_SURFACE);
         service->forgetCalls();
-        log.clear();
+        return calls;
     }
-    ~AnImgSubConfiguration() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-
-    std::string send(const std::string& text) { return helper->handleCommand(text); }
-    std::vector<std::string> surfaceCalls() { return describe(service->calls(Operation::SET_SURFACE)); }
-
-    LogCapture log;
-    android::sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> helper;
+    void openDesktopCamera() { send(R"({"event":{"type":"cameraOpen","id":"1","isDesktop":true}})"); }
 };
-
-TEST(AReplacementFrame, IsSizedWithASignedProductAndSaturates) {
-    struct {
-        int32_t width, height;
-        uint32_t rowBytes;
-    } const rows[] = {
-        {1920, 1080, 3110496},      {640, 480, 460896}, {3, 3, 112}, {0, 5, 96}, {-1, 1, 96}, {-1000, 1, 0},
-        {65536, 65536, 96},  // the product wraps to 0
-        {50000, 50000, 0},   // and here to a negative number
-        {INT32_MAX, 1, 3221225568},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(replacement_frame::rowBytes(row.width, row.height), row.rowBytes) << row.width;
-}
 
 TEST_F(AnImgSubConfiguration, CreatesTheHelperAndIsAnsweredAloneAndAfterTheFilters) {
     std::string text = command();
     text.insert(1, R"("general":{"originalId":0,"overrideId":2},"get":{"what":"version"},"event":5,)");
-    EXPECT_EQ(send(text), accepted(460896));
-    EXPECT_EQ(Access::settings(*helper, 0).requiredOverrideId, 4u);
+    EXPECT_EQ(send(text), accepted());
+    EXPECT_EQ(record(0).requiredOverrideId, 4u);
     EXPECT_NE(helper->mImgSubHelper, nullptr);
     EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null", "setSurface 7 producer"));
     EXPECT_EQ(log.count("handleImgSubStreamConfig called"), 1u);
     for (const char* value : {"null", "5", "[]", "\"x\""})
         EXPECT_EQ(send(std::string(R"({"imgsub-configure-stream":)") + value + "}"), "error");
 
-    vel::host::killLocalService("default");
-    vel::host::awaitDeathNotices();
+    kill();
     helper->mImgSubHelper.reset();
-    EXPECT_EQ(send(command()), accepted(460896));
+    EXPECT_EQ(send(command()), accepted());
     EXPECT_NE(helper->mImgSubHelper, nullptr) << "also without a service";
 }
 
 TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
     send(command());
     const auto before = helper->mImgSubHelper;
-    service->forgetCalls();
+    surfaceCalls();
     for (const char* key : {"version", "image-width", "image-height", "hal-consumer-usage",
                             "hal-consumer-buffer-count", "hal-consumer-v4l2-format"}) {
-        for (const char* value : {"", "null", "[]", "{}", "1.5", "true"}) {
-            SCOPED_TRACE(std::string(key) + " " + value);
-            EXPECT_EQ(send(command({{key, value}})), std::string(key) + " missing");
-        }
+        for (const char* value : {"", "null", "[]", "{}", "1.5", "true"})
+            EXPECT_EQ(send(command({{key, value}})), std::string(key) + " missing") << value;
     }
     EXPECT_EQ(send(command({{"image-width", "4294967296"}, {"image-height", ""}})), "image-width missing")
         << "the first unreadable member is named";
@@ -113,40 +80,50 @@ TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
 
 TEST_F(AnImgSubConfiguration, ThatIsRefusedEndsTheEarlierSubstitution) {
     const std::string noReader = "Failed to create AImageReader";
-    const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
+    std::vector<std::pair<Members, std::string>> cases = {
         {{{"hal-consumer-v4l2-format", "\"NV12\""}}, "Invalid format"},
         {{{"image-width", "50000"}, {"image-height", "50000"}}, noReader},
         {{{"image-width", "-1000"}, {"image-height", "1"}}, noReader},
-        {{{"image-width", "2147483647"}, {"image-height", "1"}}, noReader},
-        {{{"hal-consumer-buffer-count", "0"}}, noReader},
-        {{{"hal-consumer-buffer-count", "-1"}}, noReader},
-        {{{"hal-consumer-buffer-count", "63"}}, noReader},
-        {{{"hal-consumer-buffer-count", "64"}}, noReader},
-        {{{"hal-consumer-buffer-count", "100000"}}, noReader},
-    };
+        {{{"image-width", "2147483647"}, {"image-height", "1"}}, noReader}};
+    for (const char* count : {"0", "-1", "63", "64", "100000"})
+        cases.push_back({{{"hal-consumer-buffer-count", count}}, noReader});
     for (const auto& [changes, reply] : cases) {
         SCOPED_TRACE(command(changes));
         send(command());
-        service->forgetCalls();
+        surfaceCalls();
         EXPECT_EQ(send(command(changes)), reply);
         EXPECT_EQ(helper->mImgSubHelper, nullptr);
         EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
     }
     EXPECT_EQ(log.count("Bad format received: NV12"), 1u);
-    EXPECT_EQ(log.count(noReader), std::size(cases) - 1);
+    EXPECT_EQ(log.count(noReader), cases.size() - 1);
+}
+
+TEST_F(AnImgSubConfiguration, LeavesAHelperThatIsStillHeldWithoutTheApplication) {
+    openDesktopCamera();
+    const std::function<void()> ends[] = {[&] { send(command()); }, [&] { helper->onHalClose(1); }};
+    for (const auto& end : ends) {
+        send(command());
+        const auto held = helper->mImgSubHelper;
+        end();
+        EXPECT_NE(helper->mImgSubHelper, held);
+        service->forgetCalls();
+        EXPECT_EQ(held->imgSubGetOutputFrameToFill(0), nullptr);
+        EXPECT_THAT(service->calls(), IsEmpty()) << "not even asked for a surface";
+    }
 }
 
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
     for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}})
         EXPECT_EQ(send(command({{"image-width", width}, {"image-height", height}})), accepted(96));
-    EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted(460896));
+    EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted());
 }
 
 TEST_F(AnImgSubConfiguration, GivesTheReaderTheAskedUsageOrItsOwn) {
     for (const auto& [asked, expected] : {std::pair{"-1", 3}, {"3", 3}, {"51", 51}}) {
-        EXPECT_EQ(send(command({{"hal-consumer-usage", asked}})), accepted(460896));
+        EXPECT_EQ(send(command({{"hal-consumer-usage", asked}})), accepted());
         int32_t usage = 0;
-        const auto surface = service->surface(FakeDesktopService::ClientType::CLIENT_IMG_SUB);
+        const auto surface = service->surface(ClientType::CLIENT_IMG_SUB);
         EXPECT_TRUE(
             surface->query(NATIVE_WINDOW_CONSUMER_USAGE_BITS, [&](int32_t, int32_t told) { usage = told; })
                 .isOk());
@@ -158,13 +135,12 @@ TEST_F(AnImgSubConfiguration, EndsWithTheCloseOfADesktopCameraOnly) {
     send(command());
     helper->onHalClose(1);
     EXPECT_NE(helper->mImgSubHelper, nullptr);
-    send(R"({"event":{"type":"cameraOpen","id":"1","isDesktop":true}})");
-    service->forgetCalls();
+    openDesktopCamera();
+    surfaceCalls();
     helper->onHalClose(1);
     EXPECT_EQ(helper->mImgSubHelper, nullptr);
-    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
     helper->onHalClose(1);
-    EXPECT_EQ(surfaceCalls().size(), 1u) << "nothing is left to end";
+    EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null")) << "nothing was left to end";
 }
 
 TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
@@ -172,7 +148,7 @@ TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
     EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
 
     send(command());
-    service->forgetCalls();
+    surfaceCalls();
     std::shared_ptr<VelImgSubHelper> frameThreads = std::atomic_load(&helper->mImgSubHelper);
     helper->ImgSubNodeDisconnect();
     EXPECT_EQ(helper->mImgSubHelper, frameThreads);
@@ -186,10 +162,10 @@ TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
 }
 
 TEST_F(AnImgSubConfiguration, AnnouncesTheHalWithoutLimits) {
-    service->setReply(FakeDesktopService::ClientType::CLIENT_APP, "FINE");
+    service->setReply(ClientType::CLIENT_APP, "FINE");
     helper->sendImgSubHalReadyToApp();
     EXPECT_THAT(
-        describe(service->calls(Operation::SEND_COMMAND)),
+        service->calls(),
         ElementsAre(R"(sendCommand 0 {"ImgSubEvent":{"ImgSubHalReady":{"max-width":0,"max-height":0}}})"));
     EXPECT_EQ(log.count("sendImgSubHalReadyToApp: App replied FINE"), 1u);
 }
@@ -209,26 +185,17 @@ TEST_F(AnImgSubConfiguration, KeepsTheEarlierHelperFromTheNewReader) {
 // Reconfigured, closed and disconnected at once while a frame thread uses whatever helper there is: each
 // helper ends once, and the last one leaves no surface behind.
 TEST_F(AnImgSubConfiguration, MayBeReplacedAndEndedFromSeveralThreadsAtOnce) {
-    send(R"({"event":{"type":"cameraOpen","id":"1","isDesktop":true}})");
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    const auto repeat = [&](auto action) {
-        threads.emplace_back([&stop, action] {
-            while (!stop)
-                action();
-        });
-    };
-    repeat([&] { helper->onHalClose(1); });
-    repeat([&] { helper->ImgSubNodeDisconnect(); });
-    repeat([&] {
+    openDesktopCamera();
+    RepeatedActions others;
+    others.add([&] { helper->onHalClose(1); });
+    others.add([&] { helper->ImgSubNodeDisconnect(); });
+    others.add([&] {
         const auto current = std::atomic_load(&helper->mImgSubHelper);
         if (current != nullptr) (void)current->imgSubGetOutputFrameToFill(0);
     });
     for (int round = 0; round < 200; ++round)
-        EXPECT_EQ(send(command()), accepted(460896));
-    stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
+        EXPECT_EQ(send(command()), accepted());
+    others.stop();
     helper->onHalClose(1);
     EXPECT_EQ(helper->mImgSubHelper, nullptr);
 }

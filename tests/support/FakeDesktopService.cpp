@@ -1,8 +1,10 @@
 #include "FakeDesktopService.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <utility>
 
 using ::android::sp;
@@ -12,8 +14,9 @@ using ::android::hardware::Void;
 
 namespace {
 
-[[noreturn]] void die(const char* text) {
-    fprintf(stderr, "FakeDesktopService: %s\n", text);
+void require(bool condition, const char* failure) {
+    if (condition) return;
+    fprintf(stderr, "FakeDesktopService: %s\n", failure);
     abort();
 }
 
@@ -21,13 +24,8 @@ namespace {
 
 sp<FakeDesktopService> FakeDesktopService::start(const std::string& name) {
     sp<FakeDesktopService> service = new FakeDesktopService;
-    if (service->registerAsService(name) != ::android::OK) die("the registration was refused");
+    require(service->registerAsService(name) == ::android::OK, "the registration was refused");
     return service;
-}
-
-void FakeDesktopService::setReply(ReplyFunction reply) {
-    std::lock_guard guard(mLock);
-    mReply = std::move(reply);
 }
 
 void FakeDesktopService::setReply(ClientType type, ReplyFunction reply) {
@@ -39,41 +37,28 @@ void FakeDesktopService::setReply(ClientType type, const std::string& reply) {
     setReply(type, [reply](ClientType, const std::string&) { return reply; });
 }
 
-void FakeDesktopService::block(Operation operation) {
+void FakeDesktopService::block(const std::string& operation) {
     std::lock_guard guard(mLock);
     mBlocked.insert(operation);
 }
 
-void FakeDesktopService::unblock(Operation operation) {
+void FakeDesktopService::unblock(const std::string& operation) {
     std::lock_guard guard(mLock);
     mBlocked.erase(operation);
     mChanged.notify_all();
 }
 
-bool FakeDesktopService::awaitBlocked(Operation operation, size_t count) {
+bool FakeDesktopService::awaitBlocked(const std::string& operation) {
     std::unique_lock guard(mLock);
-    return mChanged.wait_for(guard, std::chrono::seconds(30), [&] { return mWaiting[operation] >= count; });
+    return mChanged.wait_for(guard, std::chrono::seconds(30), [&] { return mWaiting[operation] > 0; });
 }
 
-std::vector<FakeDesktopService::Call> FakeDesktopService::calls() const {
+std::vector<std::string> FakeDesktopService::calls(const std::string& beginning) const {
     std::lock_guard guard(mLock);
-    return mCalls;
-}
-
-std::vector<FakeDesktopService::Call> FakeDesktopService::calls(Operation operation) const {
-    std::vector<Call> selected;
-    for (const Call& call : calls()) {
-        if (call.operation == operation) selected.push_back(call);
-    }
+    std::vector<std::string> selected;
+    std::copy_if(mCalls.begin(), mCalls.end(), std::back_inserter(selected),
+                 [&](const std::string& call) { return call.rfind(beginning, 0) == 0; });
     return selected;
-}
-
-std::vector<std::string> FakeDesktopService::commandsTo(ClientType type) const {
-    std::vector<std::string> texts;
-    for (const Call& call : calls(Operation::SEND_COMMAND)) {
-        if (call.type == type) texts.push_back(call.command);
-    }
-    return texts;
 }
 
 void FakeDesktopService::forgetCalls() {
@@ -105,17 +90,17 @@ std::optional<std::string> FakeDesktopService::sendToCallback(const std::string&
     if (receiver == nullptr) return std::nullopt;
     std::optional<std::string> result;
     const Return<void> sent = receiver->onCommand(command, [&result](const hidl_string& reply) {
-        if (result) die("the callback replied twice");
+        require(!result, "the callback replied twice");
         result = reply;
     });
     if (!sent.isOk()) return std::nullopt;
-    if (!result) die("the callback did not reply");
+    require(result.has_value(), "the callback did not reply");
     return result;
 }
 
 Return<void> FakeDesktopService::registerCallback(ClientType type,
                                                   const sp<ICameraDesktopCallback>& callback) {
-    record({Operation::REGISTER_CALLBACK, type, "", callback.get()});
+    record("registerCallback", type);
     sp<ICameraDesktopCallback> replaced = callback;
     std::lock_guard guard(mLock);
     std::swap(mCallbacks[type], replaced);
@@ -124,35 +109,32 @@ Return<void> FakeDesktopService::registerCallback(ClientType type,
 
 Return<void> FakeDesktopService::sendCommand(ClientType type, const hidl_string& command,
                                              sendCommand_cb _hidl_cb) {
-    record({Operation::SEND_COMMAND, type, command});
-    const ReplyFunction reply = replyFor(type);
+    record(Operation::SEND_COMMAND, type, " " + std::string(command));
+    ReplyFunction reply;
+    {
+        std::lock_guard guard(mLock);
+        reply = mReplies[type];
+    }
     _hidl_cb(reply ? reply(type, command) : std::string());
     return Void();
 }
 
 Return<void> FakeDesktopService::setSurface(ClientType type, const sp<IGraphicBufferProducer>& producer) {
-    record({Operation::SET_SURFACE, type, "", producer.get()});
+    record(Operation::SET_SURFACE, type, producer == nullptr ? " null" : " producer");
     offerSurface(type, producer);
     return Void();
 }
 
 Return<sp<FakeDesktopService::IGraphicBufferProducer>> FakeDesktopService::getSurface(ClientType type) {
-    record({Operation::GET_SURFACE, type});
+    record(Operation::GET_SURFACE, type);
     return surface(type);
 }
 
-void FakeDesktopService::record(Call call) {
-    const Operation operation = call.operation;
+void FakeDesktopService::record(const std::string& operation, ClientType type, const std::string& argument) {
     std::unique_lock guard(mLock);
-    mCalls.push_back(std::move(call));
+    mCalls.push_back(operation + " " + std::to_string(static_cast<int>(type)) + argument);
     ++mWaiting[operation];
     mChanged.notify_all();
     mChanged.wait(guard, [&] { return mBlocked.count(operation) == 0; });
     --mWaiting[operation];
-}
-
-FakeDesktopService::ReplyFunction FakeDesktopService::replyFor(ClientType type) const {
-    std::lock_guard guard(mLock);
-    const auto found = mReplies.find(type);
-    return found == mReplies.end() ? mReply : found->second;
 }

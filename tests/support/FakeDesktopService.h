@@ -21,36 +21,29 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
     using IGraphicBufferProducer = ::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
     using ReplyFunction = std::function<std::string(ClientType type, const std::string& command)>;
 
-    enum class Operation { REGISTER_CALLBACK, SEND_COMMAND, SET_SURFACE, GET_SURFACE };
-
-    struct Call {
-        Operation operation;
-        ClientType type;
-        std::string command = {};      // of SEND_COMMAND
-        const void* object = nullptr;  // the callback or surface handed over, to compare only: it may be gone
+    // What the recorded calls begin with.
+    struct Operation {
+        static constexpr char SEND_COMMAND[] = "sendCommand";
+        static constexpr char SET_SURFACE[] = "setSurface";
+        static constexpr char GET_SURFACE[] = "getSurface";
     };
 
     // Makes a service and registers it, in place of an earlier one of that name; aborts when refused.
     static ::android::sp<FakeDesktopService> start(const std::string& name = "default");
 
-    // Answers the commands for every peer; the start value replies "". Runs on the caller's thread.
-    void setReply(ReplyFunction reply);
-    // Answers the commands for one peer, before the general function is asked.
+    // Answers the commands for one peer, on the caller's thread; the start value replies "".
     void setReply(ClientType type, ReplyFunction reply);
     void setReply(ClientType type, const std::string& reply);
 
     // Later calls of the operation wait, after they were recorded, until unblock().
-    void block(Operation operation);
-    void unblock(Operation operation);
-    // Waits, at most for a generous limit, until so many calls of the operation wait; false when they do not
-    // come.
-    bool awaitBlocked(Operation operation, size_t count = 1);
+    void block(const std::string& operation);
+    void unblock(const std::string& operation);
+    // Waits, at most for a generous limit, until a call of the operation waits; false when none comes.
+    bool awaitBlocked(const std::string& operation);
 
-    // Every call so far, oldest first; or those of one operation.
-    std::vector<Call> calls() const;
-    std::vector<Call> calls(Operation operation) const;
-    // The texts sent to one peer so far, oldest first.
-    std::vector<std::string> commandsTo(ClientType type) const;
+    // The calls so far that begin with the text, oldest first: "registerCallback 2", "setSurface 7 null",
+    // "setSurface 7 producer", "getSurface 0", "sendCommand 0 {}".
+    std::vector<std::string> calls(const std::string& beginning = "") const;
     void forgetCalls();
 
     // What is set at present; null when nothing is.
@@ -79,16 +72,14 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
     ::android::hardware::Return<::android::sp<IGraphicBufferProducer>> getSurface(ClientType type) override;
 
   private:
-    void record(Call call);
-    ReplyFunction replyFor(ClientType type) const;
+    void record(const std::string& operation, ClientType type, const std::string& argument = "");
 
     mutable std::mutex mLock;
     std::condition_variable mChanged;
-    std::vector<Call> mCalls;
+    std::vector<std::string> mCalls;
     std::map<ClientType, ::android::sp<ICameraDesktopCallback>> mCallbacks;
     std::map<ClientType, ::android::sp<IGraphicBufferProducer>> mSurfaces;
     std::map<ClientType, ReplyFunction> mReplies;
-    ReplyFunction mReply;
-    std::set<Operation> mBlocked;
-    std::map<Operation, size_t> mWaiting;
+    std::set<std::string> mBlocked;
+    std::map<std::string, size_t> mWaiting;
 };

@@ -7,12 +7,19 @@
 
 namespace {
 
+struct Line {
+    std::string tag;
+    std::string text;
+};
+
 std::mutex gLinesLock;
-std::vector<LogCapture::Line> gLines;
+std::vector<Line> gLines;
 
 void store(const struct __android_logger_data* data, const char* message) {
+    static const char kLetters[] = "??VDIWEF";
+    const std::string text = std::string(1, kLetters[data->priority & 7]) + " " + message;
     std::lock_guard<std::mutex> lock(gLinesLock);
-    gLines.push_back({data->priority, data->tag ? data->tag : "", message});
+    gLines.push_back({data->tag ? data->tag : "", text});
 }
 
 }  // namespace
@@ -28,25 +35,19 @@ LogCapture::~LogCapture() {
     __android_log_set_minimum_priority(ANDROID_LOG_DEFAULT);
 }
 
-std::vector<LogCapture::Line> LogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(gLinesLock);
-    return gLines;
-}
-
 std::vector<std::string> LogCapture::texts(const std::string& tag) const {
-    static const char kLetters[] = "??VDIWEF";
+    std::lock_guard<std::mutex> lock(gLinesLock);
     std::vector<std::string> result;
-    for (const Line& line : lines()) {
-        if (tag.empty() || line.tag == tag)
-            result.push_back(std::string(1, kLetters[line.priority & 7]) + " " + line.text);
+    for (const Line& line : gLines) {
+        if (tag.empty() || line.tag == tag) result.push_back(line.text);
     }
     return result;
 }
 
 size_t LogCapture::count(const std::string& part) const {
-    const std::vector<Line> all = lines();
+    const std::vector<std::string> all = texts();
     return std::count_if(all.begin(), all.end(),
-                         [&](const Line& line) { return line.text.find(part) != std::string::npos; });
+                         [&](const std::string& text) { return text.find(part) != std::string::npos; });
 }
 
 void LogCapture::clear() {

@@ -7,21 +7,13 @@
 // Lines of every priority are collected, debug included. Threads may log while it collects.
 class LogCapture {
   public:
-    struct Line {
-        int priority;  // android_LogPriority
-        std::string tag;
-        std::string text;  // cut at 1023 bytes, as the log does
-    };
-
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // What was logged so far, oldest first.
-    std::vector<Line> lines() const;
-    // The lines as "<priority letter> <text>", for example "E Invalid camera id 16", optionally of one tag
-    // only.
+    // The lines so far, oldest first, as "<priority letter> <text>", for example "E Invalid camera id 16";
+    // optionally of one tag only. The log cuts a text at 1023 bytes.
     std::vector<std::string> texts(const std::string& tag = "") const;
     // How many lines so far hold the given text.
     size_t count(const std::string& part) const;
