@@ -1,21 +1,18 @@
+// The frames for the application. The steps that they share with the substituted images are in
+// producer_slots_test.cpp.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <gui/BufferItemConsumer.h>
-#include <hidl_host/LocalServices.h>
-#include <media/NdkImageReader.h>
 
 #include <thread>
 
-#include "DesktopHelperTestAccess.h"
-#include "FakeDesktopService.h"
-#include "LogCapture.h"
+#include "HelperFixture.h"
 #include "ScriptedProducer.h"
+#include "SignalFence.h"
 
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 using namespace android;
 using Access = DesktopHelperTestAccess;
-using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -23,33 +20,20 @@ using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 
 namespace {
 
-// What this path shares with the substituted images is in producer_slots_test.cpp.
-
-constexpr char kTag[] = "VelCameraDesktopChiHelper";
-constexpr uint32_t kWidth = 640;
-constexpr uint32_t kHeight = 480;
-constexpr uint32_t kFormat = HAL_PIXEL_FORMAT_RGBA_8888;
-
-class AFramePath : public testing::Test {
+class AFramePath : public HelperFixture {
   protected:
-    ~AFramePath() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-    void start() {
-        service = FakeDesktopService::start();
-        helper = Access::create();
-        log.clear();
-    }
     void offer(const sp<IGraphicBufferProducer>& producer) {
         service->offerSurface(ClientType::CLIENT_APP, new Wrapper(producer));
     }
-    bool connect(uint32_t width = kWidth) { return helper->connectProducer(width, kHeight, kFormat); }
-    std::vector<std::string> logged() const { return log.texts(kTag); }
+    bool connect(uint32_t width = 640) {
+        return helper->connectProducer(width, 480, HAL_PIXEL_FORMAT_RGBA_8888);
+    }
+    sp<GraphicBuffer> lend(int slot) {
+        script->onDequeue({IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, slot});
+        return helper->getFrameToFill();
+    }
 
-    LogCapture log;
-    sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> helper = Access::create();
+    const sp<ScriptedProducer> script{new ScriptedProducer};
 };
 
 // Connected to a queue that answers as told, nothing logged or recorded yet.
@@ -60,18 +44,12 @@ class AScriptedFramePath : public AFramePath {
         offer(script);
         EXPECT_TRUE(connect());
         script->forgetCalls();
+        service->forgetCalls();
         log.clear();
     }
-    sp<GraphicBuffer> lend(int slot) {
-        script->onDequeue({IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, slot});
-        return helper->getFrameToFill();
-    }
-
-    const sp<ScriptedProducer> script{new ScriptedProducer};
 };
 
 TEST_F(AFramePath, WithoutAServiceIsNotConnectedAndRemembersNoSize) {
-    log.clear();
     EXPECT_FALSE(connect());
     EXPECT_THAT(logged(), ElementsAre("D Trying to get service", HasSubstr("D Got service"),
                                       "E Service is not available"));
@@ -81,40 +59,69 @@ TEST_F(AFramePath, WithoutAServiceIsNotConnectedAndRemembersNoSize) {
     helper->queueFilledFrame(1);
     helper->disconnectProducer();
     EXPECT_THAT(service->calls(), IsEmpty()) << "without a size nothing is tried";
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_EQ(helper->getIGraphicBufferProducer(nullptr), nullptr);
+    EXPECT_THAT(logged(), ElementsAre("E getIGraphicBufferProducer failed: invalid AImageReader"));
 }
 
 TEST_F(AFramePath, WithoutASurfaceTriesAgainAtEachFrameAndLendsOneCallLater) {
     start();
-    const sp<ScriptedProducer> script(new ScriptedProducer);
     offer(script);
     vel::host::failNextLocalCalls("default", 1, hardware::Status::fromStatusT(DEAD_OBJECT));
     EXPECT_FALSE(connect()) << "a failed answer is no surface";
     service->offerSurface(ClientType::CLIENT_APP, nullptr);
     EXPECT_FALSE(connect());
     service->forgetCalls();
-    log.clear();
     EXPECT_EQ(helper->getFrameToFill(), nullptr);
     EXPECT_EQ(helper->getFrameToFill(), nullptr);
     EXPECT_THAT(logged(), IsEmpty());
 
-    script->onDequeue({1, 0});
     offer(script);
-    EXPECT_EQ(helper->getFrameToFill(), nullptr) << "this call only connects";
+    EXPECT_EQ(lend(0), nullptr) << "this call only connects";
     EXPECT_NE(helper->getFrameToFill(), nullptr);
-    EXPECT_THAT(service->calls(FakeDesktopService::Operation::GET_SURFACE),
-                ElementsAre("getSurface 0", "getSurface 0", "getSurface 0"));
+    EXPECT_THAT(service->calls(), ElementsAre("getSurface 0", "getSurface 0", "getSurface 0"));
+}
+
+TEST_F(AScriptedFramePath, SaysWhatHappensAndReconnectsWithinTheFailedCall) {
+    lend(2);
+    lend(7);
+    script->onRequest({BAD_VALUE, nullptr});
+    lend(3);
+    SignalFence late;
+    script->onDequeue({0, 2, late.fence()});
+    EXPECT_EQ(helper->getFrameToFill(), nullptr);
+    EXPECT_EQ(Access::appSlot(*helper), 2);
+    EXPECT_THAT(script->calls(), testing::Contains("dequeue 640x480 format 1 usage 0x20").Times(4));
+    script->onQueue(BAD_VALUE);
+    helper->queueFilledFrame(1);
+    EXPECT_EQ(Access::appSlot(*helper), -1) << "a failed queue forgets the frame";
+
+    script->forgetCalls();
+    lend(4);
+    script->onDequeue({3, 1});
+    script->onDisconnect(-22);
+    EXPECT_EQ(helper->getFrameToFill(), nullptr);
+    helper->queueFilledFrame(2);
+    helper->queueFilledFrame(3);
+    const auto dequeue = HasSubstr("dequeue");
+    EXPECT_THAT(script->calls(), ElementsAre(dequeue, "request 4", dequeue, "disconnect api 4 mode 0",
+                                             "connect api 4", "setMax 6", "queue 4"));
+    EXPECT_EQ(script->queued().at(0).timestamp, 2);
+    EXPECT_THAT(
+        logged(),
+        ElementsAre("D Got re-alloc request for slot 2", "E request dequeue failed, max slots reached",
+                    "E request buffer failed", "W Fence hasn't been signaled yet", "E queue buffer failed",
+                    "D Got re-alloc request for slot 4", "E request dequeue failed with 3",
+                    "E Unable to disconnect producer, -22", HasSubstr("D Got producer 0x")));
 }
 
 TEST_F(AScriptedFramePath, SecondConnectTakesTheNewSizeOnly) {
-    service->forgetCalls();
-    EXPECT_TRUE(connect(2 * kWidth));
+    EXPECT_TRUE(connect(1280));
     EXPECT_THAT(service->calls(), IsEmpty());
     EXPECT_THAT(script->calls(), IsEmpty());
     lend(0);
     helper->queueFilledFrame(0);
     EXPECT_EQ(script->calls().front(), "dequeue 1280x480 format 1 usage 0x20");
-    EXPECT_EQ(script->queued().front().input.crop, Rect(0, 0, 1280, 480));
+    EXPECT_EQ(script->queued().front().crop, Rect(0, 0, 1280, 480));
 }
 
 TEST_F(AScriptedFramePath, WithoutASurfaceToReconnectToStaysDisconnected) {
@@ -147,8 +154,6 @@ TEST_F(AScriptedFramePath, BlockedDequeueLeavesTheServiceFree) {
     EXPECT_TRUE(isFree);
 }
 
-// Over the real queue.
-
 class ARealFramePath : public AFramePath {
   protected:
     ARealFramePath() {
@@ -158,6 +163,7 @@ class ARealFramePath : public AFramePath {
         log.clear();
     }
     void makeQueue() {
+        sp<IGraphicBufferProducer> queue;
         sp<IGraphicBufferConsumer> end;
         BufferQueue::createBufferQueue(&queue, &end);
         consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 2);
@@ -175,11 +181,10 @@ class ARealFramePath : public AFramePath {
         return item.mTimestamp;
     }
 
-    sp<IGraphicBufferProducer> queue;
     sp<BufferItemConsumer> consumer;
 };
 
-TEST_F(ARealFramePath, PassesFramesWithOneReallocationForEachSlot) {
+TEST_F(ARealFramePath, PassesFramesWithOneReallocationForEachSlotAndFollowsToTheNextQueue) {
     for (int64_t i = 0; i < 20; i++) {
         ASSERT_TRUE(sendFrame(i));
         ASSERT_TRUE(sendFrame(100 + i));
@@ -188,10 +193,6 @@ TEST_F(ARealFramePath, PassesFramesWithOneReallocationForEachSlot) {
     }
     EXPECT_THAT(logged(),
                 ElementsAre("D Got re-alloc request for slot 0", "D Got re-alloc request for slot 1"));
-}
-
-TEST_F(ARealFramePath, FollowsTheApplicationToItsNextQueue) {
-    ASSERT_TRUE(sendFrame(1));
     consumer->abandon();
     makeQueue();
     EXPECT_FALSE(sendFrame(2)) << "this call only reconnects";
@@ -208,29 +209,6 @@ TEST_F(ARealFramePath, ForgottenBuffersComeBackThroughOneReconnection) {
     EXPECT_EQ(log.count("request dequeue failed with -38"), 1u);
     ASSERT_TRUE(sendFrame(2));
     EXPECT_EQ(takeFrame(), 2);
-}
-
-TEST_F(AFramePath, ReaderProducerFillsTheReader) {
-    AImageReader* reader = nullptr;
-    ASSERT_EQ(AImageReader_new(64, 1, AIMAGE_FORMAT_RAW_PRIVATE, 2, &reader), AMEDIA_OK);
-    const sp<HGraphicBufferProducer> handle = helper->getIGraphicBufferProducer(reader);
-    ASSERT_NE(handle, nullptr);
-    start();
-    service->offerSurface(ClientType::CLIENT_APP, handle);
-    ASSERT_TRUE(helper->connectProducer(64, 1, AIMAGE_FORMAT_RAW_PRIVATE));
-    ASSERT_NE(helper->getFrameToFill(), nullptr);
-    helper->queueFilledFrame(5);
-    AImage* image = nullptr;
-    EXPECT_EQ(AImageReader_acquireNextImage(reader, &image), AMEDIA_OK);
-    AImage_delete(image);
-    helper->disconnectProducer();
-    AImageReader_delete(reader);
-}
-
-TEST_F(AFramePath, NullReaderHasNoProducer) {
-    log.clear();
-    EXPECT_EQ(helper->getIGraphicBufferProducer(nullptr), nullptr);
-    EXPECT_THAT(logged(), ElementsAre("E getIGraphicBufferProducer failed: invalid AImageReader"));
 }
 
 }  // namespace

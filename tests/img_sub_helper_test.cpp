@@ -1,7 +1,6 @@
+// The substituted images. The steps that their outbound frames share with those for the application are in
+// producer_slots_test.cpp.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
 #include <string.h>
 
@@ -9,15 +8,13 @@
 #include <thread>
 
 #include "DeliberateLeak.h"
-#include "DesktopHelperTestAccess.h"
-#include "FakeDesktopService.h"
+#include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
-#include "LogCapture.h"
+#include "ProducerSlots.h"
 #include "ReplacementFrame.h"
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
 #include "VelImgSubHelper.h"
-#include "WaitUntil.h"
 
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
@@ -25,7 +22,6 @@
 using namespace android;
 using Access = ImgSubHelperTestAccess;
 using hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
-using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -34,114 +30,94 @@ using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 
 namespace {
 
-constexpr char kTag[] = "VelImgSubHelper";
 constexpr int32_t kFormat = AIMAGE_FORMAT_RAW_PRIVATE;
 constexpr uint32_t kImageWidth = 16;
 constexpr uint32_t kImageHeight = 8;
 constexpr uint32_t kRowBytes = 288;     // 96 + 128 pixels at 1.5 bytes
 constexpr uint32_t kIndexOffset = 268;  // 76 into the last 96 bytes
+constexpr producer_slots::Log kSilent = {[] {}, [] {}, [](int) {},     [](status_t) {},
+                                         [] {}, [] {}, [](status_t) {}};
 
-// What this path shares with the plain frame path is in producer_slots_test.cpp.
-
-TEST(ReplacementFrame, HoldsItsIndexAtAFixedPlace) {
+TEST(ReplacementFrame, IsSizedWithASignedProductAndHoldsItsIndexAtAFixedPlace) {
     const struct {
-        uint32_t width, height, blockStart;
-    } layouts[] = {{1920, 1080, 3110400},
-                   {3, 3, 16},         // the fraction truncated, then rounded up
-                   {65536, 65536, 0},  // the product wraps
-                   {0xFFFFFFFF, 0xFFFFFFFF, 16}};
-    for (const auto& layout : layouts) {
-        std::vector<uint8_t> row(layout.blockStart + 80);  // the word itself is the last that need be there
+        int32_t width, height;
+        uint32_t rowBytes;
+        bool isReadable;
+    } rows[] = {{1920, 1080, 3110496, true},
+                {0, 5, 96, true},
+                {3, 3, 112, true},         // the fraction truncated, then rounded up
+                {65536, 65536, 96, true},  // the product wraps to 0
+                {-1, -1, 112, true},       // to 1
+                {50000, 50000, 0, false},  // and to a negative number
+                {-1, 1, 96, false},
+                {-1000, 1, 0, false},
+                {INT32_MAX, 1, 3221225568, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.width);
+        EXPECT_EQ(replacement_frame::rowBytes(row.width, row.height), row.rowBytes);
+        // The index is the last that need be there.
+        std::vector<uint8_t> bytes(row.isReadable ? row.rowBytes - 16 : 4096);
         const uint32_t written = 0x03020100;
-        memcpy(&row[layout.blockStart + 76], &written, sizeof(written));
+        memcpy(&bytes[bytes.size() - sizeof(written)], &written, sizeof(written));
+        uint32_t index = 0;
         const auto read = [&](const uint8_t* start, size_t byteCount) {
-            uint32_t index = 0;
-            return replacement_frame::readStreamIndex(start, byteCount, layout.width, layout.height, index)
-                       ? index
-                       : 0;
+            return replacement_frame::readStreamIndex(start, byteCount, row.width, row.height, index);
         };
-        EXPECT_EQ(read(row.data(), row.size()), written) << layout.width;
-        EXPECT_EQ(read(row.data(), row.size() - 1), 0u) << layout.width;
-        EXPECT_EQ(read(row.data(), 0), 0u) << layout.width;
-        EXPECT_EQ(read(nullptr, row.size()), 0u) << layout.width;
+        EXPECT_FALSE(read(bytes.data(), bytes.size() - 1));
+        EXPECT_FALSE(read(bytes.data(), 0));
+        EXPECT_FALSE(read(nullptr, bytes.size()));
+        EXPECT_EQ(read(bytes.data(), bytes.size()), row.isReadable);
+        EXPECT_EQ(index, row.isReadable ? written : 0);
     }
-    const std::vector<uint8_t> row(4096);
-    uint32_t index = 0;
-    EXPECT_FALSE(replacement_frame::readStreamIndex(row.data(), row.size(), 0xFFFFFFFF, 1, index));
 }
 
-class AnImgSubHelper : public testing::Test {
+class AnImgSubHelper : public ConnectedHelperFixture {
   protected:
-    AnImgSubHelper() : service(FakeDesktopService::start()), desktop(DesktopHelperTestAccess::create()) {}
-    ~AnImgSubHelper() override {
-        helper.reset();
-        desktop.reset();
-        vel::host::clearLocalServices();
-    }
-
     void make(int32_t maxImages = 12, bool mergeStreams = false,
               uint64_t readerUsage = AHARDWAREBUFFER_USAGE_CPU_READ_OFTEN) {
         AImageReader* reader = nullptr;
         ASSERT_EQ(AImageReader_newWithUsage(kRowBytes, 1, kFormat, readerUsage, maxImages, &reader),
                   AMEDIA_OK);
-        readerProducer = desktop->getIGraphicBufferProducer(reader);
-        makeWith(reader, true, mergeStreams);
+        readerProducer = helper->getIGraphicBufferProducer(reader);
+        inbound = new H2BGraphicBufferProducer(readerProducer);
+        producer_slots::connect(*inbound);
+        makeWith(reader, mergeStreams);
     }
-    void makeWith(AImageReader* reader, bool appConnected, bool mergeStreams = false) {
-        helper = std::make_shared<VelImgSubHelper>(readerProducer, reader, kRowBytes, 1, kFormat, kImageWidth,
-                                                   kImageHeight, appConnected, mergeStreams);
+    void makeWith(AImageReader* reader, bool mergeStreams = false) {
+        imgSub = std::make_shared<VelImgSubHelper>(readerProducer, reader, kRowBytes, 1, kFormat, kImageWidth,
+                                                   kImageHeight, true, mergeStreams);
     }
-
-    void offer(const sp<IGraphicBufferProducer>& producer) {
-        service->offerSurface(ClientType::CLIENT_IMG_SUB, new Wrapper(producer));
-    }
-    // The application's consumer of the outbound frames, and a first connection to it.
-    void offerRealQueue() {
-        sp<IGraphicBufferConsumer> end;
-        BufferQueue::createBufferQueue(&outbound, &end);
-        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 2);
-        offer(outbound);
-    }
+    // Connects to the application's queue, which answers as told.
     void connect() {
-        offerRealQueue();
-        ASSERT_NE(helper->imgSubGetOutputFrameToFill(0), nullptr);
-        helper->imgSubQueueOutputFrame(0, 0);
-        takeOutbound();
-        log.clear();
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, new Wrapper(script));
+        ASSERT_NE(lend(0, 0), nullptr) << "connects and lends in one call";
+        forget();
     }
-    int64_t takeOutbound() {
-        BufferItem item;
-        if (consumer->acquireBuffer(&item, 0) != NO_ERROR) return -1;
-        consumer->releaseBuffer(item);
-        return item.mTimestamp;
+    sp<GraphicBuffer> lend(uint32_t streamIndex, int slot) {
+        script->onDequeue({IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, slot});
+        return imgSub->imgSubGetOutputFrameToFill(streamIndex);
+    }
+    void forget() {
+        script->forgetCalls();
+        log.clear();
     }
 
     // The application's side of the reader: a frame of rowBytes with the index in its block, marked by a
     // byte.
     void sendReplacement(uint32_t streamIndex, uint8_t mark = 0, uint32_t rowBytes = kRowBytes) {
-        if (inbound == nullptr) {
-            inbound = new H2BGraphicBufferProducer(readerProducer);
-            ASSERT_EQ(inbound->connect(nullptr, NATIVE_WINDOW_API_CPU, false, &output), NO_ERROR);
-            ASSERT_EQ(inbound->setMaxDequeuedBufferCount(2), NO_ERROR);
-        }
-        int slot = -1;
-        sp<Fence> fence;
+        int32_t slot = -1;
         sp<GraphicBuffer> buffer;
-        ASSERT_GE(inbound->dequeueBuffer(&slot, &fence, rowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN,
-                                         nullptr, nullptr),
-                  NO_ERROR);
-        ASSERT_EQ(inbound->requestBuffer(slot, &buffer), NO_ERROR);
+        const producer_slots::BufferShape shape = {rowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN};
+        ASSERT_EQ(producer_slots::dequeue(*inbound, shape, inboundBuffers, kSilent, slot, buffer),
+                  producer_slots::Dequeued::LENT);
         void* row = nullptr;
         ASSERT_EQ(buffer->lock(GRALLOC_USAGE_SW_WRITE_OFTEN, &row), NO_ERROR);
         static_cast<uint8_t*>(row)[0] = mark;
         if (rowBytes >= kIndexOffset + 4)
             memcpy(static_cast<uint8_t*>(row) + kIndexOffset, &streamIndex, sizeof(streamIndex));
         ASSERT_EQ(buffer->unlock(), NO_ERROR);
-        ASSERT_EQ(inbound->queueBuffer(slot, {0, false, HAL_DATASPACE_UNKNOWN, Rect(), 0, 0, Fence::NO_FENCE},
-                                       &output),
-                  NO_ERROR);
+        producer_slots::queue(inbound, slot, rowBytes, 1, 0, kSilent);
     }
-
     static int markOf(const sp<GraphicBuffer>& buffer) {
         void* row = nullptr;
         EXPECT_EQ(buffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &row), NO_ERROR);
@@ -151,22 +127,25 @@ class AnImgSubHelper : public testing::Test {
     }
     // The mark of the replacement that the HAL gets, -1 for none.
     int acquire(uint32_t streamIndex) {
-        const sp<GraphicBuffer> buffer = helper->imgSubAcquireFrame(streamIndex, halImage);
+        const sp<GraphicBuffer> buffer = imgSub->imgSubAcquireFrame(streamIndex, halImage);
         return buffer == nullptr ? -1 : markOf(buffer);
     }
+    std::vector<std::string> logged() const { return log.texts("VelImgSubHelper"); }
 
-    std::vector<std::string> logged() const { return log.texts(kTag); }
-
-    LogCapture log;
-    sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> desktop;
+    const sp<ScriptedProducer> script{new ScriptedProducer};
     sp<HGraphicBufferProducer> readerProducer;
-    std::shared_ptr<VelImgSubHelper> helper;
-    sp<IGraphicBufferProducer> outbound;
-    sp<BufferItemConsumer> consumer;
     sp<IGraphicBufferProducer> inbound;
-    IGraphicBufferProducer::QueueBufferOutput output;
+    producer_slots::CachedBuffers inboundBuffers;
+    std::shared_ptr<VelImgSubHelper> imgSub;
     std::shared_ptr<AImage> halImage;
+};
+
+class AConnectedImgSubHelper : public AnImgSubHelper {
+  protected:
+    AConnectedImgSubHelper() {
+        make();
+        connect();
+    }
 };
 
 TEST_F(AnImgSubHelper, ClosesTheReaderAtItsEndButLeavesTheHalItsImage) {
@@ -174,135 +153,144 @@ TEST_F(AnImgSubHelper, ClosesTheReaderAtItsEndButLeavesTheHalItsImage) {
     EXPECT_THAT(logged(), ElementsAre(StartsWith("D VelImgSubHelper: constuctor called. Line: ")));
     connect();
     sendReplacement(0, 42);
-    const sp<GraphicBuffer> buffer = helper->imgSubAcquireFrame(0, halImage);
+    const sp<GraphicBuffer> buffer = imgSub->imgSubAcquireFrame(0, halImage);
     ASSERT_NE(buffer, nullptr);
-    helper.reset();
+    imgSub.reset();
     EXPECT_THAT(logged(), ElementsAre(StartsWith("D ~VelImgSubHelper: destructor called. Line: "),
                                       StartsWith("D disconnectImgSubProducer_locked: called. Line: ")));
+    EXPECT_THAT(script->calls(), ElementsAre("disconnect api 4 mode 0"));
     int slot = -1;
     sp<Fence> fence;
     EXPECT_EQ(inbound->dequeueBuffer(&slot, &fence, 1, 1, kFormat, 0, nullptr, nullptr), NO_INIT);
     EXPECT_EQ(markOf(buffer), 42);
-    halImage.reset();
 }
 
 TEST_F(AnImgSubHelper, WithoutASurfaceOfTheApplicationAsksAgainForEachFrame) {
     make();
     log.clear();
-    EXPECT_EQ(helper->imgSubGetOutputFrameToFill(0), nullptr);
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(0), nullptr);
     service->offerSurface(ClientType::CLIENT_IMG_SUB, readerProducer);
-    EXPECT_EQ(helper->imgSubGetOutputFrameToFill(1), nullptr);
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(1), nullptr);
     const auto asks = StartsWith("D connectImgSubProducer_locked: called. Line: ");
     EXPECT_THAT(logged(), ElementsAre(asks, asks, HasSubstr("_locked: No app surface yet provided. Line: ")));
-    offerRealQueue();
-    EXPECT_NE(helper->imgSubGetOutputFrameToFill(0), nullptr) << "connects and lends in one call";
+    connect();
 }
 
 TEST_F(AnImgSubHelper, WithoutAReaderOrItsProducerReplacesNothing) {
-    makeWith(nullptr, true);
-    offerRealQueue();
-    EXPECT_EQ(helper->imgSubGetOutputFrameToFill(0), nullptr);
-    EXPECT_THAT(service->calls(FakeDesktopService::Operation::GET_SURFACE), IsEmpty());
+    makeWith(nullptr);
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(0), nullptr);
+    EXPECT_THAT(service->calls(), IsEmpty());
     make();
-    makeWith(nullptr, true);
-    ASSERT_NE(helper->imgSubGetOutputFrameToFill(0), nullptr);
-    log.clear();
+    makeWith(nullptr);
+    connect();
     EXPECT_EQ(acquire(0), -1);
     EXPECT_THAT(logged(), ElementsAre("E imgSubAcquireFrame failed: invalid AImageReader"));
-    helper->cancelImgSubFrames(0);
+    imgSub->cancelImgSubFrames(0);
 }
 
-class AScriptedImgSubHelper : public AnImgSubHelper {
-  protected:
-    AScriptedImgSubHelper() {
-        make();
-        offer(script);
-        log.clear();
-        lend(0, 0);
-    }
-    sp<GraphicBuffer> lend(uint32_t streamIndex, int slot) {
-        script->onDequeue({1, slot});
-        return helper->imgSubGetOutputFrameToFill(streamIndex);
-    }
-    void forget() {
-        script->forgetCalls();
-        log.clear();
-    }
-    const sp<ScriptedProducer> script{new ScriptedProducer};
-};
-
-TEST_F(AScriptedImgSubHelper, QueuesEachStreamsOwnSlotEvenAfterAReconnection) {
+TEST_F(AConnectedImgSubHelper, SaysWhatHappensAndReconnectsInTheNextCall) {
+    lend(1, 4);
+    lend(1, 7);
+    script->onRequest({BAD_VALUE, nullptr});
+    lend(1, 3);
+    SignalFence late;
+    script->onDequeue({0, 4, late.fence()});
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(1), nullptr);
+    EXPECT_EQ(Access::lentSlot(*imgSub, 1), 4);
+    EXPECT_THAT(script->calls(), testing::Contains("dequeue 288x1 format 36 usage 0x30").Times(4));
+    script->onQueue(BAD_VALUE);
+    imgSub->imgSubQueueOutputFrame(1, 1);
+    EXPECT_EQ(Access::lentSlot(*imgSub, 1), -1) << "a failed queue forgets the frame";
+    EXPECT_THAT(
+        logged(),
+        ElementsAre("D Got re-alloc request for imgsub slot 4",
+                    "E request imgsub dequeue failed, max slots reached", "E request imgsub buffer failed",
+                    "W imgsub Fence hasn't been signaled yet", "E queue buffer failed imgsub"));
     lend(1, 4);
     forget();
-    helper->imgSubQueueOutputFrame(2, 5);
+    script->onDequeue({3, 1});
+    script->onDisconnect(-22);
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(0), nullptr);
+    imgSub->imgSubQueueOutputFrame(1, 1);
+    EXPECT_THAT(script->calls(), ElementsAre(HasSubstr("dequeue"), "disconnect api 4 mode 0"))
+        << "no queue to give the frame to";
+    EXPECT_NE(lend(0, 0), nullptr);
+    script->forgetCalls();
+    imgSub->imgSubQueueOutputFrame(2, 5);
     EXPECT_THAT(script->calls(), IsEmpty()) << "nothing is lent for stream 2";
-    helper->imgSubQueueOutputFrame(0, 1);
-    EXPECT_THAT(script->calls(), ElementsAre("queue 0"));
-    script->onDequeue({-1, 0});
-    helper->imgSubGetOutputFrameToFill(0);
-    forget();
-    helper->imgSubQueueOutputFrame(1, 1);
-    EXPECT_THAT(script->calls(), IsEmpty()) << "no queue to give it to";
-    lend(0, 0);
-    forget();
-    helper->imgSubQueueOutputFrame(1, 1);
-    EXPECT_THAT(script->calls(), ElementsAre("queue 4"));
+    imgSub->imgSubQueueOutputFrame(0, 2);
+    imgSub->imgSubQueueOutputFrame(1, 3);
+    EXPECT_THAT(script->calls(), ElementsAre("queue 0", "queue 4")) << "each stream's own";
+    EXPECT_EQ(script->queued().at(0).timestamp, 2);
+    EXPECT_EQ(script->queued().at(0).crop, Rect(0, 0, kRowBytes, 1));
+    EXPECT_THAT(logged(),
+                ElementsAre("E request imgsub dequeue failed with 3",
+                            StartsWith("D disconnectImgSubProducer_locked: called. Line: "),
+                            "E Unable to disconnect imgsub producer, -22",
+                            StartsWith("D connectImgSubProducer_locked: called. Line: "),
+                            StartsWith("D mImgSubProducer: 0x"), "D Got re-alloc request for imgsub slot 0"));
 }
 
-TEST_F(AScriptedImgSubHelper, BlockedDequeueLetsTheApplicationLeave) {
-    script->whileDequeueing([&] { helper->setImgSubAppConnected(false); });
+TEST_F(AConnectedImgSubHelper, BlockedDequeueLetsTheApplicationLeave) {
+    script->whileDequeueing([&] { imgSub->setImgSubAppConnected(false); });
     EXPECT_NE(lend(1, 1), nullptr);
     EXPECT_EQ(lend(1, 1), nullptr);
 }
 
-TEST_F(AScriptedImgSubHelper, CancelResetsTheQueueAndItsOwnStreamOnly) {
+TEST_F(AConnectedImgSubHelper, CancelResetsTheQueueAndItsOwnStreamAndForgetsEveryReplacement) {
     lend(1, 4);
+    sendReplacement(1, 11);
+    sendReplacement(2, 22);
+    EXPECT_EQ(acquire(1), 11);
+    sendReplacement(0, 33);
+    sendReplacement(0, 34);  // both still in the reader
     forget();
-    helper->cancelImgSubFrames(1);
+    imgSub->cancelImgSubFrames(1);
     EXPECT_THAT(script->calls(), ElementsAre("setMax 0", "setMax 6"));
     EXPECT_THAT(logged(), ElementsAre(StartsWith("D cancelImgSubFrames: called. Line: ")));
-    EXPECT_EQ(Access::lentSlot(*helper, 1), -1);
-    EXPECT_EQ(Access::lentSlot(*helper, 0), 0);
+    EXPECT_EQ(Access::lentSlot(*imgSub, 1), -1);
+    EXPECT_EQ(Access::lentSlot(*imgSub, 0), 0);
+    for (uint32_t streamIndex = 0; streamIndex < 4; streamIndex++) {
+        EXPECT_EQ(Access::received(*imgSub, streamIndex), nullptr);
+        EXPECT_EQ(Access::held(*imgSub, streamIndex), nullptr);
+    }
+    EXPECT_EQ(acquire(0), -1) << "what waited in the reader is gone too";
 }
 
-TEST_F(AScriptedImgSubHelper, WithoutTheApplicationDoesNothing) {
-    helper->setImgSubAppConnected(false);
+TEST_F(AConnectedImgSubHelper, WithoutTheApplicationDoesNothing) {
+    imgSub->setImgSubAppConnected(false);
     sendReplacement(0, 1);
-    forget();
-    EXPECT_EQ(helper->imgSubGetOutputFrameToFill(2), nullptr);
-    EXPECT_EQ(Access::maxStreamIndex(*helper), 2u) << "the stream is noted all the same";
-    helper->imgSubQueueOutputFrame(0, 1);
-    helper->cancelImgSubFrames(0);
+    EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(2), nullptr);
+    EXPECT_EQ(Access::maxStreamIndex(*imgSub), 2u) << "the stream is noted all the same";
+    imgSub->imgSubQueueOutputFrame(0, 1);
+    imgSub->cancelImgSubFrames(0);
     EXPECT_EQ(acquire(0), -1);
     EXPECT_THAT(script->calls(), IsEmpty());
     EXPECT_THAT(logged(), ElementsAre(StartsWith("D cancelImgSubFrames: called. Line: ")));
-    helper->setImgSubAppConnected(true);
-    helper->imgSubQueueOutputFrame(0, 1);
+    imgSub->setImgSubAppConnected(true);
+    imgSub->imgSubQueueOutputFrame(0, 1);
     EXPECT_THAT(script->calls(), ElementsAre("queue 0"));
 }
 
-TEST_F(AScriptedImgSubHelper, StreamsAboveThreeAreRefused) {
-    forget();
+TEST_F(AConnectedImgSubHelper, StreamsAboveThreeAreRefused) {
     for (uint32_t streamIndex : {4u, 9u, 0x80000000u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(helper->imgSubGetOutputFrameToFill(streamIndex), nullptr);
-        helper->imgSubQueueOutputFrame(streamIndex, 1);
-        helper->cancelImgSubFrames(streamIndex);
+        EXPECT_EQ(imgSub->imgSubGetOutputFrameToFill(streamIndex), nullptr);
+        imgSub->imgSubQueueOutputFrame(streamIndex, 1);
+        imgSub->cancelImgSubFrames(streamIndex);
         EXPECT_EQ(acquire(streamIndex), -1);
     }
     EXPECT_THAT(script->calls(), IsEmpty());
-    EXPECT_EQ(Access::maxStreamIndex(*helper), 0u);
+    EXPECT_EQ(Access::maxStreamIndex(*imgSub), 0u);
     EXPECT_EQ(logged().size(), 4u) << "the four cancels";
 }
 
-TEST_F(AnImgSubHelper, HandsOutTheNewestReplacementOfTheStream) {
-    make();
-    connect();
+TEST_F(AConnectedImgSubHelper, HandsOutTheNewestReplacementOfTheStream) {
     sendReplacement(0, 1);
     sendReplacement(0, 2);
     EXPECT_EQ(acquire(0), 2);
-    EXPECT_EQ(halImage, Access::held(*helper, 0));
-    helper->imgSubReleaseFrame(0, std::move(halImage));
-    EXPECT_NE(Access::held(*helper, 0), nullptr) << "the helper keeps it too";
+    EXPECT_EQ(halImage, Access::held(*imgSub, 0));
+    imgSub->imgSubReleaseFrame(0, std::move(halImage));
+    EXPECT_NE(Access::held(*imgSub, 0), nullptr) << "the helper keeps it too";
     sendReplacement(0, 3);
     EXPECT_EQ(acquire(0), 3);
     EXPECT_THAT(logged(), IsEmpty());
@@ -329,9 +317,7 @@ TEST_F(AnImgSubHelper, FilesOtherStreamsWhileItWaitsAndHandsTheLastOutAgain) {
     EXPECT_GE(std::stoi(logged()[0].substr(logged()[0].find(": ") + 2)), 101);
 }
 
-TEST_F(AnImgSubHelper, TakesAReplacementThatComesDuringTheWait) {
-    make();
-    connect();
+TEST_F(AConnectedImgSubHelper, TakesAReplacementThatComesDuringTheWait) {
     // A loaded machine may send a frame too late for its wait, hence several attempts.
     uint8_t mark = 0;
     EXPECT_TRUE(waitUntil([&] {
@@ -368,7 +354,7 @@ TEST_F(AnImgSubHelper, HostileAndCancelledFramesGoBackToTheReader) {
     }
     EXPECT_EQ(log.count("Timed out"), 4u) << "the reader kept its only place";
     sendReplacement(0, 8);
-    helper->cancelImgSubFrames(0);
+    imgSub->cancelImgSubFrames(0);
     sendReplacement(0, 9, kIndexOffset + 4);
     EXPECT_EQ(acquire(0), 9) << "the row reaches just to its index";
 }
@@ -384,39 +370,22 @@ TEST_F(AnImgSubHelper, UnreadableImagesStayAcquired) {
         << "both places are taken, so that the wait ends at once";
 }
 
-TEST_F(AnImgSubHelper, CancelForgetsEveryReplacement) {
-    make();
-    connect();
-    sendReplacement(1, 11);
-    sendReplacement(2, 22);
-    EXPECT_EQ(acquire(1), 11);
-    sendReplacement(0, 33);
-    sendReplacement(0, 34);  // both still in the reader
-    helper->cancelImgSubFrames(0);
-    for (uint32_t streamIndex = 0; streamIndex < 4; streamIndex++) {
-        EXPECT_EQ(Access::received(*helper, streamIndex), nullptr);
-        EXPECT_EQ(Access::held(*helper, streamIndex), nullptr);
-    }
-    EXPECT_EQ(acquire(0), -1) << "what waited in the reader is gone too";
-}
-
 TEST_F(AnImgSubHelper, OnlyMergedLowerStreamsShareTheHighestStreamsReplacement) {
     for (bool merged : {true, false}) {
         SCOPED_TRACE(merged);
-        inbound = nullptr;
         make(12, merged);
         connect();
-        ASSERT_NE(helper->imgSubGetOutputFrameToFill(2), nullptr);
+        ASSERT_NE(lend(2, 2), nullptr);
         sendReplacement(0, 5);
         EXPECT_EQ(acquire(0), 5) << "its own while the highest has none";
         sendReplacement(2, 22);
         EXPECT_EQ(acquire(2), 22) << "the highest stream waits for its own";
         EXPECT_EQ(acquire(3), -1) << "above the highest there is nothing to share";
-        helper->setImgSubAppConnected(false);
+        imgSub->setImgSubAppConnected(false);
         log.clear();
         for (uint32_t lower : {0, 0, 1})
             EXPECT_EQ(acquire(lower), merged ? 22 : -1) << "at once, connected or not";
-        EXPECT_EQ(Access::held(*helper, 0) == Access::received(*helper, 2), merged);
+        EXPECT_EQ(Access::held(*imgSub, 0) == Access::received(*imgSub, 2), merged);
         EXPECT_EQ(acquire(2), -1);
         EXPECT_THAT(logged(), IsEmpty());
     }
@@ -426,38 +395,26 @@ TEST_F(AnImgSubHelper, StreamsRunBesideEachOther) {
     constexpr int kFrames = 60;
     make(20);
     connect();
-    std::atomic<bool> stop{false};
-    std::thread application([&] {
-        for (uint32_t frame = 0; !stop; frame++) {
-            while (takeOutbound() >= 0) {
-            }
-            // Bounded by what the reader takes: a full queue would hold this thread up for good.
-            if (frame % 2 == 0) sendReplacement(frame / 2 % 4);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
+    for (int i = 0; i < 4 * kFrames; i++)
+        script->onDequeue({1, i % 7});
     std::vector<std::thread> streams;
     std::atomic<int> replaced{0};
     for (uint32_t streamIndex = 0; streamIndex < 4; streamIndex++) {
         streams.emplace_back([&, streamIndex] {
             for (int frame = 0; frame < kFrames; frame++) {
-                if (helper->imgSubGetOutputFrameToFill(streamIndex) != nullptr)
-                    helper->imgSubQueueOutputFrame(streamIndex, frame);
+                if (streamIndex == 0) sendReplacement(frame % 4);
+                if (imgSub->imgSubGetOutputFrameToFill(streamIndex) != nullptr)
+                    imgSub->imgSubQueueOutputFrame(streamIndex, frame);
                 std::shared_ptr<AImage> image;
-                if (helper->imgSubAcquireFrame(streamIndex, image) != nullptr) replaced++;
-                helper->imgSubReleaseFrame(streamIndex, image);
-                if (streamIndex == 2 && frame % 20 == 19) helper->cancelImgSubFrames(2);
-                if (streamIndex == 1 && frame % 10 == 9) {
-                    helper->setImgSubAppConnected(false);
-                    helper->setImgSubAppConnected(true);
-                }
+                if (imgSub->imgSubAcquireFrame(streamIndex, image) != nullptr) replaced++;
+                imgSub->imgSubReleaseFrame(streamIndex, image);
+                if (streamIndex == 2 && frame % 20 == 19) imgSub->cancelImgSubFrames(2);
+                imgSub->setImgSubAppConnected(streamIndex != 1 || frame % 10 != 9);
             }
         });
     }
     for (std::thread& stream : streams)
         stream.join();
-    stop = true;
-    application.join();
     EXPECT_GT(replaced, 0);
 }
 

@@ -27,7 +27,7 @@ std::vector<std::string> ScriptedProducer::calls() const {
     return mCalls;
 }
 
-std::vector<ScriptedProducer::Queued> ScriptedProducer::queued() const {
+std::vector<IGraphicBufferProducer::QueueBufferInput> ScriptedProducer::queued() const {
     std::lock_guard<std::mutex> lock(mLock);
     return mQueued;
 }
@@ -92,7 +92,7 @@ status_t ScriptedProducer::queueBuffer(int slot, const QueueBufferInput& input,
                                        QueueBufferOutput* /*output*/) {
     std::lock_guard<std::mutex> lock(mLock);
     recordLocked("queue %d", slot);
-    mQueued.push_back({slot, input});
+    mQueued.push_back(input);
     return takeOr(mQueues, status_t{NO_ERROR});
 }
 

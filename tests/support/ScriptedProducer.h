@@ -22,10 +22,6 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
         android::status_t status;
         android::sp<android::GraphicBuffer> buffer;  // null: a new one on status 0, else none
     };
-    struct Queued {
-        int slot;
-        QueueBufferInput input;
-    };
 
     void onDequeue(const Dequeue& answer) { append(mDequeues, answer); }
     void onRequest(const Request& answer) { append(mRequests, answer); }
@@ -40,7 +36,7 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     // "request 3", "queue 3", "cancel 3", "disconnect api 4 mode 0". Listeners, "by app" and out pointers are
     // told only when they are not the usual ones: "connect api 4 listener", "connect api 4 by app".
     std::vector<std::string> calls() const;
-    std::vector<Queued> queued() const;
+    std::vector<QueueBufferInput> queued() const;
     std::vector<android::sp<android::Fence>> cancelledFences() const;
     void forgetCalls();
 
@@ -70,6 +66,6 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     std::deque<android::status_t> mQueues, mConnects, mDisconnects, mSetMaxes;
     std::function<void()> mWhileDequeueing;
     std::vector<std::string> mCalls;
-    std::vector<Queued> mQueued;
+    std::vector<QueueBufferInput> mQueued;
     std::vector<android::sp<android::Fence>> mCancelledFences;
 };
