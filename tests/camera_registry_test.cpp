@@ -3,7 +3,6 @@
 #include <type_traits>
 
 #include "HelperFixture.h"
-#include "MetadataHandler.h"
 
 namespace {
 
@@ -122,17 +121,6 @@ TEST_F(ARegistry, RefusesTheOverrideToTheCameraApplicationOnly) {
          {std::string(), std::string("com.korvanta.camer"), "x" + refused, std::string("com.korvanta.cameRa"),
           std::string("com.korvanta\0camera", 19)})
         EXPECT_TRUE(helper->isOverrideAllowedForPackage(name)) << name;
-}
-
-TEST_F(ARegistry, PassesTheVendorTagResolverOn) {
-    helper->setVendorTagCallback([](const char* section, const char* tag, unsigned int& id) {
-        id = 5;
-        return std::string(section) + "|" + tag == "com.example.section|tag";
-    });
-    unsigned int id = 0;
-    EXPECT_TRUE(
-        DesktopHelperTestAccess::metadataHandler(*helper).findMetadataTagId("com.example.section.tag", &id));
-    EXPECT_EQ(id, 5u);
 }
 
 }  // namespace

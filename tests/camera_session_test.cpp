@@ -92,19 +92,6 @@ TEST_F(ASession, AsksForARestartOnceAndAnnouncesItAtEveryOpenUntilTheClose) {
     EXPECT_EQ(messages().size(), 2u) << "a close ends the announcements";
 }
 
-TEST_F(ASession, GoesOnWhenItsMessagesCannotBeDelivered) {
-    kill();
-    open(0);
-    helper->setRequiredOverrideId(0, 2);
-    uint32_t fwkId = kNone;
-    EXPECT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
-    EXPECT_EQ(open(0), 2u);
-    awaitThreads();
-    EXPECT_EQ(log.count("triggerSessionRestart: CameraService replied "), 1u);
-    EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
-    EXPECT_EQ(log.count("Service not available"), 2u);
-}
-
 // The link is busy with a message whose receiver will only answer after a command of its own, which needs the
 // registry: the close must keep out of the registry while it waits for the link.
 TEST_F(ASession, CloseWaitsForABusyLinkWithoutHoldingTheRegistry) {

@@ -212,7 +212,6 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
                        "v.odd":[1],
                        "android.control.aeCompensationStep":[1,2],
                        "android.colorCorrection.transform":[[1,2],[1,2,3]],
-                       "android.sensor.neutralColorPoint":[[]],
                        "android.control.afMode":[3]})");
     EXPECT_THAT(
         logged(),
@@ -222,9 +221,7 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
                     "E Failed to set metadata for v.odd", "E rational parse failed, not expected array",
                     "E Failed to set metadata for android.control.aeCompensationStep",
                     "E rational parse failed, not expected array",
-                    "E Failed to set metadata for android.colorCorrection.transform",
-                    "E rational parse failed, not expected array",
-                    "E Failed to set metadata for android.sensor.neutralColorPoint"));
+                    "E Failed to set metadata for android.colorCorrection.transform"));
     EXPECT_EQ(get_camera_metadata_entry_count(result.current), 1u);
     EXPECT_THAT(valuesOf<uint8_t>(result.current, ANDROID_CONTROL_AF_MODE), ElementsAre(3));
 }

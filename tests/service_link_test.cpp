@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
-#include <thread>
 
 #include "HelperFixture.h"
 #include "RepeatedActions.h"
@@ -102,17 +101,6 @@ TEST_F(ALink, IsTriedThreeTimesAfterADeathAndThenLeftToTheNextUse) {
     service->setReply(ClientType::CLIENT_APP, "OK");
     EXPECT_EQ(sendToApp(), "OK");
     EXPECT_THAT(service->calls(), Contains("registerCallback 2").Times(1));
-}
-
-TEST_F(ALink, AnswersACommandWhileItsOwnCommandWaits) {
-    start();
-    service->block(Operation::SEND_COMMAND);
-    std::thread sender([&] { sendToApp(); });
-    ASSERT_TRUE(service->awaitBlocked(Operation::SEND_COMMAND));
-    EXPECT_EQ(service->sendToCallback(R"({"general":{"originalId":1,"overrideId":2}})"), "OK_HAL");
-    EXPECT_EQ(service->sendToCallback("{"), "PARSE_ERR");
-    service->unblock(Operation::SEND_COMMAND);
-    sender.join();
 }
 
 TEST_F(ALink, RegistersOncePerConnectionHoweverManyThreadsUseIt) {

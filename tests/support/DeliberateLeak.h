@@ -1,21 +1,16 @@
 #pragma once
 
+// Of the leak checker, where there is one.
+extern "C" __attribute__((weak)) void __lsan_disable();
+extern "C" __attribute__((weak)) void __lsan_enable();
+
 // While one lives, what its thread allocates is not reported as a leak: for behaviour that keeps memory on
 // purpose.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VEL_LEAKS_ARE_CHECKED
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define VEL_LEAKS_ARE_CHECKED
-#endif
-
-#ifdef VEL_LEAKS_ARE_CHECKED
-#include <sanitizer/lsan_interface.h>
-using DeliberateLeak = __lsan::ScopedDisabler;
-#else
 struct DeliberateLeak {
-    DeliberateLeak() {}
-    ~DeliberateLeak() {}
+    DeliberateLeak() {
+        if (__lsan_disable != nullptr) __lsan_disable();
+    }
+    ~DeliberateLeak() {
+        if (__lsan_enable != nullptr) __lsan_enable();
+    }
 };
-#endif

@@ -22,5 +22,4 @@ struct DesktopHelperTestAccess {
     static auto& maxStreamSizes(VelChiDesktopHelper& helper) { return helper.mMaxStreamSizes; }
     static int32_t appSlot(VelChiDesktopHelper& helper) { return helper.mAppDequeuedSlot; }
     static bool hasAppProducer(VelChiDesktopHelper& helper) { return helper.mAppProducer != nullptr; }
-    static MetadataHandler& metadataHandler(VelChiDesktopHelper& helper) { return *helper.mMetadataHandler; }
 };
