@@ -1,6 +1,5 @@
 #include "ScriptedProducer.h"
 
-#include <stdarg.h>
 #include <stdio.h>
 
 using namespace android;
@@ -22,21 +21,6 @@ void ScriptedProducer::whileDequeueing(std::function<void()> action) {
     mWhileDequeueing = std::move(action);
 }
 
-std::vector<std::string> ScriptedProducer::calls() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mCalls;
-}
-
-std::vector<IGraphicBufferProducer::QueueBufferInput> ScriptedProducer::queued() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mQueued;
-}
-
-std::vector<sp<Fence>> ScriptedProducer::cancelledFences() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mCancelledFences;
-}
-
 void ScriptedProducer::forgetCalls() {
     std::lock_guard<std::mutex> lock(mLock);
     mCalls.clear();
@@ -44,18 +28,9 @@ void ScriptedProducer::forgetCalls() {
     mCancelledFences.clear();
 }
 
-void ScriptedProducer::recordLocked(const char* format, ...) {
-    char text[128];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    mCalls.push_back(text);
-}
-
 status_t ScriptedProducer::requestBuffer(int slot, sp<GraphicBuffer>* buf) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("request %d", slot);
+    mCalls.push_back("request " + std::to_string(slot));
     const Request answer = takeOr(mRequests, Request{NO_ERROR, nullptr});
     *buf = answer.buffer;
     if (answer.status == NO_ERROR && answer.buffer == nullptr)
@@ -65,19 +40,21 @@ status_t ScriptedProducer::requestBuffer(int slot, sp<GraphicBuffer>* buf) {
 
 status_t ScriptedProducer::setMaxDequeuedBufferCount(int maxDequeuedBuffers) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("setMax %d", maxDequeuedBuffers);
+    mCalls.push_back("setMax " + std::to_string(maxDequeuedBuffers));
     return takeOr(mSetMaxes, status_t{NO_ERROR});
 }
 
 status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w, uint32_t h,
                                          PixelFormat format, uint64_t usage, uint64_t* outBufferAge,
                                          FrameEventHistoryDelta* outTimestamps) {
+    char call[128];
+    snprintf(call, sizeof(call), "dequeue %ux%u format %d usage %#llx%s", w, h, format,
+             static_cast<unsigned long long>(usage), outTimestamps ? " timestamps" : "");
     std::function<void()> action;
     Dequeue answer;
     {
         std::lock_guard<std::mutex> lock(mLock);
-        recordLocked("dequeue %ux%u format %d usage %#llx%s", w, h, format,
-                     static_cast<unsigned long long>(usage), outTimestamps ? " timestamps" : "");
+        mCalls.push_back(call);
         answer = takeOr(mDequeues, Dequeue{NO_INIT});
         action = mWhileDequeueing;
     }
@@ -91,14 +68,14 @@ status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w
 status_t ScriptedProducer::queueBuffer(int slot, const QueueBufferInput& input,
                                        QueueBufferOutput* /*output*/) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("queue %d", slot);
+    mCalls.push_back("queue " + std::to_string(slot));
     mQueued.push_back(input);
     return takeOr(mQueues, status_t{NO_ERROR});
 }
 
 status_t ScriptedProducer::cancelBuffer(int slot, const sp<Fence>& fence) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("cancel %d", slot);
+    mCalls.push_back("cancel " + std::to_string(slot));
     mCancelledFences.push_back(fence);
     return NO_ERROR;
 }
@@ -106,13 +83,14 @@ status_t ScriptedProducer::cancelBuffer(int slot, const sp<Fence>& fence) {
 status_t ScriptedProducer::connect(const sp<IProducerListener>& listener, int api,
                                    bool producerControlledByApp, QueueBufferOutput* /*output*/) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("connect api %d%s%s", api, listener != nullptr ? " listener" : "",
-                 producerControlledByApp ? " by app" : "");
+    mCalls.push_back("connect api " + std::to_string(api) + (listener != nullptr ? " listener" : "") +
+                     (producerControlledByApp ? " by app" : ""));
     return takeOr(mConnects, status_t{NO_ERROR});
 }
 
 status_t ScriptedProducer::disconnect(int api, DisconnectMode mode) {
     std::lock_guard<std::mutex> lock(mLock);
-    recordLocked("disconnect api %d mode %d", api, static_cast<int>(mode));
+    mCalls.push_back("disconnect api " + std::to_string(api) + " mode " +
+                     std::to_string(static_cast<int>(mode)));
     return takeOr(mDisconnects, status_t{NO_ERROR});
 }

@@ -35,9 +35,9 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     // What was called so far, as text: "connect api 4", "setMax 6", "dequeue 640x480 format 1 usage 0x20",
     // "request 3", "queue 3", "cancel 3", "disconnect api 4 mode 0". Listeners, "by app" and out pointers are
     // told only when they are not the usual ones: "connect api 4 listener", "connect api 4 by app".
-    std::vector<std::string> calls() const;
-    std::vector<QueueBufferInput> queued() const;
-    std::vector<android::sp<android::Fence>> cancelledFences() const;
+    std::vector<std::string> calls() const { return copyOf(mCalls); }
+    std::vector<QueueBufferInput> queued() const { return copyOf(mQueued); }
+    std::vector<android::sp<android::Fence>> cancelledFences() const { return copyOf(mCancelledFences); }
     void forgetCalls();
 
     android::status_t requestBuffer(int slot, android::sp<android::GraphicBuffer>* buf) override;
@@ -58,7 +58,11 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
         std::lock_guard<std::mutex> lock(mLock);
         answers.push_back(answer);
     }
-    void recordLocked(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    template <typename Values>
+    Values copyOf(const Values& values) const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return values;
+    }
 
     mutable std::mutex mLock;  // guards every member below
     std::deque<Dequeue> mDequeues;
