@@ -2,8 +2,8 @@
 #include <gui/IGraphicBufferProducer.h>
 
 #include "HelperFixture.h"
+#include "ImgSubHelperTestAccess.h"
 #include "RepeatedActions.h"
-#include "VelImgSubHelper.h"
 
 namespace {
 
@@ -116,7 +116,13 @@ TEST_F(AnImgSubConfiguration, LeavesAHelperThatIsStillHeldWithoutTheApplication)
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
     for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}})
         EXPECT_EQ(send(command({{"image-width", width}, {"image-height", height}})), accepted(96));
-    EXPECT_EQ(send(command({{"hal-merge-streams", "\"x\""}})), accepted());
+}
+
+TEST_F(AnImgSubConfiguration, MergesStreamsWhenAskedByANumberFromOneOn) {
+    for (const auto& [asked, merges] : {std::pair{"\"x\"", false}, {"0", false}, {"1", true}, {"2", true}}) {
+        EXPECT_EQ(send(command({{"hal-merge-streams", asked}})), accepted());
+        EXPECT_EQ(ImgSubHelperTestAccess::mergesStreams(*helper->mImgSubHelper), merges) << asked;
+    }
 }
 
 TEST_F(AnImgSubConfiguration, GivesTheReaderTheAskedUsageOrItsOwn) {

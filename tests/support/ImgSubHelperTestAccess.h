@@ -8,6 +8,7 @@ struct ImgSubHelperTestAccess {
         std::lock_guard<std::mutex> lock(helper.mLock);
         return helper.mDequeuedSlots[streamIndex];
     }
+    static bool mergesStreams(const VelImgSubHelper& helper) { return helper.mMergeStreams; }
     static uint32_t maxStreamIndex(VelImgSubHelper& helper) { return helper.mMaxStreamIndex; }
     static std::shared_ptr<AImage> received(VelImgSubHelper& helper, uint32_t streamIndex) {
         std::lock_guard<std::mutex> lock(helper.mLock);
