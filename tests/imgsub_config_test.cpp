@@ -1,12 +1,17 @@
 #include <gmock/gmock.h>
-#include <gui/IGraphicBufferProducer.h>
+#include <gui/BufferItemConsumer.h>
+
+#include <thread>
 
 #include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
 #include "RepeatedActions.h"
 
+#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
+
 namespace {
 
+using namespace android;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -34,6 +39,16 @@ std::string accepted(uint32_t width = 460896) {
            R"(,"app-consumer-height":1,"app-consumer-buffer-count":6,"app-consumer-v4l2-format":"RAW_PRIVATE",)"
            R"("using-private-header-version":"v1"})";
 }
+
+// Looks at the queue behind a surface of this process: over HIDL a usage has 32 bits only.
+struct Wrapper : TWGraphicBufferProducer<HGraphicBufferProducer> {
+    using TWGraphicBufferProducer::TWGraphicBufferProducer;
+    static uint64_t consumerUsage(HGraphicBufferProducer& surface) {
+        uint64_t usage = 0;
+        (static_cast<TWGraphicBufferProducer&>(surface).*&Wrapper::mBase)->getConsumerUsage(&usage);
+        return usage;
+    }
+};
 
 class AnImgSubConfiguration : public ConnectedHelperFixture {
   protected:
@@ -119,21 +134,20 @@ TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
 }
 
 TEST_F(AnImgSubConfiguration, MergesStreamsWhenAskedByANumberFromOneOn) {
-    for (const auto& [asked, merges] : {std::pair{"\"x\"", false}, {"0", false}, {"1", true}, {"2", true}}) {
+    for (const auto& [asked, merges] :
+         {std::pair{"\"x\"", false}, {"-1", false}, {"0", false}, {"1", true}, {"2", true}}) {
         EXPECT_EQ(send(command({{"hal-merge-streams", asked}})), accepted());
         EXPECT_EQ(ImgSubHelperTestAccess::mergesStreams(*helper->mImgSubHelper), merges) << asked;
     }
 }
 
 TEST_F(AnImgSubConfiguration, GivesTheReaderTheAskedUsageOrItsOwn) {
-    for (const auto& [asked, expected] : {std::pair{"-1", 3}, {"3", 3}, {"51", 51}}) {
-        EXPECT_EQ(send(command({{"hal-consumer-usage", asked}})), accepted());
-        int32_t usage = 0;
+    for (const auto& [asked, expected] :
+         {std::pair{"-1", uint64_t{3}}, {"0", 0}, {"51", 51}, {"-2", UINT64_MAX - 1}}) {
+        EXPECT_EQ(send(command({{"hal-consumer-usage", asked}, {"hal-consumer-buffer-count", "62"}})),
+                  accepted());
         const auto surface = service->surface(ClientType::CLIENT_IMG_SUB);
-        EXPECT_TRUE(
-            surface->query(NATIVE_WINDOW_CONSUMER_USAGE_BITS, [&](int32_t, int32_t told) { usage = told; })
-                .isOk());
-        EXPECT_EQ(usage, expected);
+        EXPECT_EQ(Wrapper::consumerUsage(*surface), expected);
     }
 }
 
@@ -162,7 +176,13 @@ TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
 
     const std::weak_ptr<VelImgSubHelper> watched = frameThreads;
     frameThreads.reset();
-    helper->ImgSubNodeDisconnect();
+    service->block(Operation::SET_SURFACE);
+    std::thread node([&] { helper->ImgSubNodeDisconnect(); });
+    EXPECT_TRUE(service->awaitBlocked(Operation::SET_SURFACE));
+    EXPECT_FALSE(
+        std::unique_lock(DesktopHelperTestAccess::serviceLock(*helper), std::try_to_lock).owns_lock());
+    service->unblock(Operation::SET_SURFACE);
+    node.join();
     EXPECT_TRUE(watched.expired());
     EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
 }
@@ -186,6 +206,35 @@ TEST_F(AnImgSubConfiguration, KeepsTheEarlierHelperFromTheNewReader) {
     EXPECT_EQ(send(command()), accepted(460896)) << "the busy link does not hold it up";
     service->unblock(Operation::GET_SURFACE);
     frames.join();
+}
+
+// Both use the application's one queue, and the end of the earlier helper disconnects it.
+TEST_F(AnImgSubConfiguration, LosesOneFrameToTheLateEndOfTheEarlierHelper) {
+    sp<IGraphicBufferProducer> queue;
+    sp<IGraphicBufferConsumer> end;
+    BufferQueue::createBufferQueue(&queue, &end);
+    const sp<BufferItemConsumer> consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 1);
+    const auto configure = [&] {
+        send(command());
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, new Wrapper(queue));
+        return helper->mImgSubHelper;
+    };
+    auto earlier = configure();
+    ASSERT_NE(earlier->imgSubGetOutputFrameToFill(0), nullptr);
+    const auto current = configure();
+    ASSERT_NE(current->imgSubGetOutputFrameToFill(0), nullptr) << "although the queue refuses to connect it";
+    earlier->imgSubQueueOutputFrame(0, 1);
+    earlier.reset();
+    current->imgSubQueueOutputFrame(0, 2);
+    EXPECT_EQ(current->imgSubGetOutputFrameToFill(0), nullptr);
+    ASSERT_NE(current->imgSubGetOutputFrameToFill(0), nullptr);
+    current->imgSubQueueOutputFrame(0, 3);
+    for (const char* line : {"queue buffer failed imgsub", "request imgsub dequeue failed with -19",
+                             "Unable to disconnect imgsub producer, -19"})
+        EXPECT_EQ(log.count(line), 1u) << line;
+    BufferItem frame;
+    ASSERT_EQ(consumer->acquireBuffer(&frame, 0), NO_ERROR);
+    EXPECT_EQ(frame.mTimestamp, 3) << "neither helper's earlier frame came through";
 }
 
 // Reconfigured, closed and disconnected at once while a frame thread uses whatever helper there is: each
