@@ -25,9 +25,7 @@ class AFramePath : public HelperFixture {
     void offer(const sp<IGraphicBufferProducer>& producer) {
         service->offerSurface(ClientType::CLIENT_APP, new Wrapper(producer));
     }
-    bool connect(uint32_t width = 640) {
-        return helper->connectProducer(width, 480, HAL_PIXEL_FORMAT_RGBA_8888);
-    }
+    bool connect() { return helper->connectProducer(640, 480, HAL_PIXEL_FORMAT_RGBA_8888); }
     sp<GraphicBuffer> lend(int slot) {
         script->onDequeue({IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, slot});
         return helper->getFrameToFill();
@@ -115,13 +113,13 @@ TEST_F(AScriptedFramePath, SaysWhatHappensAndReconnectsWithinTheFailedCall) {
 }
 
 TEST_F(AScriptedFramePath, SecondConnectTakesTheNewSizeOnly) {
-    EXPECT_TRUE(connect(1280));
+    EXPECT_TRUE(helper->connectProducer(1280, 720, HAL_PIXEL_FORMAT_RGB_565));
     EXPECT_THAT(service->calls(), IsEmpty());
     EXPECT_THAT(script->calls(), IsEmpty());
     lend(0);
     helper->queueFilledFrame(0);
-    EXPECT_EQ(script->calls().front(), "dequeue 1280x480 format 1 usage 0x20");
-    EXPECT_EQ(script->queued().front().crop, Rect(0, 0, 1280, 480));
+    EXPECT_EQ(script->calls().front(), "dequeue 1280x720 format 4 usage 0x20");
+    EXPECT_EQ(script->queued().front().crop, Rect(0, 0, 1280, 720));
 }
 
 TEST_F(AScriptedFramePath, WithoutASurfaceToReconnectToStaysDisconnected) {
@@ -142,16 +140,22 @@ TEST_F(AScriptedFramePath, FrameLentBeforeADisconnectIsAFailedQueue) {
     EXPECT_THAT(logged(), ElementsAre("E queue buffer failed"));
 }
 
-TEST_F(AScriptedFramePath, BlockedDequeueLeavesTheServiceFree) {
-    bool isFree = false;
-    script->whileDequeueing([&] {
-        std::thread([&] {
-            const std::unique_lock<std::mutex> lock(Access::serviceLock(*helper), std::try_to_lock);
-            isFree = lock.owns_lock();
-        }).join();
-    });
+TEST_F(AScriptedFramePath, HoldsTheServiceLinkToConnectButNotToDequeue) {
+    const auto isLinkFree = [&] {
+        return std::unique_lock<std::mutex>(Access::serviceLock(*helper), std::try_to_lock).owns_lock();
+    };
+    bool wasFree = false;
+    script->whileDequeueing([&] { std::thread([&] { wasFree = isLinkFree(); }).join(); });
     EXPECT_NE(lend(1), nullptr);
-    EXPECT_TRUE(isFree);
+    EXPECT_TRUE(wasFree);
+
+    helper->disconnectProducer();
+    service->block(Operation::GET_SURFACE);
+    std::thread connecting([&] { EXPECT_TRUE(connect()); });
+    EXPECT_TRUE(service->awaitBlocked(Operation::GET_SURFACE));
+    EXPECT_FALSE(isLinkFree());
+    service->unblock(Operation::GET_SURFACE);
+    connecting.join();
 }
 
 TEST_F(AFramePath, ForgottenBuffersOfARealQueueComeBackThroughOneReconnection) {

@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
 
@@ -115,7 +117,9 @@ TEST_F(AProducerQueue, KeepsASlotWhoseRequestItRefuses) {
 
 TEST_F(AProducerQueue, GetsABufferBackWhoseFenceIsLateButItStaysCached) {
     SignalFence late;
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(dequeue({1, 4, late.fence()}), Dequeued::NO_BUFFER);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
     EXPECT_EQ(slot, 2);
     EXPECT_THAT(script->calls(), ElementsAre(kDequeue, "request 4", "cancel 4"));
     EXPECT_THAT(script->cancelledFences(), ElementsAre(late.fence()));
