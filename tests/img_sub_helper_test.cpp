@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <media/NdkImageReader.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "DeliberateLeak.h"
@@ -29,6 +33,17 @@ using testing::StartsWith;
 using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 
 namespace {
+std::atomic<time_t> gWallClockSetBackS{0};
+}
+
+// In place of the C library's, so that a test can set the wall clock.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) {
+    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec -= gWallClockSetBackS;
+    return result;
+}
+
+namespace {
 
 constexpr int32_t kFormat = AIMAGE_FORMAT_RAW_PRIVATE;
 constexpr uint32_t kImageWidth = 16;
@@ -51,6 +66,7 @@ TEST(ReplacementFrame, IsSizedWithASignedProductAndHoldsItsIndexAtAFixedPlace) {
                 {50000, 50000, 0, false},  // and to a negative number
                 {-1, 1, 96, false},
                 {-1000, 1, 0, false},
+                {-1431655765, 1, 0, false},  // whose bytes are just above 32 bits when unsigned
                 {INT32_MAX, 1, 3221225568, false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.width);
@@ -325,12 +341,24 @@ TEST_F(AConnectedImgSubHelper, TakesAReplacementThatComesDuringTheWait) {
         mark++;
         std::thread application([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            lend(1, 1);  // another stream goes on meanwhile
             sendReplacement(0, mark);
         });
         const int acquired = acquire(0);
         application.join();
         return acquired == mark;
     }));
+}
+
+TEST_F(AConnectedImgSubHelper, WaitEndsThoughTheWallClockIsSetBackAgainAndAgain) {
+    std::future<int> acquired = std::async(std::launch::async, [&] { return acquire(0); });
+    const auto isOver = [&] {
+        gWallClockSetBackS += 3600;
+        return acquired.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    };
+    EXPECT_TRUE(waitUntil(isOver));
+    gWallClockSetBackS = 0;
+    EXPECT_EQ(acquired.get(), -1);
 }
 
 TEST_F(AnImgSubHelper, ReaderErrorEndsTheWaitAtOnceWithTheLastReplacement) {
