@@ -3,7 +3,7 @@
 #include <functional>
 
 // Short-lived threads that nobody joins. Their bodies may outlive the call that started them, so they carry
-// copies, and they touch the helper only while helper_lifetime::isOver() is false.
+// copies, and they touch the helper only during a helper_lifetime::Visit.
 namespace detached_thread {
 
 /**

@@ -6,12 +6,25 @@ class VelChiDesktopHelper;
 // functions has no destructor, so it may be asked while the process exits.
 namespace helper_lifetime {
 
-// The constructor and the destructor of the instance report here, first thing.
+// The constructor and the destructor of the instance report here, first thing. end() turns later visitors
+// away and gives those inside 100 ms to leave: one that waits for its peer longer is left behind.
 void begin(VelChiDesktopHelper* instance);
 void end();
 
-// True from the start of the instance's destruction on: nothing of it may be touched any more.
-bool isOver();
+// What a thread makes before it touches the instance, and keeps meanwhile: false when the destruction has
+// begun, and nothing of the instance may be touched. Takes no lock and does not wait.
+class Visit {
+  public:
+    Visit();
+    ~Visit();
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    explicit operator bool() const { return mIsAllowed; }
+
+  private:
+    bool mIsAllowed;
+};
 
 // The instance, also while its constructor still runs, when a peer's command can already arrive and
 // VelChiDesktopHelper::getInstance() would wait for that constructor. Built when it does not exist yet.

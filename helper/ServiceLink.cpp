@@ -74,7 +74,8 @@ void VelChiDesktopHelper::handleDeathNotification() {
 void VelChiDesktopHelper::reconnectToService() {
     for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
         usleep(kReconnectPauseUs);
-        if (helper_lifetime::isOver()) return;
+        const helper_lifetime::Visit visit;
+        if (!visit) return;
         std::lock_guard<std::mutex> lock(mServiceLock);
         if (connectToServiceLocked()) return;
     }
