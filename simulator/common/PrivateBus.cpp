@@ -1,17 +1,20 @@
 #include "PrivateBus.h"
 
+#include <android-base/unique_fd.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <cstdio>
+#include <random>
 #include <stdexcept>
 #include <system_error>
 
 namespace vel::sim {
 namespace {
+
+using android::base::unique_fd;
 
 // Everyone who gets in may own, send and receive everything; only the starting user gets in. The limits are
 // those of a session bus: the built-in one for pending replies is far lower.
@@ -47,27 +50,31 @@ std::string configuration(const std::string& address) {
 )";
 }
 
+std::string randomName() {
+    std::random_device random;
+    char name[24];
+    std::snprintf(name, sizeof(name), "%08x%08x", random(), random());
+    return name;
+}
+
+unique_fd memoryFile(const std::string& text) {
+    unique_fd file(memfd_create("bus.conf", MFD_CLOEXEC));
+    if (file < 0 || write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::system_error(errno, std::generic_category(), "memfd");
+    return file;
+}
+
 }  // namespace
 
-PrivateBus::Directory::Directory()
-    : path((std::filesystem::temp_directory_path() / "vel-bus-XXXXXX").string()) {
-    if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
-}
-
-PrivateBus::Directory::~Directory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 PrivateBus::PrivateBus() {
-    const std::string configPath = mDirectory.path + "/bus.conf";
-    std::ofstream(configPath) << configuration("unix:path=" + mDirectory.path + "/bus");
+    const unique_fd file = memoryFile(configuration("unix:abstract=vel-bus-" + randomName()));
     ChildProcess::Options options;
-    options.command = {"dbus-daemon", "--config-file=" + configPath,
-                       "--nofork",    "--nopidfile",
-                       "--nosyslog",  "--print-address"};
+    options.command = {
+        "dbus-daemon", "--config-file=/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file),
+        "--nofork",    "--nopidfile",
+        "--nosyslog",  "--print-address"};
     mDaemon = std::make_unique<ChildProcess>(std::move(options));
-    const auto line = mDaemon->waitForLine("unix:path=");
+    const auto line = mDaemon->waitForLine("unix:abstract=");
     if (!line) throw std::runtime_error("the private dbus-daemon did not start");
     mAddress = line->substr(0, line->find(','));  // without the bus's own id
 }
