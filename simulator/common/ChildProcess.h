@@ -18,9 +18,10 @@ namespace vel::sim {
 
 // A program started by this one, with its standard input and output piped here; standard error is shared.
 //
-// The child is killed when this object goes, and by the kernel when the thread that started it ends: start
-// children from a thread that lives as long as they should. The methods may be called from any thread, but
-// kill(), wait() and the destructor not concurrently with each other.
+// The child has a process group of its own, so that Ctrl-C in a terminal reaches this process alone. It is
+// killed when this object goes, and by the kernel when the thread that started it ends: start children from a
+// thread that lives as long as they should. The methods may be called from any thread, but kill(), wait() and
+// the destructor not concurrently with each other.
 class ChildProcess {
   public:
     static constexpr size_t kKeptLines = 4096;
