@@ -219,7 +219,7 @@ TEST_F(AVideoInput, SaysInOneLineWhyAFileCannotBeRead) {
         {mFolder.write("empty.mp4", ""), "is empty"},
         {mFolder.write("notes.txt", "These are notes.\nThey are no film.\n"), "Invalid data found"},
         {mFolder.write("cut.mp4", bytes.substr(0, bytes.size() / 2)), "moov atom not found"},
-        {sound, "matches no streams"},
+        {sound, "holds no picture"},
         {odd, "321x241, only even"},
     };
     for (const auto& [file, reason] : rows) {
@@ -227,6 +227,12 @@ TEST_F(AVideoInput, SaysInOneLineWhyAFileCannotBeRead) {
                                            Not(HasSubstr("/dev/stdin"))));
         EXPECT_FALSE(hasChildren()) << file;
     }
+}
+
+// The decoder would take it for a whole one of fewer frames.
+TEST_F(AVideoInput, FailsWhereAYuv4MpegFileWasCut) {
+    VideoInput input(mFolder.write("cut.y4m", "YUV4MPEG2 W2 H2 F5:1\nFRAME\n123456FRAME\n123"));
+    EXPECT_THAT(errorOf([&] { countFrames(input); }), HasSubstr("ends inside frame 1"));
 }
 
 TEST_F(AVideoInput, PlaysADamagedClipAndSaysThatItIs) {

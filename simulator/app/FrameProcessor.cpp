@@ -54,7 +54,7 @@ Setup readSetup(const std::string& line) {
     setup.buffers = fields.number("buffers", 16, 1, kMaxReaderImages);
     setup.hold = fields.number("hold", -1, 0, INT32_MAX);
     setup.effect = parseEffect(fields.text("effect", "tint"));
-    fields.rejectOthers();
+    fields.rejectOthers(1);
     return setup;
 }
 
@@ -250,7 +250,7 @@ FrameProcessor::~FrameProcessor() {
 }
 
 bool FrameProcessor::isCommand(const std::string& line) {
-    return line.compare(0, sizeof(kVerb) - 1, kVerb) == 0;
+    return FieldList::verbOf(line) == kVerb;
 }
 
 bool FrameProcessor::execute(const std::string& line) try {

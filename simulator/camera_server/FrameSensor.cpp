@@ -1,7 +1,9 @@
 #include "FrameSensor.h"
 
 #include <VelChiDesktopHelper.h>
+#include <android-base/unique_fd.h>
 #include <media/NdkImageReader.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <ui/GraphicBuffer.h>
 #include <unistd.h>
@@ -36,7 +38,6 @@ constexpr std::chrono::seconds kReportEvery{1};
 
 struct SensorSetup {
     FrameSize size{1920, 1080};
-    int camera = 0;
     int streams = 1;
     int fps = 30;
     int count = 0;
@@ -58,7 +59,10 @@ SensorSetup readSetup(const std::string& line) {
     setup.input = fields.text("input");
     setup.output = fields.text("output");
     setup.sheet = fields.text("sheet");
-    fields.rejectOthers();
+    const std::string& camera = fields.word(1);
+    if (camera.empty() || camera.find_first_not_of("0123456789") != std::string::npos)
+        throw std::invalid_argument("frames need a camera, as in frames 0");
+    fields.rejectOthers(2);
     if (setup.output == "-") throw std::invalid_argument("frames cannot be written to standard output");
     if (!setup.input.empty()) setup.streams = 1;
     return setup;
@@ -118,16 +122,18 @@ class FrameSensor::Session {
 
     // Never throws: tells its outcome in a line.
     void run();
-    // Any thread.
-    void stop();
+    // Ends the frames early, which is a failure of those that are aborted or have an input. Any thread.
+    void stop(bool isAborted);
     bool isOver() const { return mIsOver; }
 
   private:
     void play();
     void openInput();
+    void readFirst();
     void makeStreams();
     FrameStream::Setup streamSetup(uint32_t index);
     FrameStream::Draw drawing(uint32_t index);
+    bool drawInput(const FrameView& frame);
     void runStream(FrameStream& stream);
     void streamToTheEnd();
     void runPreview();
@@ -144,7 +150,9 @@ class FrameSensor::Session {
     SensorSetup mSetup;
     const int mStreamFd;
     FrameRate mRate;
-    std::unique_ptr<VideoInput> mInput;  // set by run(), guarded by mLock for stop()
+    const android::base::unique_fd mCancel{eventfd(0, EFD_CLOEXEC)};  // ends the waits for input
+    std::unique_ptr<VideoInput> mInput;
+    std::vector<uint8_t> mFirst;  // the input's first frame, until it is drawn
     std::unique_ptr<OutputFile> mOutput;
     std::vector<std::unique_ptr<FrameStream>> mStreams;
     std::vector<std::unique_ptr<TestPicture>> mPictures;
@@ -165,18 +173,20 @@ void FrameSensor::Session::run() {
         fail(error.what());
     }
     mOutput.reset();
-    std::lock_guard<std::mutex> lock(mLock);
     mInput.reset();
+    std::lock_guard<std::mutex> lock(mLock);
     mIsOver = true;  // first: who reads the line may start the next frames
     printLine("frames ended: %s", mProblem.empty() ? "well" : mProblem.c_str());
 }
 
-void FrameSensor::Session::stop() {
+void FrameSensor::Session::stop(bool isAborted) {
     mStop.set();
-    std::lock_guard<std::mutex> lock(mLock);
-    if (mInput == nullptr || mIsOver) return;
-    mInput->cancel();
-    if (mProblem.empty()) mProblem = "ended before its input";
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        const bool isFailure = isAborted || !mSetup.input.empty();
+        if (isFailure && mProblem.empty()) mProblem = isAborted ? "aborted" : "ended before its input";
+    }
+    eventfd_write(mCancel, 1);
 }
 
 void FrameSensor::Session::play() {
@@ -184,6 +194,7 @@ void FrameSensor::Session::play() {
     if (isSameFile(mSetup.input, mSetup.output))
         throw std::runtime_error("input and output are the same file");
     if (!mSetup.output.empty()) mOutput = std::make_unique<OutputFile>(mSetup.output, mSetup.size, mRate);
+    readFirst();
     makeStreams();
     printLine("frames of %dx%d ready, %d streams", mSetup.size.width, mSetup.size.height, mSetup.streams);
     mHelper->sendImgSubHalReadyToApp();
@@ -201,12 +212,17 @@ void FrameSensor::Session::play() {
 void FrameSensor::Session::openInput() {
     mRate = {mSetup.fps, 1};
     if (mSetup.input.empty()) return;
-    auto input = mSetup.input == "-" ? std::make_unique<VideoInput>(mStreamFd, "standard input")
-                                     : std::make_unique<VideoInput>(mSetup.input);
-    mSetup.size = input->size();
-    mRate = input->rate();
-    std::lock_guard<std::mutex> lock(mLock);
-    mInput = std::move(input);
+    mInput = mSetup.input == "-" ? std::make_unique<VideoInput>(mStreamFd, "standard input", mCancel)
+                                 : std::make_unique<VideoInput>(mSetup.input, mCancel);
+    mSetup.size = mInput->size();
+    mRate = mInput->rate();
+}
+
+// Before the application hears of the frames: most faults of an input show by then.
+void FrameSensor::Session::readFirst() {
+    if (mInput == nullptr) return;
+    mFirst.resize(frameBytes(mSetup.size));
+    (void)mInput->readFrame(FrameView(mFirst.data(), mSetup.size));
 }
 
 void FrameSensor::Session::makeStreams() {
@@ -230,11 +246,18 @@ FrameStream::Setup FrameSensor::Session::streamSetup(uint32_t index) {
 }
 
 FrameStream::Draw FrameSensor::Session::drawing(uint32_t index) {
-    if (mInput) return [this](uint32_t, const FrameView& frame) { return mInput->readFrame(frame); };
+    if (mInput) return [this](uint32_t, const FrameView& frame) { return drawInput(frame); };
     return [picture = mPictures[index].get()](uint32_t counter, const FrameView& frame) {
         picture->draw(counter, frame);
         return true;
     };
+}
+
+bool FrameSensor::Session::drawInput(const FrameView& frame) {
+    if (mFirst.empty()) return mInput->readFrame(frame);
+    copyFrame(ConstFrameView(mFirst.data(), mSetup.size), frame);
+    mFirst = {};
+    return true;
 }
 
 // Runs the streams, each on its thread, and reports until the last one has ended.
@@ -339,8 +362,8 @@ void FrameSensor::Session::judge() {
 void FrameSensor::Session::finishFiles() {
     std::unique_lock<std::mutex> lock(mLock);
     if (!mProblem.empty()) return;
-    if (mOutput) mOutput->finish();
     if (!mSetup.sheet.empty() && mSheet.rows() > 0) mSheet.write(mSetup.sheet);
+    if (mOutput) mOutput->finish();  // last: a run that fails leaves no output
 }
 
 // The first problem is told; the others follow from it.
@@ -357,7 +380,7 @@ FrameSensor::~FrameSensor() {
 }
 
 bool FrameSensor::isCommand(const std::string& line) {
-    return line.compare(0, sizeof(kVerb) - 1, kVerb) == 0;
+    return FieldList::verbOf(line) == kVerb;
 }
 
 bool FrameSensor::execute(const std::string& line) try {
@@ -381,7 +404,15 @@ void FrameSensor::waitUntilOver() {
 }
 
 void FrameSensor::end() {
-    if (mSession != nullptr) mSession->stop();
+    stop(false);
+}
+
+void FrameSensor::abort() {
+    stop(true);
+}
+
+void FrameSensor::stop(bool isAborted) {
+    if (mSession != nullptr) mSession->stop(isAborted);
     if (mThread.joinable()) mThread.join();
     mSession = nullptr;
 }

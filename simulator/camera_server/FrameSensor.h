@@ -32,8 +32,10 @@ class FrameSensor {
      */
     bool execute(const std::string& line);
 
-    /** Ends the frames that run, and waits for it. */
+    /** Ends the frames that run, and waits for it. Frames of an input have then failed. */
     void end();
+    /** The same, and they have failed in any case: no output is left. */
+    void abort();
 
     /** Waits until the frames that run have ended by themselves. */
     void waitUntilOver();
@@ -43,6 +45,8 @@ class FrameSensor {
 
   private:
     class Session;
+
+    void stop(bool isAborted);
 
     VelChiDesktopHelper* const mHelper;
     int mStreamFd = -1;

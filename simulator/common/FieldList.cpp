@@ -77,10 +77,17 @@ bool FieldList::pair(const std::string& name, int& first, int& second) {
     return true;
 }
 
-void FieldList::rejectOthers() const {
+void FieldList::rejectOthers(size_t words) const {
+    if (mWords.size() > words) refuse(mWords[words]);
     for (const auto& [name, value] : mFields) {
         if (mAsked.count(name) == 0) refuse(name, value);
     }
+}
+
+std::string FieldList::verbOf(const std::string& line) {
+    std::string verb;
+    std::istringstream(line) >> verb;
+    return verb;
 }
 
 std::string FieldList::quoted(const std::string& text) {

@@ -25,8 +25,11 @@ class FieldList {
     /** A field of two numbers, as in 640x480; false, and nothing written, when it is not given. */
     bool pair(const std::string& name, int& first, int& second);
 
-    /** Throws when a field was given that nobody has asked for. */
-    void rejectOthers() const;
+    /** Throws when a field was given that nobody has asked for, or more than so many plain words. */
+    void rejectOthers(size_t words) const;
+
+    /** The first word of a line, whatever the rest holds. */
+    static std::string verbOf(const std::string& line);
 
     /** A text as the value of a field, quoted. It must not hold a newline. */
     static std::string quoted(const std::string& text);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +14,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "Timeline.h"
 
@@ -73,6 +73,13 @@ std::string oneLine(const std::string& text) {
     return printable(all, 500);
 }
 
+// The decoder would not tell that such a file was cut.
+bool isY4m(int file) {
+    static const std::string magic = "YUV4MPEG2 ";
+    std::string start(magic.size(), 0);
+    return pread(file, start.data(), start.size(), 0) == static_cast<ssize_t>(start.size()) && start == magic;
+}
+
 }  // namespace
 
 VideoInput::Decoder::~Decoder() {
@@ -82,15 +89,15 @@ VideoInput::Decoder::~Decoder() {
     }
 }
 
-VideoInput::VideoInput(const std::string& file)
-    : mName(printable(file, 256)), mCancel(eventfd(0, EFD_CLOEXEC)) {
-    startDecoder(file);
+VideoInput::VideoInput(const std::string& file, int cancelFd)
+    : mName(printable(file, 256)), mCancelFd(cancelFd) {
+    openFile(file);
     mReader =
         std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
 }
 
-VideoInput::VideoInput(int stream, const std::string& name)
-    : mName(name), mCancel(eventfd(0, EFD_CLOEXEC)), mData(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
+VideoInput::VideoInput(int stream, const std::string& name, int cancelFd)
+    : mName(name), mCancelFd(cancelFd), mData(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
     if (mData < 0) fail(std::strerror(errno));
     mReader =
         std::make_unique<Y4mReader>(mName, [this](void* to, size_t count) { return readData(to, count); });
@@ -102,14 +109,21 @@ void VideoInput::fail(const std::string& what) const {
     throw std::runtime_error(mName + ": " + what);
 }
 
-void VideoInput::startDecoder(const std::string& file) {
-    const unique_fd input(
-        open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a FIFO must not block here
+void VideoInput::openFile(const std::string& file) {
+    unique_fd input(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a FIFO must not block here
     struct stat status {};
     if (input < 0 || fstat(input, &status) != 0) fail(std::strerror(errno));
     (void)fcntl(input, F_SETFL, O_RDONLY);
     if (S_ISDIR(status.st_mode)) fail("is a directory");
     if (S_ISREG(status.st_mode) && status.st_size == 0) fail("is empty");
+    if (isY4m(input)) {
+        mData = std::move(input);
+    } else {
+        startDecoder(input);
+    }
+}
+
+void VideoInput::startDecoder(int input) {
     Pipe output = openPipe();
     Pipe errors = openPipe();
     Pipe failure = openPipe();
@@ -137,13 +151,9 @@ std::string VideoInput::complaint() const {
     return oneLine(mErrorText);
 }
 
-void VideoInput::cancel() {
-    eventfd_write(mCancel, 1);
-}
-
 // Waits for data, or errors, to read. True when there are errors.
 bool VideoInput::waitReadable(int data) const {
-    pollfd sources[] = {{data, POLLIN, 0}, {mErrors, POLLIN, 0}, {mCancel, POLLIN, 0}};
+    pollfd sources[] = {{data, POLLIN, 0}, {mErrors, POLLIN, 0}, {mCancelFd, POLLIN, 0}};
     while (poll(sources, 3, -1) < 0 && errno == EINTR) {
     }
     if (sources[2].revents != 0) fail("reading was cancelled");
@@ -160,7 +170,7 @@ void VideoInput::readErrors() {
     mErrorText.append(buffer, std::min(room, static_cast<size_t>(got)));
 }
 
-size_t VideoInput::readData(void* to, size_t count) {
+size_t VideoInput::readData(void* to, size_t count) try {
     if (mData < 0) return 0;
     while (waitReadable(mData))
         readErrors();
@@ -170,6 +180,8 @@ size_t VideoInput::readData(void* to, size_t count) {
     mData.reset();
     if (mDecoder.pid > 0) finishDecoder();
     return 0;
+} catch (const std::system_error& error) {
+    fail(error.what());
 }
 
 void VideoInput::finishDecoder() {
@@ -181,6 +193,7 @@ void VideoInput::finishDecoder() {
     mDecoder.pid = -1;
     const bool failed = !WIFEXITED(status) || WEXITSTATUS(status) != 0;
     if (!failed && mAnyData) return;
+    if (mErrorText.find("matches no streams") != std::string::npos) fail("holds no picture");
     if (!mErrorText.empty()) fail("cannot be decoded: " + complaint());
     if (WIFSIGNALED(status)) fail("ffmpeg was ended by signal " + std::to_string(WTERMSIG(status)));
     fail(failed ? "ffmpeg failed without a word" : "holds no picture");

@@ -10,19 +10,20 @@
 
 namespace vel::sim {
 
-// Frames of a video file or picture, decoded by a child ffmpeg as they are asked for, or of a YUV4MPEG2
-// stream. Memory is constant.
+// Frames of a video file or picture, decoded by a child ffmpeg as they are asked for, or of a YUV4MPEG2 file
+// or stream, which is read as it stands. Memory is constant.
 //
 // The child is killed and reaped by the destructor, and killed by the kernel when the thread that constructed
-// this object ends. cancel() may be called from any thread; everything else from one.
+// this object ends. For one thread.
 class VideoInput {
   public:
     // Opens the file and waits for the first bytes. Throws std::runtime_error with one line when it cannot be
     // read: no such file, no video, a picture of odd size, ffmpeg is missing, ... The file's content decides
-    // what it is, not its name.
-    explicit VideoInput(const std::string& file);
+    // what it is, not its name. Every wait ends, with such an error, once the descriptor to cancel by is
+    // readable; it stays the caller's.
+    explicit VideoInput(const std::string& file, int cancelFd = -1);
     // The same for a YUV4MPEG2 stream behind a descriptor that stays the caller's; name stands in errors.
-    VideoInput(int stream, const std::string& name);
+    VideoInput(int stream, const std::string& name, int cancelFd = -1);
     ~VideoInput();
     VideoInput(const VideoInput&) = delete;
     VideoInput& operator=(const VideoInput&) = delete;
@@ -38,9 +39,6 @@ class VideoInput {
     // empty as a rule. Complete once readFrame() has returned false.
     std::string complaint() const;
 
-    // Ends the waiting of readFrame(), now and from now on.
-    void cancel();
-
   private:
     // The child, killed and reaped with this object.
     struct Decoder {
@@ -48,7 +46,8 @@ class VideoInput {
         pid_t pid = -1;
     };
 
-    void startDecoder(const std::string& file);
+    void openFile(const std::string& file);
+    void startDecoder(int input);
     size_t readData(void* to, size_t count);
     bool waitReadable(int data) const;
     void readErrors();
@@ -56,7 +55,7 @@ class VideoInput {
     [[noreturn]] void fail(const std::string& what) const;
 
     const std::string mName;
-    android::base::unique_fd mCancel;
+    const int mCancelFd;
     Decoder mDecoder;
     android::base::unique_fd mData;
     android::base::unique_fd mErrors;  // of the decoder, until it closes them

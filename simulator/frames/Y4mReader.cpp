@@ -142,7 +142,10 @@ void Y4mReader::parseField(char tag, const std::string& value) {
 bool Y4mReader::readFrame(const FrameView& frame) {
     if (frame.size() != mSize) throw std::invalid_argument("the frame has another size than the stream");
     std::string header;
-    if (!readLine("FRAME", header)) return false;
+    if (!readLine("FRAME", header)) {
+        if (mFrames == 0) fail("holds no picture");
+        return false;
+    }
     const size_t got = readBytes(frame.block(), frame.bytes());
     if (got != frame.bytes()) {
         fail("ends inside frame " + std::to_string(mFrames) + ", after " + std::to_string(got) + " of " +

@@ -36,7 +36,8 @@ class Y4mReader {
     FrameRate rate() const { return mRate; }
 
     // Reads the next frame into a view of size(). False at the end of the stream. Throws when the stream ends
-    // inside the frame or goes on with something else; the view then holds a part of the frame.
+    // inside the frame or without any, or goes on with something else; the view then holds a part of the
+    // frame.
     bool readFrame(const FrameView& frame);
 
   private:
