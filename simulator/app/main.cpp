@@ -1,7 +1,6 @@
 // The desktop application: sends commands to the camera HAL, and prints and answers what it receives.
 
 #include <atomic>
-#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,6 +17,7 @@ using vel::sim::ServiceClient;
 using ClientType = ServiceClient::ClientType;
 
 constexpr std::chrono::seconds kServiceLimit{10};
+constexpr std::chrono::milliseconds kTick{50};
 
 struct Options {
     vel::sim::CommonOptions common;
@@ -61,14 +61,27 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options) {
+// False when the service does not appear, or a signal comes first.
+bool waitForService(ServiceClient& client, const vel::sim::EndSignals& signals) {
+    const auto limit = std::chrono::steady_clock::now() + kServiceLimit;
+    while (!client.waitUntilConnected(kTick)) {
+        if (signals.arrived()) return false;
+        if (std::chrono::steady_clock::now() < limit) continue;
+        vel::sim::printLine("error the desktop service did not appear");
+        return false;
+    }
+    return true;
+}
+
+bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options,
+             vel::sim::EndSignals& signals) {
     bool allSent = true;
     for (const std::string& command : options.commands) {
         if (command != "-") {
             allSent = sendAndPrint(client, options, command) && allSent;
             continue;
         }
-        for (std::string line; std::getline(std::cin, line);) {
+        for (std::string line; signals.readLine(line);) {
             if (line.empty()) continue;
             const bool done =
                 FrameProcessor::isCommand(line) ? frames.execute(line) : sendAndPrint(client, options, line);
@@ -101,12 +114,9 @@ int main(int argc, char** argv) {
         [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
     link = &client;
 
-    if (!client.waitUntilConnected(kServiceLimit)) {
-        vel::sim::printLine("error the desktop service did not appear");
-        return 1;
-    }
+    if (!waitForService(client, signals)) return 1;
     FrameProcessor frames(client);
-    const bool allSent = sendAll(client, frames, options);
+    const bool allSent = sendAll(client, frames, options, signals);
     if (options.stay || options.commands.empty()) signals.wait();
     return allSent ? 0 : 1;
 }

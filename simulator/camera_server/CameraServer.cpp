@@ -3,6 +3,7 @@
 #include <VelChiDesktopHelper.h>
 
 #include <sstream>
+#include <vector>
 
 #include "CaptureSession.h"
 #include "Program.h"
@@ -10,30 +11,50 @@
 namespace vel::sim {
 
 namespace {
+
+constexpr uint32_t kMaxFrames = 1'000'000;
 constexpr uint32_t kMaxFramesPerSecond = 1000;
-}
+
+// A line as a verb and numbers; no verb when something in it is neither.
+struct Command {
+    explicit Command(const std::string& line) {
+        std::istringstream words(line);
+        words >> verb;
+        for (std::string word; words >> word;) {
+            const bool isNumber =
+                word.size() <= 9 && word.find_first_not_of("0123456789") == std::string::npos;
+            if (!isNumber) {
+                verb.clear();
+                return;
+            }
+            numbers.push_back(static_cast<uint32_t>(std::stoul(word)));
+        }
+    }
+
+    bool is(const char* name, size_t count) const { return verb == name && numbers.size() == count; }
+
+    std::string verb;
+    std::vector<uint32_t> numbers;
+};
+
+}  // namespace
 
 CameraServer::CameraServer(VelChiDesktopHelper* helper) : mHelper(helper) {}
 
 bool CameraServer::execute(const std::string& line) {
-    std::istringstream words(line);
-    std::string verb;
-    uint32_t fwkId = VelChiDesktopHelper::INVALID_CAMERA_ID;
-    words >> verb >> fwkId;
-    if (words.fail() || !mHelper->isValidCameraId(fwkId)) {
-        printLine("error not understood: %s", line.c_str());
-        return false;
-    }
-    if (verb == "open") {
-        open(fwkId);
-    } else if (verb == "close") {
-        close(fwkId);
-    } else if (verb == "status") {
-        printStatus(fwkId);
-    } else if (verb == "capture") {
-        return capture(fwkId, words);
+    const Command command(line);
+    const auto& numbers = command.numbers;
+    const bool isCamera = !numbers.empty() && mHelper->isValidCameraId(numbers[0]);
+    if (isCamera && command.is("open", 1)) {
+        open(numbers[0]);
+    } else if (isCamera && command.is("close", 1)) {
+        close(numbers[0]);
+    } else if (isCamera && command.is("status", 1)) {
+        printStatus(numbers[0]);
+    } else if (isCamera && command.is("capture", 3)) {
+        return capture(numbers[0], numbers[1], numbers[2]);
     } else {
-        printLine("error no such command: %s", verb.c_str());
+        printLine("error not understood: %s", line.c_str());
         return false;
     }
     return true;
@@ -52,19 +73,18 @@ void CameraServer::close(uint32_t fwkId) {
     printLine("close %u", fwkId);
 }
 
-bool CameraServer::capture(uint32_t fwkId, std::istream& words) {
-    uint32_t frames = 0, framesPerSecond = 0;
-    words >> frames >> framesPerSecond;
+bool CameraServer::capture(uint32_t fwkId, uint32_t frames, uint32_t framesPerSecond) {
     const auto camera = mOpenCameras.find(fwkId);
-    if (words.fail() || framesPerSecond < 1 || framesPerSecond > kMaxFramesPerSecond) {
-        printLine("error usage: capture CAMERA FRAMES FRAMES_PER_SECOND (1 to %u)", kMaxFramesPerSecond);
+    if (frames > kMaxFrames || framesPerSecond < 1 || framesPerSecond > kMaxFramesPerSecond) {
+        printLine("error at most %u frames, at 1 to %u a second, can be captured", kMaxFrames,
+                  kMaxFramesPerSecond);
         return false;
     }
     if (camera == mOpenCameras.end()) {
         printLine("error camera %u is not open", fwkId);
         return false;
     }
-    CaptureSession(mHelper, camera->second, framesPerSecond).run(frames);
+    CaptureSession(mHelper, camera->second, framesPerSecond, mStop).run(frames);
     return true;
 }
 

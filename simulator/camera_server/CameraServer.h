@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
 #include <map>
 #include <string>
+
+#include "FrameStream.h"
 
 class VelChiDesktopHelper;
 
@@ -12,7 +13,7 @@ namespace vel::sim {
 /**
  * A camera HAL as the library sees it: opens and closes framework cameras, and restarts a session by asking
  * whether the open camera must be switched and opening it again without a close; captures frames and has
- * their metadata exchanged with the application. One thread.
+ * their metadata exchanged with the application. One thread, except where said.
  */
 class CameraServer {
   public:
@@ -24,6 +25,9 @@ class CameraServer {
      */
     bool execute(const std::string& line);
 
+    /** Ends a capture that runs, and those to come, early. Any thread. */
+    void stop() { mStop.set(); }
+
     /** Answers a request to restart the session of a framework camera. */
     void restartSession(uint32_t fwkId);
 
@@ -31,9 +35,10 @@ class CameraServer {
     void open(uint32_t fwkId);
     void close(uint32_t fwkId);
     void printStatus(uint32_t fwkId);
-    bool capture(uint32_t fwkId, std::istream& words);
+    bool capture(uint32_t fwkId, uint32_t frames, uint32_t framesPerSecond);
 
     VelChiDesktopHelper* const mHelper;
+    StopSignal mStop;
     std::map<uint32_t, uint32_t> mOpenCameras;  // camera id by framework id
 };
 

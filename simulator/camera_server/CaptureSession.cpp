@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "MetadataChanges.h"
 #include "Program.h"
@@ -30,24 +29,27 @@ bool holds(const CameraMetadata& buffer, const MetadataChange& change, uint32_t 
 
 }  // namespace
 
-CaptureSession::CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond)
+CaptureSession::CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond,
+                               const StopSignal& stop)
     : mHelper(helper),
       mCameraId(cameraId),
       mFramesPerSecond(framesPerSecond),
+      mStop(stop),
       mSensor(framesPerSecond),
       mTaken(metadataChanges().size()) {}
 
 void CaptureSession::run(uint32_t frames) {
-    const auto start = std::chrono::steady_clock::now();
-    for (uint32_t frame = 0; frame < frames; ++frame) {
+    const auto start = StopSignal::Clock::now();
+    uint32_t frame = 0;
+    for (; frame < frames; ++frame) {
         // Counted from the start, so that a late frame does not delay those behind it.
-        std::this_thread::sleep_until(start +
-                                      std::chrono::nanoseconds(frame * 1000000000LL / mFramesPerSecond));
+        if (!mStop.waitUntil(start + std::chrono::nanoseconds(frame * 1000000000LL / mFramesPerSecond)))
+            break;
         captureFrame(frame);
         const bool endsSecond = (frame + 1) % mFramesPerSecond == 0 || frame + 1 == frames;
         if (endsSecond) printSecond(frame);
     }
-    printClosing(frames);
+    printClosing(frame);
 }
 
 void CaptureSession::captureFrame(uint32_t frame) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "FrameStream.h"
 #include "LatencyStats.h"
 #include "SyntheticSensor.h"
 
@@ -16,12 +17,13 @@ namespace vel::sim {
  */
 class CaptureSession {
   public:
-    CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond);
+    CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond,
+                   const StopSignal& stop);
 
     /**
-     * Captures the frames at the steady rate, and blocks until all are done. Prints a line for each second of
-     * frames with the times of their exchanges, and at the end how often each change of the application was
-     * taken.
+     * Captures the frames at the steady rate, and blocks until all are done or the signal is set. Prints a
+     * line for each second of frames with the times of their exchanges, and at the end how often each change
+     * of the application was taken.
      */
     void run(uint32_t frames);
 
@@ -35,6 +37,7 @@ class CaptureSession {
     VelChiDesktopHelper* const mHelper;
     const uint32_t mCameraId;
     const uint32_t mFramesPerSecond;
+    const StopSignal& mStop;
     const SyntheticSensor mSensor;
     LatencyStats mSecond;  // of the current second's exchanges
     LatencyStats mAll;

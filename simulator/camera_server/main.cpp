@@ -1,8 +1,6 @@
 // The camera server: loads the library as a camera HAL does, and answers for the camera service.
 
-#include <atomic>
 #include <cstdlib>
-#include <iostream>
 #include <string>
 #include <thread>
 
@@ -49,13 +47,16 @@ std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-// Feeds the queue with the lines of standard input; its end is the program's.
-void readInput(vel::sim::TaskQueue& tasks, CameraServer& server, FrameSensor& sensor) {
-    for (std::string line; std::getline(std::cin, line);) {
+// Feeds the queue with the lines of standard input; its end, or a signal, is the program's.
+void readInput(vel::sim::EndSignals& signals, vel::sim::TaskQueue& tasks, CameraServer& server,
+               FrameSensor& sensor) {
+    for (std::string line; signals.readLine(line);) {
         if (line.empty()) continue;
         tasks.post([&, line] { FrameSensor::isCommand(line) ? sensor.execute(line) : server.execute(line); });
     }
-    tasks.finish();
+    if (!signals.arrived()) return tasks.finish();
+    tasks.cancel();
+    server.stop();
 }
 
 }  // namespace
@@ -85,15 +86,9 @@ int main(int argc, char** argv) {
         },
         [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
 
-    std::thread input(readInput, std::ref(tasks), std::ref(server), std::ref(sensor));
-    std::atomic<bool> isSignalled{false};
-    const vel::sim::EndSignalWatcher watcher(signals, [&] {
-        isSignalled = true;
-        tasks.finish();
-    });
+    std::thread input(readInput, std::ref(signals), std::ref(tasks), std::ref(server), std::ref(sensor));
     tasks.run();
-    sensor.end();
-    if (isSignalled) std::_Exit(1);  // nothing wakes the thread that reads the input
     input.join();
+    signals.arrived() ? sensor.abort() : sensor.end();
     return 0;
 }

@@ -1,5 +1,11 @@
 #include "Program.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -50,27 +56,51 @@ void printLine(const char* format, ...) {
 }
 
 EndSignals::EndSignals() {
-    sigemptyset(&mSignals);
-    sigaddset(&mSignals, SIGINT);
-    sigaddset(&mSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &mSignals, nullptr);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM})
+        sigaddset(&signals, signal);
+    struct sigaction hangUp {};
+    if (sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    mSignals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-void EndSignals::wait() {
-    int signal = 0;
-    sigwait(&mSignals, &signal);
+// The signal is never taken from the descriptor, so that every wait sees it.
+bool EndSignals::wait(int limitMs, int otherFd) const {
+    pollfd sources[] = {{mSignals, POLLIN, 0}, {otherFd, POLLIN, 0}};
+    int ready = 0;
+    do {
+        ready = poll(sources, 2, limitMs);
+    } while (ready < 0 && errno == EINTR);
+    return sources[0].revents != 0;
+}
+
+bool EndSignals::readLine(std::string& line) {
+    size_t end = 0;
+    while ((end = mInput.find('\n')) == std::string::npos) {
+        char buffer[4096];
+        if (wait(-1, STDIN_FILENO)) return false;
+        const ssize_t got = read(STDIN_FILENO, buffer, sizeof(buffer));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            line = std::exchange(mInput, {});
+            return !line.empty();
+        }
+        mInput.append(buffer, static_cast<size_t>(got));
+    }
+    line = mInput.substr(0, end);
+    mInput.erase(0, end + 1);
+    return true;
 }
 
 EndSignalWatcher::EndSignalWatcher(EndSignals& signals, std::function<void()> onSignal)
-    : mThread([this, &signals, onSignal = std::move(onSignal)] {
-          signals.wait();
-          if (!mStopping) onSignal();
+    : mStop(eventfd(0, EFD_CLOEXEC)), mThread([this, &signals, onSignal = std::move(onSignal)] {
+          if (signals.wait(-1, mStop)) onSignal();
       }) {}
 
-// A signal to the thread itself wakes it; the thread waits for that signal, so nothing is ended by it.
 EndSignalWatcher::~EndSignalWatcher() {
-    mStopping = true;
-    pthread_kill(mThread.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
+    eventfd_write(mStop, 1);
     mThread.join();
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <functional>
@@ -32,17 +33,24 @@ void applyCommonOptions(const CommonOptions& options);
 __attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
 
 /**
- * Takes SIGINT and SIGTERM as requests to end. Create it before any thread starts: the threads then leave
- * these signals to wait().
+ * Takes SIGINT, SIGTERM and, unless it is ignored (nohup), SIGHUP as requests to end. Create it before any
+ * thread starts: the threads then leave these signals alone.
  */
 class EndSignals {
   public:
     EndSignals();
-    /** Blocks until one of the signals arrives. */
-    void wait();
+    /** Whether one of the signals has arrived. */
+    bool arrived() const { return wait(0); }
+    /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after so many
+     * milliseconds, when given. */
+    bool wait(int limitMs = -1, int otherFd = -1) const;
+    /** Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
+     */
+    bool readLine(std::string& line);
 
   private:
-    sigset_t mSignals;
+    android::base::unique_fd mSignals;
+    std::string mInput;  // read and not yet returned
 };
 
 /** Calls a function once, when one of the signals arrives, on a thread that ends with this object. */
@@ -54,7 +62,7 @@ class EndSignalWatcher {
     EndSignalWatcher& operator=(const EndSignalWatcher&) = delete;
 
   private:
-    std::atomic<bool> mStopping{false};
+    const android::base::unique_fd mStop;
     std::thread mThread;
 };
 

@@ -21,6 +21,14 @@ void TaskQueue::finish() {
     mChanged.notify_all();
 }
 
+void TaskQueue::cancel() {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mTasks.clear();
+    }
+    finish();
+}
+
 void TaskQueue::run() {
     std::unique_lock<std::mutex> lock(mLock);
     for (;;) {

@@ -14,6 +14,8 @@ class TaskQueue {
     void post(std::function<void()> task);
     /** Lets run() return once the tasks posted so far are done. */
     void finish();
+    /** The same, and drops the tasks that have not begun. */
+    void cancel();
     /** Runs the tasks on the calling thread, in order, until finish(). */
     void run();
 
