@@ -69,6 +69,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGPIPE, SIG_DFL);
     setpgid(0, 0);
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);

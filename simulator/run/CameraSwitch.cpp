@@ -2,7 +2,7 @@
 
 namespace vel::sim {
 
-Scene cameraSwitch() {
+Scene registration() {
     return {
         {"the peers register",
          "",
@@ -10,6 +10,11 @@ Scene cameraSwitch() {
          {{"service", {"HAL registered"}},
           {"service", {"CAMERA_SERVICE registered"}},
           {"service", {"APP registered"}}}},
+    };
+}
+
+Scene cameraSwitch() {
+    return {
         {"the application announces that camera 0 opens for the desktop",
          "app",
          R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true,"packageName":"org.example.desktop"}})",

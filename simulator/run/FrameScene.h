@@ -12,9 +12,6 @@ struct FrameOptions {
     std::string input;  // a file, "-" for standard input, empty for two streams of test pictures
     std::string output;
     std::string effect = "tint";
-
-    // Throws std::invalid_argument, with one line, for what cannot be passed on to the programs.
-    void check() const;
 };
 
 /**

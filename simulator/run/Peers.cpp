@@ -69,4 +69,15 @@ bool Peers::end(const std::string& name) {
     return false;
 }
 
+// The camera server first: it takes its output back, and without it nobody misses the others.
+void Peers::interrupt() {
+    for (const char* name : {"camera_server", "app", "service"}) {
+        const auto entry = mChildren.find(name);
+        if (entry == mChildren.end()) continue;
+        entry->second->kill(SIGTERM);
+        (void)entry->second->wait(kEndLimit);
+        mChildren.erase(entry);
+    }
+}
+
 }  // namespace vel::sim

@@ -34,6 +34,9 @@ class Peers {
     /** Ends the peers as a person would; true when each ended by itself and well. */
     bool end();
 
+    /** Ends the peers at once, whatever they are doing. */
+    void interrupt();
+
   private:
     void start(const std::string& name, const std::string& program,
                const std::vector<std::string>& arguments);

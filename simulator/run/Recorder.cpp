@@ -77,7 +77,7 @@ void Recorder::printLinesBefore(Clock::time_point end) {
     });
     for (const std::string& line : lines)
         std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0) mInterrupted = true;
 }
 
 bool Recorder::waitFor(const Expectation& expectation, size_t mark, std::chrono::milliseconds limit) {
