@@ -19,6 +19,10 @@ using ClientType = ServiceClient::ClientType;
 constexpr std::chrono::seconds kServiceLimit{10};
 constexpr std::chrono::milliseconds kTick{50};
 
+const std::map<std::string, ClientType> kPeers = {{"hal", ClientType::CLIENT_CAMERA_HAL},
+                                                  {"camera-service", ClientType::CLIENT_CAMERA_SERVICE},
+                                                  {"app", ClientType::CLIENT_APP}};
+
 struct Options {
     vel::sim::CommonOptions common;
     ClientType to = ClientType::CLIENT_CAMERA_HAL;
@@ -39,15 +43,22 @@ bool sendAndPrint(ServiceClient& client, const Options& options, const std::stri
 
 std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
-        "The desktop application. Registers with the desktop service, sends the given commands, then those "
-        "that it reads from standard input, one a line, and prints the replies and what it receives. A line "
-        "\"frames size=WIDTHxHEIGHT [effect=NAME]\" makes it process the frames of image substitution.");
-    const std::map<std::string, ClientType> peers = {{"hal", ClientType::CLIENT_CAMERA_HAL},
-                                                     {"camera-service", ClientType::CLIENT_CAMERA_SERVICE},
-                                                     {"app", ClientType::CLIENT_APP}};
-    cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input");
-    cli.add_option("--to", options.to, "who gets them: hal, camera-service or app (default hal)")
-        ->transform(CLI::CheckedTransformer(peers, CLI::ignore_case));
+        "The desktop application. Registers with the desktop service, sends the given commands, and prints "
+        "the "
+        "replies and what it receives. Without commands it stays until a signal comes.");
+    cli.footer(
+        "Lines of standard input are commands too, except:\n"
+        "  frames size=WIDTHxHEIGHT [effect=tint|mirror|blur|none] [buffers=16] [hold=N]\n"
+        "      configures image substitution and processes its frames; with hold it keeps those after so "
+        "many\n"
+        "  frames end");
+    cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input")
+        ->type_name("COMMAND");
+    cli.add_option_function<std::string>(
+           "--to", [&options](const std::string& peer) { options.to = kPeers.at(peer); },
+           "who gets them: hal (default), camera-service or app")
+        ->type_name("PEER")
+        ->check(CLI::IsMember(kPeers));
     cli.add_option("--reply", options.reply,
                    "what to answer to a received command (default OK_APP); capture metadata is answered by "
                    "nothing");

@@ -21,9 +21,11 @@ int64_t gTimeOriginNs = 0;
 }
 
 void addCommonOptions(CLI::App& cli, CommonOptions& options) {
-    cli.add_option("--bus", options.bus, "address of the bus (default: $VEL_DESKTOP_BUS_ADDRESS)");
+    cli.add_option("--bus", options.bus, "address of the bus (default: $VEL_DESKTOP_BUS_ADDRESS)")
+        ->type_name("ADDRESS");
     cli.add_option("--time-origin", options.timeOriginNs,
-                   "steady clock, in ns, that printed times count from");
+                   "steady clock, in ns, that printed times count from (default: the machine's start)")
+        ->type_name("NS");
 }
 
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {

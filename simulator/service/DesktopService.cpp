@@ -31,8 +31,9 @@ std::string typeName(uint8_t type) {
     }
 }
 
+// Goes behind a type in the trace.
 std::string description(const InterfaceObject& object) {
-    return object.busName + " " + object.path;
+    return object.isNull() ? "" : " " + object.busName + " " + object.path;
 }
 
 // The text that comes next; the message goes back to its beginning.
@@ -93,7 +94,8 @@ void DesktopService::registerCallback(sdbus::MethodCall& call) {
     const uint8_t type = readType(call);
     const InterfaceObject callback = InterfaceObject::read(call);
     replace(mCallbacks, type, callback);
-    mTrace.event(typeName(type), callback.isNull() ? "unregistered" : "registered", description(callback));
+    mTrace.event(typeName(type) + (callback.isNull() ? " unregistered" : " registered") +
+                 description(callback));
     call.createReply().send();
 }
 
@@ -140,8 +142,8 @@ void DesktopService::setSurface(sdbus::MethodCall& call) {
     const uint8_t type = readType(call);
     const InterfaceObject producer = InterfaceObject::read(call);
     replace(mSurfaces, type, producer);
-    mTrace.event(nameOf(call.getSender()), producer.isNull() ? "surface-cleared" : "surface-set",
-                 typeName(type) + " " + description(producer));
+    mTrace.event(nameOf(call.getSender()) + (producer.isNull() ? " surface-cleared " : " surface-set ") +
+                 typeName(type) + description(producer));
     call.createReply().send();
 }
 
@@ -160,7 +162,7 @@ void DesktopService::onPeerDied(const std::string& busName) {
                 ++entry;
                 continue;
             }
-            mTrace.event(who, "died", std::string(what) + " " + typeName(entry->first) + " dropped");
+            mTrace.event(who + " died " + what + " " + typeName(entry->first) + " dropped");
             entry = objects.erase(entry);
         }
     };
@@ -183,7 +185,7 @@ void DesktopService::refuse(const sdbus::MethodCall& call, uint8_t type, const s
     mTrace.error(typeName(type), nameOf(call.getSender()), error.getName() + ": " + error.getMessage());
     call.createErrorReply(error).send();
 } catch (const std::exception& exception) {
-    mTrace.event("SERVICE", "unanswered", exception.what());
+    mTrace.event(std::string("SERVICE unanswered ") + exception.what());
 }
 
 // A process may register under several types; whatever a process with the HAL in it sends is the HAL's.

@@ -18,8 +18,8 @@ void Trace::error(const std::string& from, const std::string& to, const std::str
     if (mEnabled) print(from + " => " + to + "   error " + printable(text));
 }
 
-void Trace::event(const std::string& who, const std::string& what, const std::string& rest) const {
-    if (mEnabled) print(who + " " + what + " " + printable(rest));
+void Trace::event(const std::string& text) const {
+    if (mEnabled) print(printable(text));
 }
 
 void Trace::print(const std::string& line) const {

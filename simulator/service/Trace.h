@@ -20,7 +20,7 @@ class Trace {
     void message(const std::string& from, const std::string& to, const std::string& text) const;
     void reply(const std::string& from, const std::string& to, const std::string& text) const;
     void error(const std::string& from, const std::string& to, const std::string& text) const;
-    void event(const std::string& who, const std::string& what, const std::string& rest) const;
+    void event(const std::string& text) const;
 
   private:
     void print(const std::string& line) const;

@@ -51,12 +51,20 @@ int main(int argc, char** argv) {
     std::string address;
     bool trace = false;
     int64_t timeOriginNs = 0;
-    options.add_option("--bus", address, "Address of the message bus")
+    options.add_option("--bus", address, "address of the message bus")
+        ->type_name("ADDRESS")
         ->envname(vel::desktop_bus::kAddressVariable)
         ->required();
-    options.add_flag("--trace", trace, "Print a line for each message, reply and change");
-    options.add_option("--time-origin", timeOriginNs, "Steady clock time that is 0 in the trace, in ns");
-    CLI11_PARSE(options, argc, argv);
+    options.add_flag("--trace", trace, "print a line for each message, reply and change");
+    options
+        .add_option("--time-origin", timeOriginNs,
+                    "steady clock, in ns, that printed times count from (default: the machine's start)")
+        ->type_name("NS");
+    try {
+        options.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return options.exit(error) == 0 ? 0 : 2;
+    }
 
     try {
         serve(address, Trace(trace, timeOriginNs));
