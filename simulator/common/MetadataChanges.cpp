@@ -32,7 +32,8 @@ std::vector<int32_t> maxStreamSize(uint32_t frame) {
 }  // namespace
 
 const std::vector<MetadataChange>& metadataChanges() {
-    static const std::vector<MetadataChange> changes = {
+    // Never destroyed: a message may still be answered while the program exits.
+    static const auto& changes = *new std::vector<MetadataChange>{
         {"android.control.aeExposureCompensation", ANDROID_CONTROL_AE_EXPOSURE_COMPENSATION, true, 5, false,
          exposureCompensation},
         {"android.jpeg.orientation", ANDROID_JPEG_ORIENTATION, true, 4, false, orientation},
