@@ -33,7 +33,6 @@ LocalServiceRegistry& LocalServiceRegistry::instance() {
     auto service = std::make_shared<LocalService>(name, object);
     std::lock_guard guard(mLock);
     Entry& entry = mEntries[name];
-    if (entry.refused) return ::android::UNKNOWN_ERROR;
     entry.service.swap(service);  // the replaced one goes after the lock
     return ::android::OK;
 }
@@ -101,11 +100,6 @@ void LocalServiceRegistry::failNextCalls(const std::string& name, size_t count, 
     mEntries[name].fault = status;
 }
 
-void LocalServiceRegistry::refuseRegistration(const std::string& name, bool refuse) {
-    std::lock_guard guard(mLock);
-    mEntries[name].refused = refuse;
-}
-
 bool killLocalService(const std::string& name) {
     return LocalServiceRegistry::instance().kill(name);
 }
@@ -124,10 +118,6 @@ size_t localLookUpCount(const std::string& name) {
 
 void failNextLocalCalls(const std::string& name, size_t count, const Status& status) {
     LocalServiceRegistry::instance().failNextCalls(name, count, status);
-}
-
-void refuseLocalRegistration(const std::string& name, bool refuse) {
-    LocalServiceRegistry::instance().refuseRegistration(name, refuse);
 }
 
 }  // namespace vel::host

@@ -33,7 +33,6 @@ class LocalServiceRegistry {
     void clear();
     size_t lookUpCount(const std::string& name);
     void failNextCalls(const std::string& name, size_t count, const ::android::hardware::Status& status);
-    void refuseRegistration(const std::string& name, bool refuse);
 
   private:
     struct Entry {
@@ -41,7 +40,6 @@ class LocalServiceRegistry {
         size_t lookUps = 0;
         size_t faults = 0;
         ::android::hardware::Status fault;
-        bool refused = false;
     };
 
     void deliver(std::vector<LocalService::DeathNotice> notices);

@@ -29,7 +29,4 @@ size_t localLookUpCount(const std::string& name);
 /// Calls about death are exempt. The setting stays with the name when the service is registered again.
 void failNextLocalCalls(const std::string& name, size_t count, const ::android::hardware::Status& status);
 
-/// While set, registerAsService() of `name` returns UNKNOWN_ERROR.
-void refuseLocalRegistration(const std::string& name, bool refuse);
-
 }  // namespace vel::host
