@@ -235,6 +235,11 @@ TEST_F(AVideoInput, FailsWhereAYuv4MpegFileWasCut) {
     EXPECT_THAT(errorOf([&] { countFrames(input); }), HasSubstr("ends inside frame 1"));
 }
 
+TEST_F(AVideoInput, DecodesAYuv4MpegFileOfOtherChroma) {
+    VideoInput input(encoded("full.y4m", "testsrc2=size=64x48:rate=5:duration=1", "-pix_fmt yuv444p"));
+    EXPECT_EQ(countFrames(input), 5);
+}
+
 TEST_F(AVideoInput, PlaysADamagedClipAndSaysThatItIs) {
     clip("whole.ts");
     std::string bytes = mFolder.read("whole.ts");

@@ -11,7 +11,7 @@
 namespace vel::sim {
 
 // Frames of a video file or picture, decoded by a child ffmpeg as they are asked for, or of a YUV4MPEG2 file
-// or stream, which is read as it stands. Memory is constant.
+// or stream of 8-bit 4:2:0, which is read as it stands. Memory is constant.
 //
 // The child is killed and reaped by the destructor, and killed by the kernel when the thread that constructed
 // this object ends. For one thread.

@@ -44,6 +44,16 @@ bool isPlain420(const std::string& chroma) {
 
 }  // namespace
 
+bool beginsPlainY4m(const std::string& start) {
+    std::istringstream fields(start.substr(0, start.find('\n')));
+    std::string field;
+    if (!(fields >> field) || field != kMagic) return false;
+    while (fields >> field) {
+        if (field[0] == 'C' && !isPlain420(field.substr(1))) return false;
+    }
+    return true;
+}
+
 ReadBytes readFrom(int fd) {
     return [fd](void* to, size_t count) {
         for (;;) {

@@ -23,6 +23,10 @@ using ReadBytes = std::function<size_t(void*, size_t)>;
 // Reads from a descriptor that stays the caller's.
 ReadBytes readFrom(int fd);
 
+// Whether these first bytes are those of a YUV4MPEG2 stream whose chroma is the one that Y4mReader
+// understands.
+bool beginsPlainY4m(const std::string& start);
+
 // Reads a YUV4MPEG2 stream a frame at a time, in constant memory. Understood are 8-bit 4:2:0 pictures of even
 // width and height up to kMaxFrameSide; interlaced material is read as it stands, and unknown fields are
 // passed over. Every error is a std::runtime_error with one line that begins with the stream's name.
