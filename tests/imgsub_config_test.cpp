@@ -129,8 +129,10 @@ TEST_F(AnImgSubConfiguration, LeavesAHelperThatIsStillHeldWithoutTheApplication)
 }
 
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
-    for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}})
+    for (const auto& [width, height] : {std::pair{"0", "0"}, {"65536", "65536"}, {"-1", "1"}}) {
         EXPECT_EQ(send(command({{"image-width", width}, {"image-height", height}})), accepted(96));
+        EXPECT_NE(std::atomic_exchange(&helper->mImgSubHelper, {}), nullptr);
+    }
 }
 
 TEST_F(AnImgSubConfiguration, MergesStreamsWhenAskedByANumberFromOneOn) {
