@@ -49,7 +49,7 @@ bool VelChiDesktopHelper::closeCameraIfLinkIsFree(uint32_t cameraId) {
     settings.currentOverrideId = INVALID_CAMERA_ID;
     settings.requiredOverrideId = settings.defaultOverrideId;
     settings.restartPending = false;
-    if (settings.isDesktop && dropImgSubHelper()) setImgSubSurface(nullptr);
+    if (settings.isDesktop && replaceImgSubHelper(nullptr)) setImgSubSurface(nullptr);
     return true;
 }
 

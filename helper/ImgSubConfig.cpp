@@ -88,7 +88,7 @@ std::string VelChiDesktopHelper::handleImgSubStreamConfig(const Value& config) {
     if (!failure.empty()) return failure;
 
     // The earlier substitution ends whatever becomes of this request.
-    dropImgSubHelper();
+    replaceImgSubHelper(nullptr);
     setImgSubSurface(nullptr);
     if (request.format != kSupportedFormat) {
         HELPER_LOGE("Bad format received: %s", request.format.c_str());
@@ -106,13 +106,13 @@ std::string VelChiDesktopHelper::handleImgSubStreamConfig(const Value& config) {
     const auto created = std::make_shared<VelImgSubHelper>(
         producer, reader, rowBytes, kRowCount, AIMAGE_FORMAT_RAW_PRIVATE, request.imageWidth,
         request.imageHeight, /*appConnected=*/true, request.mergeStreams >= 1);
-    std::atomic_store(&mImgSubHelper, created);
+    replaceImgSubHelper(created);
     return reply;
 }
 
-bool VelChiDesktopHelper::dropImgSubHelper() {
-    std::shared_ptr<VelImgSubHelper> old =
-        std::atomic_exchange(&mImgSubHelper, std::shared_ptr<VelImgSubHelper>());
+// Whoever takes a helper out tells it so, also the one that another configuration has just put there.
+bool VelChiDesktopHelper::replaceImgSubHelper(const std::shared_ptr<VelImgSubHelper>& next) {
+    const std::shared_ptr<VelImgSubHelper> old = std::atomic_exchange(&mImgSubHelper, next);
     if (old == nullptr) return false;
     old->setImgSubAppConnected(false);
     return true;

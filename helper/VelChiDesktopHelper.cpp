@@ -37,7 +37,7 @@ VelChiDesktopHelper::VelChiDesktopHelper()
 VelChiDesktopHelper::~VelChiDesktopHelper() {
     helper_lifetime::end();
     HELPER_LOGD("Calling destructor %s", "~VelChiDesktopHelper");
-    dropImgSubHelper();
+    replaceImgSubHelper(nullptr);
     setImgSubSurface(nullptr);
 }
 

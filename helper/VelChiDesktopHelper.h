@@ -329,7 +329,7 @@ class VEL_EXPORT VelChiDesktopHelper {
 
     VEL_LOCAL void fillDesktopSettings();
     VEL_LOCAL void setImgSubSurface(const android::sp<HidlProducer>& producer);
-    VEL_LOCAL bool dropImgSubHelper();
+    VEL_LOCAL bool replaceImgSubHelper(const std::shared_ptr<VelImgSubHelper>& next);
     VEL_LOCAL void setServiceProxy(const android::sp<ICameraDesktop>& proxy);
     VEL_LOCAL android::sp<ICameraDesktop> serviceProxy() const;
     VEL_LOCAL void reconnectToService();

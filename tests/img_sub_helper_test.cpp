@@ -420,7 +420,7 @@ TEST_F(AnImgSubHelper, OnlyMergedLowerStreamsShareTheHighestStreamsReplacement) 
 }
 
 TEST_F(AnImgSubHelper, StreamsRunBesideEachOther) {
-    constexpr int kFrames = 60;
+    constexpr int kFrames = 20;
     make(20);
     connect();
     for (int i = 0; i < 4 * kFrames; i++)
@@ -436,7 +436,7 @@ TEST_F(AnImgSubHelper, StreamsRunBesideEachOther) {
                 std::shared_ptr<AImage> image;
                 if (imgSub->imgSubAcquireFrame(streamIndex, image) != nullptr) replaced++;
                 imgSub->imgSubReleaseFrame(streamIndex, image);
-                if (streamIndex == 2 && frame % 20 == 19) imgSub->cancelImgSubFrames(2);
+                if (streamIndex == 2 && frame % 8 == 7) imgSub->cancelImgSubFrames(2);
                 imgSub->setImgSubAppConnected(streamIndex != 1 || frame % 10 != 9);
             }
         });
