@@ -253,21 +253,24 @@ TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
 
 // Frames on standard input, whose end the run never sees.
 TEST(ARunWithFiles, ThatIsInterruptedLeavesNoOutput) {
-    const TemporaryFolder folder;
-    const std::string output = folder.path("replaced.y4m");
-    const auto run = startProgram("desktop_run", {"--input", "-", "--output", output});
     std::string frames = "YUV4MPEG2 W64 H48 F25:1\n";
     for (int frame = 0; frame < 5; ++frame)
         frames += "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
-    ASSERT_TRUE(run->writeLine(frames + "FRAME"));
-    ASSERT_TRUE(waitUntil([&] {
-        std::error_code ignored;
-        return std::filesystem::file_size(output, ignored) != static_cast<uintmax_t>(-1) &&
-               std::filesystem::file_size(output, ignored) > 5 * vel::sim::frameBytes({64, 48});
-    }));
-    run->kill(SIGINT);
-    EXPECT_EQ(run->wait(kLimit), 130);
-    EXPECT_THAT(folder.names(), IsEmpty());
+    (void)std::signal(SIGHUP, SIG_DFL);  // nohup's tests would pass it on as ignored
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const TemporaryFolder folder;
+        const std::string output = folder.path("replaced.y4m");
+        const auto run = startProgram("desktop_run", {"--input", "-", "--output", output});
+        ASSERT_TRUE(run->writeLine(frames + "FRAME"));
+        ASSERT_TRUE(waitUntil([&] {
+            std::error_code ignored;
+            return std::filesystem::file_size(output, ignored) != static_cast<uintmax_t>(-1) &&
+                   std::filesystem::file_size(output, ignored) > 5 * vel::sim::frameBytes({64, 48});
+        }));
+        run->kill(signal);
+        EXPECT_EQ(run->wait(kLimit), 130) << signal;
+        EXPECT_THAT(folder.names(), IsEmpty()) << signal;
+    }
 }
 
 }  // namespace

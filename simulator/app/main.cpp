@@ -43,14 +43,13 @@ bool sendAndPrint(ServiceClient& client, const Options& options, const std::stri
 
 std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
-        "The desktop application. Registers with the desktop service, sends the given commands, and prints "
-        "the "
-        "replies and what it receives. Without commands it stays until a signal comes.");
+        "The desktop application. Registers with the desktop service, sends the given commands, and "
+        "prints the replies and what it receives. Without commands it stays until a signal comes.");
     cli.footer(
         "Lines of standard input are commands too, except:\n"
         "  frames size=WIDTHxHEIGHT [effect=tint|mirror|blur|none] [buffers=16] [hold=N]\n"
-        "      configures image substitution and processes its frames; with hold it keeps those after so "
-        "many\n"
+        "      configures image substitution and processes its frames; with hold it keeps those\n"
+        "      after so many\n"
         "  frames end");
     cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input")
         ->type_name("COMMAND");

@@ -37,18 +37,17 @@ uint32_t restartRequestedFor(const std::string& command) {
 std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options, int& videoFd) {
     CLI::App cli(
         "The camera server. Loads the desktop helper as a camera HAL does, does what it reads from standard "
-        "input, and answers the library's restart requests by opening the camera again. Ends with its input "
-        "or "
-        "by a signal.");
+        "input, and answers the library's restart requests by opening the camera again. Ends with its "
+        "input or by a signal.");
     cli.footer(
         "Commands, one a line; CAMERA is a framework id:\n"
         "  open CAMERA, close CAMERA, status CAMERA\n"
         "  capture CAMERA FRAMES FRAMES_PER_SECOND\n"
         "      exchanges the metadata of each frame with the application\n"
-        "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0] [input=FILE] [output=FILE] "
-        "[sheet=FILE]\n"
-        "      streams frames once the application has configured them; count=0 has no end but the next "
-        "command\n"
+        "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0]\n"
+        "         [input=FILE] [output=FILE] [sheet=FILE]\n"
+        "      streams frames once the application has configured them; count=0 has no end but\n"
+        "      the next command\n"
         "  frames end");
     cli.add_option("--video-fd", videoFd, "descriptor of the YUV4MPEG2 stream that input=- stands for")
         ->type_name("FD");
