@@ -13,7 +13,7 @@ CamDesktopCallback::CamDesktopCallback(VelChiDesktopHelper* helper) : mHelper(he
 
 Return<void> CamDesktopCallback::onCommand(const hidl_string& command, onCommand_cb reply) {
     std::string answer;
-    if (const helper_lifetime::Visit visit; visit)
+    if (const helper_lifetime::Visit visit(mHelper); visit)
         answer = mHelper->handleCommand(std::string(command.c_str(), command.size()));
     hidl_string text;
     text.setToExternal(answer.data(), answer.size());
@@ -23,5 +23,5 @@ Return<void> CamDesktopCallback::onCommand(const hidl_string& command, onCommand
 
 void CamDesktopCallback::serviceDied(uint64_t /*cookie*/,
                                      const android::wp<android::hidl::base::V1_0::IBase>& /*who*/) {
-    if (const helper_lifetime::Visit visit; visit) mHelper->handleDeathNotification();
+    if (const helper_lifetime::Visit visit(mHelper); visit) mHelper->handleDeathNotification();
 }

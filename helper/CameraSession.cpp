@@ -21,7 +21,8 @@ void VelChiDesktopHelper::updateCameraIdOnHalOpen(uint32_t& cameraId) {
     // The mark stays until the close: every further open announces the restart again.
     if (settings.restartPending) {
         detached_thread::start("the restart notice", [this, fwkId, overrideId = cameraId] {
-            if (const helper_lifetime::Visit visit; visit) sendSessionRestartDoneToApp(fwkId, overrideId);
+            if (const helper_lifetime::Visit visit(this); visit)
+                sendSessionRestartDoneToApp(fwkId, overrideId);
         });
     }
     settings.currentOverrideId = cameraId;
@@ -63,7 +64,7 @@ void VelChiDesktopHelper::setRequiredOverrideId(uint32_t fwkId, uint32_t overrid
     const bool isOpen = isValidCameraId(settings.currentOverrideId);
     if (isOpen && overrideId != settings.currentOverrideId) {
         detached_thread::start("the restart request", [this, fwkId] {
-            if (const helper_lifetime::Visit visit; visit) triggerSessionRestart(fwkId);
+            if (const helper_lifetime::Visit visit(this); visit) triggerSessionRestart(fwkId);
         });
     }
     settings.requiredOverrideId = overrideId;

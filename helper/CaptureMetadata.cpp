@@ -6,6 +6,7 @@
 #include "HelperLog.h"
 #include "JsonMessage.h"
 #include "MetadataHandler.h"
+#include "NeverDestroyed.h"
 #include "ProtocolKeys.h"
 #include "VelChiDesktopHelper.h"
 
@@ -21,11 +22,11 @@ constexpr char kTimestampTag[] = "android.sensor.timestamp";
 constexpr char kMaxStreamSizeTag[] = "com.brisel.zint.velc2d.MaxStreamSize";
 constexpr uint32_t kStreamSizeSlotMask = 31;
 
-// Capture threads may look a frame's slot up at once, and the look-up inserts a missing one. A leaf; never
-// destroyed, since captures may still arrive while the process ends.
+// Capture threads may look a frame's slot up at once, and the look-up inserts a missing one. A leaf.
+NeverDestroyed<std::mutex> gStreamSizesLock;
+
 StreamSize lookUpStreamSize(std::map<int, StreamSize>& sizes, uint32_t frameNumber) {
-    static std::mutex& leaf = *new std::mutex;
-    std::lock_guard<std::mutex> lock(leaf);
+    std::lock_guard<std::mutex> lock(gStreamSizesLock.get());
     return sizes[static_cast<int>(frameNumber & kStreamSizeSlotMask)];
 }
 

@@ -10,7 +10,7 @@ namespace helper_lifetime {
 
 namespace {
 std::atomic<VelChiDesktopHelper*> gInstance{nullptr};
-std::atomic<bool> gOver{false};
+std::atomic<const VelChiDesktopHelper*> gOver{nullptr};
 std::atomic<int> gVisitors{0};
 
 constexpr int kMaxLeavingPauses = 100;
@@ -18,21 +18,21 @@ constexpr useconds_t kLeavingPauseUs = 1000;
 }  // namespace
 
 void begin(VelChiDesktopHelper* instance) {
-    gOver.store(false);
+    gOver.store(nullptr);
     gInstance.store(instance);
 }
 
-void end() {
-    gOver.store(true);
+void end(const VelChiDesktopHelper* instance) {
+    gOver.store(instance);
     gInstance.store(nullptr);
     for (int pause = 0; gVisitors.load() > 0 && pause < kMaxLeavingPauses; ++pause)
         usleep(kLeavingPauseUs);
 }
 
 // Counted first: whoever sees that it is not over is then seen by end().
-Visit::Visit() {
+Visit::Visit(const VelChiDesktopHelper* instance) {
     gVisitors.fetch_add(1);
-    mIsAllowed = !gOver.load();
+    mIsAllowed = gOver.load() != instance;
 }
 
 Visit::~Visit() {

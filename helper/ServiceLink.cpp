@@ -5,6 +5,7 @@
 #include "DetachedThread.h"
 #include "HelperLifetime.h"
 #include "HelperLog.h"
+#include "NeverDestroyed.h"
 #include "VelChiDesktopHelper.h"
 
 using android::sp;
@@ -18,26 +19,22 @@ constexpr int kReconnectAttempts = 3;
 constexpr useconds_t kReconnectPauseUs = 500 * 1000;
 
 // Makes copying and replacing mCameraDesktop safe where mServiceLock cannot be had: a command that arrives
-// inside an outgoing call must not wait for the lock that this call holds. A leaf, never held over a call,
-// and never destroyed, since threads may outlive the static destructors.
-std::mutex& proxyLock() {
-    static std::mutex& lock = *new std::mutex;
-    return lock;
-}
+// inside an outgoing call must not wait for the lock that this call holds. A leaf, never held over a call.
+NeverDestroyed<std::mutex> gProxyLock;
 
 }  // namespace
 
 void VelChiDesktopHelper::setServiceProxy(const sp<ICameraDesktop>& proxy) {
     sp<ICameraDesktop> old = proxy;
     {
-        std::lock_guard<std::mutex> lock(proxyLock());
+        std::lock_guard<std::mutex> lock(gProxyLock.get());
         std::swap(old, mCameraDesktop);
     }
     // The old proxy goes here, outside the lock: its last reference may run platform code.
 }
 
 sp<VelChiDesktopHelper::ICameraDesktop> VelChiDesktopHelper::serviceProxy() const {
-    std::lock_guard<std::mutex> lock(proxyLock());
+    std::lock_guard<std::mutex> lock(gProxyLock.get());
     return mCameraDesktop;
 }
 
@@ -67,6 +64,8 @@ void VelChiDesktopHelper::disconnectFromServiceLocked() {
 void VelChiDesktopHelper::handleDeathNotification() {
     HELPER_LOGD("Service death, disconnect");
     std::lock_guard<std::mutex> lock(mServiceLock);
+    const helper_lifetime::Visit visit(this);
+    if (!visit) return;
     setServiceProxy(nullptr);
     detached_thread::start("the reconnection", [this] { reconnectToService(); });
 }
@@ -74,16 +73,19 @@ void VelChiDesktopHelper::handleDeathNotification() {
 void VelChiDesktopHelper::reconnectToService() {
     for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
         usleep(kReconnectPauseUs);
-        const helper_lifetime::Visit visit;
-        if (!visit) return;
+        const helper_lifetime::Visit beforeTheWait(this);
+        if (!beforeTheWait) return;
         std::lock_guard<std::mutex> lock(mServiceLock);
-        if (connectToServiceLocked()) return;
+        const helper_lifetime::Visit visit(this);
+        if (!visit || connectToServiceLocked()) return;
     }
 }
 
 std::string VelChiDesktopHelper::setCommandTo(ClientType type, const std::string& command) {
     std::string reply;
     std::lock_guard<std::mutex> lock(mServiceLock);
+    const helper_lifetime::Visit visit(this);
+    if (!visit) return reply;
     if (!connectToServiceLocked()) {
         HELPER_LOGE("Service not available");
         return reply;
@@ -102,6 +104,8 @@ std::string VelChiDesktopHelper::setCommandTo(ClientType type, const std::string
 
 sp<VelChiDesktopHelper::HidlProducer> VelChiDesktopHelper::getSurface(ClientType type) {
     std::lock_guard<std::mutex> lock(mServiceLock);
+    const helper_lifetime::Visit visit(this);
+    if (!visit) return nullptr;
     if (!connectToServiceLocked()) {
         HELPER_LOGE("Service not available");
         return nullptr;

@@ -35,7 +35,7 @@ VelChiDesktopHelper::VelChiDesktopHelper()
 }
 
 VelChiDesktopHelper::~VelChiDesktopHelper() {
-    helper_lifetime::end();
+    helper_lifetime::end(this);
     HELPER_LOGD("Calling destructor %s", "~VelChiDesktopHelper");
     replaceImgSubHelper(nullptr);
     setImgSubSurface(nullptr);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "NarrowToFloat.h"
+#include "NeverDestroyed.h"
 
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "MetadataHandler", __VA_ARGS__)
 
@@ -25,12 +26,8 @@ struct Free {
 constexpr size_t kMaxValueBytes = 8;  // of one value, whatever its type
 constexpr size_t kTagNameBytes = 63;  // enough for any standard tag
 
-// Guards the vendor tag callback while it is copied or replaced. Never destroyed: captures may still arrive
-// while the process ends.
-std::mutex& vendorTagCallbackLock() {
-    static std::mutex& lock = *new std::mutex;
-    return lock;
-}
+// Guards the vendor tag callback while it is copied or replaced. A leaf.
+NeverDestroyed<std::mutex> gVendorTagCallbackLock;
 
 // --- Tag names ---
 
@@ -256,7 +253,7 @@ MetadataHandler::~MetadataHandler() = default;
 
 void MetadataHandler::setVendorTagCallback(VendorTagCallback callback) {
     // The replaced callback is destroyed with the argument, after the lock is released.
-    std::lock_guard<std::mutex> lock(vendorTagCallbackLock());
+    std::lock_guard<std::mutex> lock(gVendorTagCallbackLock.get());
     mVendorTagCallback.swap(callback);
 }
 
@@ -357,7 +354,7 @@ bool MetadataHandler::findMetadataTagId(const char* name, unsigned* id) {
 bool MetadataHandler::findVendorTag(const char* name, size_t sectionLength, unsigned* id) const {
     VendorTagCallback callback;
     {
-        std::lock_guard<std::mutex> lock(vendorTagCallbackLock());
+        std::lock_guard<std::mutex> lock(gVendorTagCallbackLock.get());
         callback = mVendorTagCallback;
     }
     if (!callback) {
