@@ -14,6 +14,7 @@
 #include "FakeDesktopService.h"
 #include "HelperLifetime.h"
 #include "VelChiDesktopHelper.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -92,6 +93,32 @@ void exitDuringAMessage() {
     std::exit(0);
 }
 
+// What outlives the instance, whose destructor runs before that of a static object made earlier.
+struct HungPeer {
+    ~HungPeer() {
+        service->unblock(FakeDesktopService::Operation::SEND_COMMAND);
+        waiter.join();
+        const bool haveEnded = waitUntil([] { return detached_thread::liveCount() == 0; });
+        _exit(haveEnded && service->calls(FakeDesktopService::Operation::SEND_COMMAND).size() == 1 ? 0 : 3);
+    }
+    android::sp<FakeDesktopService> service = FakeDesktopService::start();
+    std::thread waiter;
+};
+
+// The process exits while a peer hangs in one message, for longer than the destruction waits, and another
+// message waits for its turn. The peer goes on when the instance is gone.
+void exitWithAMessageBehindOneThatHangs() {
+    static HungPeer peer;
+    peer.service->block(FakeDesktopService::Operation::SEND_COMMAND);
+    VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
+    uint32_t cameraId = 0;
+    helper->updateCameraIdOnHalOpen(cameraId);
+    helper->setRequiredOverrideId(0, 2);
+    if (!peer.service->awaitBlocked(FakeDesktopService::Operation::SEND_COMMAND)) _exit(2);
+    peer.waiter = std::thread([helper] { helper->sendSessionRestartDoneToApp(0, 2); });
+    std::exit(1);
+}
+
 // Starts the test program anew, so that the body's first getInstance() is the process's first.
 template <typename Body>
 void expectGoodExit(const Body& body) {
@@ -114,6 +141,10 @@ TEST(TheInstance, MayBeDestroyedWhileTheReconnectionSleeps) {
 
 TEST(TheInstance, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
     expectGoodExit(exitDuringAMessage);
+}
+
+TEST(TheInstance, IsLeftAloneByAMessageWhoseTurnComesAfterItsDestruction) {
+    expectGoodExit(exitWithAMessageBehindOneThatHangs);
 }
 
 }  // namespace
