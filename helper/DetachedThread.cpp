@@ -38,16 +38,15 @@ int createDetached(Body* body) {
 
 }  // namespace
 
-bool start(const char* purpose, Body body) {
+void start(const char* purpose, Body body) {
     auto owned = std::make_unique<Body>(std::move(body));
     gLiveCount.fetch_add(1);
     if (const int error = createDetached(owned.get())) {
         gLiveCount.fetch_sub(1);
         HELPER_LOGE("No thread for %s: error %d", purpose, error);
-        return false;
+        return;
     }
     (void)owned.release();  // the thread's now
-    return true;
 }
 
 int liveCount() {

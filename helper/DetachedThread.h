@@ -7,10 +7,10 @@
 namespace detached_thread {
 
 /**
- * Runs the body on a new detached thread. Returns false, with an error line that names the purpose, when the
- * system refuses the thread; the body is then dropped. Never blocks.
+ * Runs the body on a new detached thread. When the system refuses the thread, the body is dropped and an
+ * error line names the purpose. Never blocks.
  */
-bool start(const char* purpose, std::function<void()> body);
+void start(const char* purpose, std::function<void()> body);
 
 /** How many started bodies have not returned yet. */
 int liveCount();
