@@ -54,22 +54,17 @@ struct AImageDeleter {
 // is set back must not prolong it.
 class WaitTime {
   public:
-    // The steady clock is read from the first call on only: a replacement that waits already needs no bound.
-    int64_t elapsedMs() {
-        const auto steadyNow = std::chrono::steady_clock::now();
-        if (mSteadyStart == std::chrono::steady_clock::time_point()) mSteadyStart = steadyNow;
-        return std::max(wholeMs(std::chrono::system_clock::now() - mWallStart),
-                        wholeMs(steadyNow - mSteadyStart));
-    }
+    int64_t elapsedMs() const { return std::max(msSince(mWallStart), msSince(mSteadyStart)); }
 
   private:
-    template <typename Duration>
-    static int64_t wholeMs(Duration duration) {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+    template <typename TimePoint>
+    static int64_t msSince(TimePoint start) {
+        using std::chrono::milliseconds;
+        return std::chrono::duration_cast<milliseconds>(TimePoint::clock::now() - start).count();
     }
 
     const std::chrono::system_clock::time_point mWallStart = std::chrono::system_clock::now();
-    std::chrono::steady_clock::time_point mSteadyStart;
+    const std::chrono::steady_clock::time_point mSteadyStart = std::chrono::steady_clock::now();
 };
 
 }  // namespace
@@ -180,7 +175,7 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
     const std::shared_ptr<AImage>& received = mReceivedImages[streamIndex];
     const std::shared_ptr<AImage>& held = mHeldImages[streamIndex];
     const auto isNew = [&] { return received != nullptr && received != held; };
-    WaitTime waitTime;
+    const WaitTime waitTime;
     do {
         if (!mayWaitForImage_locked()) return nullptr;
         const int32_t readerStatus = drainReader_locked();
