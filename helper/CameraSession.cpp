@@ -33,25 +33,20 @@ void VelChiDesktopHelper::onHalClose(uint32_t cameraId) {
         HELPER_LOGE("%s:%d Invalid camera id %u", "onHalClose", __LINE__, cameraId);
         return;
     }
-    // The link may be held by a call whose peer first sends a command that needs the registry. Waiting for
-    // the link with the registry locked would then never end, so the wait is without it. It is a turn in the
-    // queue for the link, since captures may leave it free for moments only, which a pause would miss.
-    while (!closeCameraIfLinkIsFree(cameraId)) {
-        const std::lock_guard<std::mutex> turn(mServiceLock);
+    bool wasDesktop = false;
+    std::unique_lock<std::mutex> serviceLock(mServiceLock, std::defer_lock);
+    {
+        std::lock_guard<std::mutex> settingsLock(mSettingsLock);
+        DesktopSettings& settings = mDesktopSettings[cameraId];
+        wasDesktop = settings.isDesktop;
+        settings.currentOverrideId = INVALID_CAMERA_ID;
+        settings.requiredOverrideId = settings.defaultOverrideId;
+        settings.restartPending = false;
+        // Not waited for: a peer that hangs in a command holds the link, and must not hold up a close. The
+        // teardown then goes without it, as that of a new configuration does.
+        (void)serviceLock.try_lock();
     }
-}
-
-bool VelChiDesktopHelper::closeCameraIfLinkIsFree(uint32_t cameraId) {
-    std::lock_guard<std::mutex> settingsLock(mSettingsLock);
-    std::unique_lock<std::mutex> serviceLock(mServiceLock, std::try_to_lock);
-    if (!serviceLock.owns_lock()) return false;
-
-    DesktopSettings& settings = mDesktopSettings[cameraId];
-    settings.currentOverrideId = INVALID_CAMERA_ID;
-    settings.requiredOverrideId = settings.defaultOverrideId;
-    settings.restartPending = false;
-    if (settings.isDesktop && replaceImgSubHelper(nullptr)) setImgSubSurface(nullptr);
-    return true;
+    if (wasDesktop && replaceImgSubHelper(nullptr)) setImgSubSurface(nullptr);
 }
 
 void VelChiDesktopHelper::setRequiredOverrideId(uint32_t fwkId, uint32_t overrideId) {

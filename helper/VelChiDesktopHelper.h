@@ -333,7 +333,6 @@ class VEL_EXPORT VelChiDesktopHelper {
     VEL_LOCAL void setServiceProxy(const android::sp<ICameraDesktop>& proxy);
     VEL_LOCAL android::sp<ICameraDesktop> serviceProxy() const;
     VEL_LOCAL void reconnectToService();
-    VEL_LOCAL bool closeCameraIfLinkIsFree(uint32_t cameraId);
     VEL_LOCAL void handleCameraOpenEvent(const JsonValue& event);
     VEL_LOCAL void handleCameraClosedEvent(const JsonValue& event);
     VEL_LOCAL bool isAnyCameraDesktopLocked() const;
