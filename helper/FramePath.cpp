@@ -7,7 +7,7 @@
 #include "ProducerSlots.h"
 #include "VelChiDesktopHelper.h"
 
-// Last, and in this file only: they leave a macro and many names behind.
+// Last: the second leaves a macro and many names behind, so no other file includes it.
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 

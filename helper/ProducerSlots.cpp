@@ -26,8 +26,9 @@ bool isCached(int slot) {
     return static_cast<unsigned>(slot) < kCachedSlotCount;
 }
 
-// False when the slot cannot be used. It is not given back: a queue that runs out of slots fails a dequeue,
-// and the new connection frees them all.
+// False when the slot cannot be used. It is not given back: a queue that runs out of slots fails a dequeue
+// once a frame was queued since the connect, and the new connection frees them all. Before that the dequeue
+// after the last free slot blocks.
 bool fetchBuffer(IGraphicBufferProducer& producer, int slot, CachedBuffers& cache, const Log& log) {
     if (!isCached(slot)) {
         log.slotsExhausted();

@@ -54,7 +54,7 @@ void reset(android::IGraphicBufferProducer& producer);
 // Takes a free slot of the queue, fetches its buffer into the cache when the queue reallocated it, and waits
 // up to 100 ms until the buffer may be written; a later one is cancelled. slot and buffer are written for
 // LENT only: the buffer is null when the cache has none for the slot or the slot lies outside it. May block
-// without limit while the consumer holds every buffer.
+// without limit while no slot is free, be they the consumer's or lent.
 Dequeued dequeue(android::IGraphicBufferProducer& producer, const BufferShape& shape, CachedBuffers& cache,
                  const Log& log, int32_t& slot, android::sp<android::GraphicBuffer>& buffer);
 

@@ -61,11 +61,11 @@ enum DesktopCamIdType : uint8_t {
  * a method says otherwise any thread may call it. Nothing throws; a failure gives the fallback that the
  * method names, and most are one log line.
  *
- * Locks: mSettingsLock guards the registry of cameras, mServiceLock the link to the service. Both are plain
- * mutexes; mSettingsLock is taken before mServiceLock, and nobody waits for mServiceLock while holding
- * mSettingsLock, because mServiceLock is held across calls that a peer may answer with a command that needs
- * the registry. A method whose name ends in Locked expects its caller to hold the lock; every other method
- * takes what it needs and must be called with neither held.
+ * Locks: mSettingsLock guards the registry of cameras and is never held over a call to anyone; mServiceLock
+ * guards the link to the service and is held across the calls through it, which have no time limit. Both are
+ * plain mutexes. mSettingsLock comes first, and nobody waits for mServiceLock while holding it: a peer may
+ * answer a call with a command that needs the registry. A method whose name ends in Locked expects its caller
+ * to hold the lock; every other method takes what it needs and must be called with neither held.
  */
 class VEL_EXPORT VelChiDesktopHelper {
   public:
@@ -173,9 +173,9 @@ class VEL_EXPORT VelChiDesktopHelper {
     /**
      * To be called when the HAL closes a camera, with its framework id. Forgets the open id, the requested
      * override and a pending restart; ends image substitution of a camera in desktop mode. An invalid id is
-     * an error line and nothing else. Needs both locks at once: it waits its turn for the service link
-     * with the registry free, and may then, with both held, make one call to the service and one to the
-     * application's queue.
+     * an error line and nothing else. Takes mSettingsLock for the record alone and never waits for
+     * mServiceLock. To end a substitution it then makes one call to the service and one to the application's
+     * queue, with mServiceLock held when that was free.
      */
     void onHalClose(uint32_t cameraId);
 
@@ -357,7 +357,8 @@ class VEL_EXPORT VelChiDesktopHelper {
     /**
      * The image-substitution helper while a stream is configured, else null. The library replaces it from
      * another thread, so the HAL takes its own reference with std::atomic_load(&helper->mImgSubHelper), uses
-     * that for the frame and drops it promptly.
+     * that for the frame and drops it promptly. The lock behind that call is the C++ runtime's, so the HAL
+     * and this library must share one.
      */
     std::shared_ptr<VelImgSubHelper> mImgSubHelper;
 

@@ -216,8 +216,8 @@ int32_t VelImgSubHelper::drainReader_locked() {
     return AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE;
 }
 
-// Takes the image over. One whose plane cannot be read stays acquired: the reader was made without read
-// access, so that no later image would fare better, and its last place then ends every wait at once.
+// Takes the image over. One whose plane cannot be read stays acquired on purpose: its reader has no read
+// access, or its frame is not one row high. Once such images fill the reader, every wait ends at once.
 void VelImgSubHelper::fileImage_locked(AImage* image) {
     uint8_t* row = nullptr;
     int byteCount = 0;

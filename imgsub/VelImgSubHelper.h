@@ -37,7 +37,8 @@ class VelChiDesktopHelper;
  * Locks: mLock guards every member; it is held across the calls to the application's queue and to the reader,
  * so a call may wait for another stream's. It is taken before the desktop helper's service lock.
  * setImgSubAppConnected(), imgSubReleaseFrame() and the destructor take no lock of this class, so the owner
- * may use them while it holds the service lock. Nothing throws; a failure is one log line and null.
+ * may use them while it holds the service lock. Nothing throws; a failure gives null or nothing, mostly with
+ * one log line: a stream index out of range, a missing connection and a missing surface are silent.
  */
 class VEL_EXPORT VelImgSubHelper {
   public:
@@ -65,8 +66,9 @@ class VEL_EXPORT VelImgSubHelper {
      * Lends the HAL one buffer of the application's queue for the stream. Null when there is none this time:
      * the application is not connected or has no surface yet (each call asks the service again), no usable
      * slot, or a buffer that its last reader has not let go of within 100 ms. A queue that fails is
-     * disconnected; the next call connects anew. Waits without limit while the application holds every
-     * buffer.
+     * disconnected; the next call connects anew. Waits without limit, with mLock held, while the application
+     * or the HAL holds every buffer. Buffers that the HAL asked for and never queued count: only once a frame
+     * was queued since the connection does the queue fail instead, when more than six are lent.
      */
     android::sp<android::GraphicBuffer> imgSubGetOutputFrameToFill(uint32_t streamIndex);
 
@@ -80,7 +82,9 @@ class VEL_EXPORT VelImgSubHelper {
     /**
      * After an aborted request: asks the queue to take its buffers back, forgets the buffer lent for this
      * stream and the images of every stream, and drops every image that waits in the reader. Nothing but a
-     * log line when the application is not connected.
+     * log line when the application is not connected. The queue keeps a forgotten buffer as lent until it is
+     * disconnected: of an application that keeps one buffer, the eighth fill without any queued frame blocks
+     * for ever.
      */
     void cancelImgSubFrames(uint32_t streamIndex);
 
