@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "CamDesktopCallback.h"
+#include "DesktopHelperLink.h"
 #include "DetachedThread.h"
 #include "HelperLifetime.h"
 #include "HelperLog.h"
@@ -112,4 +113,8 @@ sp<VelChiDesktopHelper::HidlProducer> VelChiDesktopHelper::getSurface(ClientType
     }
     const sp<ICameraDesktop> service = mCameraDesktop;
     return service->getSurface(type).withDefault(nullptr);
+}
+
+sp<VelChiDesktopHelper::HidlProducer> desktop_helper_link::fetchImgSubSurface(VelChiDesktopHelper& helper) {
+    return helper.getSurface(VelChiDesktopHelper::ClientType::CLIENT_IMG_SUB);
 }

@@ -2,17 +2,15 @@
 
 #include <android/log.h>
 #include <hardware/gralloc.h>
-#include <korvanta/hardware/camera/desktop/2.0/types.h>
 #include <media/NdkImageReader.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 
-#include "HelperLifetime.h"
+#include "DesktopHelperLink.h"
 #include "ProducerSlots.h"
 #include "ReplacementFrame.h"
-#include "VelChiDesktopHelper.h"
 
 // Last: a platform header that brings many names.
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
@@ -24,7 +22,6 @@
 using android::GraphicBuffer;
 using android::sp;
 using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
-using korvanta::hardware::camera::desktop::V2_0::ClientType;
 
 namespace {
 
@@ -84,7 +81,7 @@ VelImgSubHelper::VelImgSubHelper(const sp<HidlProducer>& readerProducer, AImageR
       mMergeStreams(mergeStreams) {
     std::fill(std::begin(mDequeuedSlots), std::end(mDequeuedSlots), kNoSlot);
     IMGSUB_LOGD("%s: constuctor called. Line: %d", "VelImgSubHelper", __LINE__);
-    mHelper = helper_lifetime::instance();
+    mHelper = desktop_helper_link::instance();
 }
 
 VelImgSubHelper::~VelImgSubHelper() {
@@ -101,7 +98,7 @@ bool VelImgSubHelper::connectImgSubProducer_locked() {
     if (!mImgSubAppConnected || mReaderProducer == nullptr) return false;
     if (mImgSubProducer != nullptr) return true;
 
-    const sp<HidlProducer> surface = mHelper->getSurface(ClientType::CLIENT_IMG_SUB);
+    const sp<HidlProducer> surface = desktop_helper_link::fetchImgSubSurface(*mHelper);
     // A configuration that replaced this object during the call has set the surface to its own reader.
     if (surface == nullptr || !mImgSubAppConnected) return false;
     if (surface == mReaderProducer) {

@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "DesktopHelperLink.h"
 #include "DetachedThread.h"
 #include "FakeDesktopService.h"
-#include "HelperLifetime.h"
 #include "VelChiDesktopHelper.h"
 #include "WaitUntil.h"
 
@@ -42,7 +42,7 @@ class EagerService : public FakeDesktopService {
 
   private:
     void command() {
-        seen = helper_lifetime::instance();
+        seen = desktop_helper_link::instance();
         if (sendToCallback(R"({"general":{"originalId":0,"overrideId":2}})") == "OK_HAL") ++answers;
     }
 };
