@@ -9,7 +9,7 @@ command -v hidl-gen >/dev/null || { echo "hidl-gen is not installed: skipped"; e
 
 source_dir=$1
 headers=$source_dir/host/libhidl/include
-imports=$source_dir/tests/data/hal/android
+imports=$source_dir/tests/host/data/hal/android
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
