@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <gui/BufferItemConsumer.h>
 #include <gui/BufferQueue.h>
+#include <gui/IProducerListener.h>
+#include <system/window.h>
 #include <ui/AllocationFault.h>
 
 #include <functional>

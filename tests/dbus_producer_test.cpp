@@ -8,6 +8,7 @@
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <system/window.h>
 #include <unistd.h>
 
 #include <algorithm>

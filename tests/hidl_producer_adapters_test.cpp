@@ -5,6 +5,7 @@
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <system/window.h>
 #include <unistd.h>
 
 #include "ScriptedProducer.h"

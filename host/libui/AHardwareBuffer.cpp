@@ -49,8 +49,8 @@ int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence,
     const int waited = owned->waitForever("AHardwareBuffer_lock");
     if (waited != 0) return waited;
     GraphicBuffer* locked = GraphicBuffer::fromAHardwareBuffer(buffer);
-    return locked->lock(static_cast<uint32_t>(usage), rect ? Rect(*rect) : locked->getBounds(),
-                        outVirtualAddress);
+    const Rect locks = rect ? Rect(rect->left, rect->top, rect->right, rect->bottom) : locked->getBounds();
+    return locked->lock(static_cast<uint32_t>(usage), locks, outVirtualAddress);
 }
 
 int AHardwareBuffer_unlock(AHardwareBuffer* buffer, int32_t* fence) {

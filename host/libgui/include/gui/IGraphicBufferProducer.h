@@ -2,20 +2,21 @@
 
 #include <gui/FrameTimestamps.h>
 #include <gui/HdrMetadata.h>
-#include <gui/IProducerListener.h>
 #include <stdint.h>
-#include <system/window.h>
 #include <ui/BufferQueueDefs.h>
 #include <ui/Fence.h>
 #include <ui/GraphicBuffer.h>
 #include <ui/Rect.h>
 #include <ui/Region.h>
 #include <utils/Errors.h>
-#include <utils/NativeHandle.h>
 #include <utils/RefBase.h>
 #include <utils/String8.h>
 
 namespace android {
+
+// Declared only, as on a device: who passes one, be it null, includes its header.
+class IProducerListener;
+class NativeHandle;
 
 // The end of a buffer queue that fills buffers: dequeue one, request its memory once per slot, write, queue.
 // Calls may come from any thread. Operations with a body here are optional: their default ends the process.
