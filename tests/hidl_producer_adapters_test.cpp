@@ -74,8 +74,10 @@ TEST_F(AnAdaptedQueue, GivesNewObjectsOfTheSameMemoryAndNeverNoFence) {
     EXPECT_EQ(0u, buffer->getWidth());
     consumer->abandon();
     fence.clear();
+    slot = 8;
     EXPECT_EQ(NO_INIT, dequeue());
     EXPECT_NE(nullptr, fence) << "on failure too";
+    EXPECT_EQ(0, slot);
 }
 
 TEST_F(AnAdaptedQueue, PassesFramesAndFencesOnAsTheyWereGiven) {
