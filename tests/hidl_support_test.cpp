@@ -1,4 +1,4 @@
-// Strings, sequences and handles of the HIDL runtime.
+// Strings and handles of the HIDL runtime.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@ namespace {
 
 using android::hardware::hidl_handle;
 using android::hardware::hidl_string;
-using android::hardware::hidl_vec;
 
 TEST(AHidlString, OwnsACopyUnlessSetToExternal) {
     char buffer[] = "abc";
@@ -26,16 +25,6 @@ TEST(AHidlString, OwnsACopyUnlessSetToExternal) {
     EXPECT_EQ(external, "Xbc");
     EXPECT_EQ(copyOfExternal, "abc");
     EXPECT_EQ(assigned, "abc");
-}
-
-TEST(AHidlVec, StaysPointedAtTheElementsThatWereMovedFromIt) {
-    hidl_vec<hidl_string> from = {"a", "b"};
-    const char* const text = from[0].c_str();
-    from.resize(3);
-    EXPECT_EQ(from[0].c_str(), text) << "elements are moved";
-    const hidl_vec<hidl_string> to = std::move(from);
-    EXPECT_EQ(from.data(), to.data());
-    EXPECT_EQ(from.size(), 3u);
 }
 
 bool isOpen(int fd) {
