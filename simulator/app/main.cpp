@@ -1,5 +1,6 @@
 // The desktop application: sends commands to the camera HAL, and prints and answers what it receives.
 
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <map>
 #include <string>

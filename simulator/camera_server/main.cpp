@@ -1,5 +1,6 @@
 // The camera server: loads the library as a camera HAL does, and answers for the camera service.
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <string>
 #include <thread>

@@ -1,10 +1,12 @@
 #include "Program.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -12,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "DesktopBusNames.h"
 #include "Timeline.h"
 
 namespace vel::sim {
@@ -21,8 +24,9 @@ int64_t gTimeOriginNs = 0;
 }
 
 void addCommonOptions(CLI::App& cli, CommonOptions& options) {
-    cli.add_option("--bus", options.bus, "address of the bus (default: $VEL_DESKTOP_BUS_ADDRESS)")
-        ->type_name("ADDRESS");
+    cli.add_option("--bus", options.bus, "address of the bus")
+        ->type_name("ADDRESS")
+        ->envname(desktop_bus::kAddressVariable);
     cli.add_option("--time-origin", options.timeOriginNs,
                    "steady clock, in ns, that printed times count from (default: the machine's start)")
         ->type_name("NS");
@@ -38,8 +42,14 @@ std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {
 }
 
 void applyCommonOptions(const CommonOptions& options) {
-    if (!options.bus.empty()) setenv("VEL_DESKTOP_BUS_ADDRESS", options.bus.c_str(), 1);
+    if (!options.bus.empty()) setenv(desktop_bus::kAddressVariable, options.bus.c_str(), 1);
     gTimeOriginNs = options.timeOriginNs;
+}
+
+void printStamped(const std::string& line) {
+    const std::string whole = timelineStamp(steadyNowNs(), gTimeOriginNs) + line + "\n";
+    std::fwrite(whole.data(), 1, whole.size(), stdout);
+    std::fflush(stdout);
 }
 
 void printLine(const char* format, ...) {
@@ -51,10 +61,7 @@ void printLine(const char* format, ...) {
     va_end(arguments);
     std::vsnprintf(text.data(), text.size(), format, again);
     va_end(again);
-    const std::string line =
-        timelineStamp(steadyNowNs(), gTimeOriginNs) + printable(std::string(text.data())) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stdout);  // one write a line: lines of threads do not mix
-    std::fflush(stdout);
+    printStamped(printable(std::string(text.data())));
 }
 
 EndSignals::EndSignals() {

@@ -2,23 +2,26 @@
 
 #include <android-base/unique_fd.h>
 
-#include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <thread>
 
+namespace CLI {
+class App;
+}
+
 namespace vel::sim {
 
 // What every program of the simulator is told on its command line.
 struct CommonOptions {
-    std::string bus;           // empty: what VEL_DESKTOP_BUS_ADDRESS says
+    std::string bus;           // address of the bus; empty for none
     int64_t timeOriginNs = 0;  // steady clock that printed times count from
 };
 
-/** Adds --bus and --time-origin. */
+/** Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
+ * CLI11, which costs seconds to compile: only a program's main.cpp includes it. */
 void addCommonOptions(CLI::App& cli, CommonOptions& options);
 
 /** Parses the command line; an exit code when the program is to end with it (help, or words it does not
@@ -29,7 +32,11 @@ std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
  */
 void applyCommonOptions(const CommonOptions& options);
 
-/** Prints one stamped line and flushes it; any thread may call. Bytes that are not printable are escaped. */
+/** Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
+ * thread may call. */
+void printStamped(const std::string& line);
+
+/** The same of a formatted text. Bytes that are not printable are escaped. */
 __attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
 
 /**
@@ -44,6 +51,8 @@ class EndSignals {
     /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after so many
      * milliseconds, when given. */
     bool wait(int limitMs = -1, int otherFd = -1) const;
+    /** Readable once a signal has arrived, for a wait of the caller's own; not to be read from. */
+    int fd() const { return mSignals; }
     /** Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
      */
     bool readLine(std::string& line);
