@@ -16,7 +16,7 @@
 
 namespace vel::sim {
 
-// A program started by this one, with its standard input and output piped here; standard error is shared.
+// A program started by this one, with its standard input and output piped here.
 //
 // The child is started as spawn() says, and killed when this object goes: start children from a thread that
 // lives as long as they should. The methods may be called from any thread, but kill(), wait() and
@@ -31,6 +31,7 @@ class ChildProcess {
         // Called with each line of output, without its newline, on the reading thread; may be empty. It must
         // not call back into the object.
         std::function<void(const std::string&)> onLine;
+        bool hasErrorsInOutput = false;  // else standard error is this process's own
     };
 
     // Starts the program. Throws what spawn() does.
