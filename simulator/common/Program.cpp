@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "DesktopBusNames.h"
+#include "FieldList.h"
 #include "Timeline.h"
 
 namespace vel::sim {
@@ -62,6 +63,17 @@ void printLine(const char* format, ...) {
     std::vsnprintf(text.data(), text.size(), format, again);
     va_end(again);
     printStamped(printable(std::string(text.data())));
+}
+
+bool answerHelp(const std::string& line, const char* commands) {
+    if (FieldList::verbOf(line) != "help") return false;
+    std::printf("%s\n", commands);
+    std::fflush(stdout);
+    return true;
+}
+
+void refuseLine(const std::string& line) {
+    printLine("error not understood: %s (help lists the commands)", line.c_str());
 }
 
 EndSignals::EndSignals() {

@@ -40,6 +40,15 @@ void printStamped(const std::string& line);
 __attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
 
 /**
+ * Prints the commands that a program reads, without a stamp, when the line is the word help; false, and
+ * nothing is printed, for any other line.
+ */
+bool answerHelp(const std::string& line, const char* commands);
+
+/** Prints that the program does not understand a line, and how to find out what it does. */
+void refuseLine(const std::string& line);
+
+/**
  * Takes SIGINT, SIGTERM and, unless it is ignored (nohup), SIGHUP as requests to end. Create it before any
  * thread starts: the threads then leave these signals alone.
  */
