@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
                 return options.changeMetadata ? vel::sim::changesOf(*capture) : "";
             return options.reply;
         },
-        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+        vel::sim::printLinkOf(options.common));
     link = &client;
 
     if (!waitForService(client, signals)) return 1;

@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
             tasks.post([&server, fwkId] { server.restartSession(fwkId); });
             return "OK_CAMERA_SERVICE";
         },
-        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+        vel::sim::printLinkOf(options));
 
     std::thread input(readInput, std::ref(signals), std::ref(tasks), std::ref(server), std::ref(sensor));
     tasks.run();

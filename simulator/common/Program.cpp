@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -21,7 +22,7 @@
 namespace vel::sim {
 
 namespace {
-int64_t gTimeOriginNs = 0;
+std::atomic<int64_t> gTimeOriginNs{0};
 }
 
 void addCommonOptions(CLI::App& cli, CommonOptions& options) {
@@ -29,7 +30,7 @@ void addCommonOptions(CLI::App& cli, CommonOptions& options) {
         ->type_name("ADDRESS")
         ->envname(desktop_bus::kAddressVariable);
     cli.add_option("--time-origin", options.timeOriginNs,
-                   "steady clock, in ns, that printed times count from (default: the machine's start)")
+                   "steady clock, in ns, that printed times count from (default: the service's start)")
         ->type_name("NS");
 }
 
@@ -44,11 +45,19 @@ std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {
 
 void applyCommonOptions(const CommonOptions& options) {
     if (!options.bus.empty()) setenv(desktop_bus::kAddressVariable, options.bus.c_str(), 1);
-    gTimeOriginNs = options.timeOriginNs;
+    setTimeOrigin(options.timeOriginNs.value_or(steadyNowNs()));
+}
+
+int64_t timeOriginNs() {
+    return gTimeOriginNs;
+}
+
+void setTimeOrigin(int64_t originNs) {
+    gTimeOriginNs = originNs;
 }
 
 void printStamped(const std::string& line) {
-    const std::string whole = timelineStamp(steadyNowNs(), gTimeOriginNs) + line + "\n";
+    const std::string whole = timelineStamp(steadyNowNs(), timeOriginNs()) + line + "\n";
     std::fwrite(whole.data(), 1, whole.size(), stdout);
     std::fflush(stdout);
 }

@@ -16,8 +16,8 @@ namespace vel::sim {
 
 // What every program of the simulator is told on its command line.
 struct CommonOptions {
-    std::string bus;           // address of the bus; empty for none
-    int64_t timeOriginNs = 0;  // steady clock that printed times count from
+    std::string bus;                      // address of the bus; empty for none
+    std::optional<int64_t> timeOriginNs;  // steady clock that printed times count from; none: not told
 };
 
 /** Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
@@ -28,9 +28,14 @@ void addCommonOptions(CLI::App& cli, CommonOptions& options);
  * know). */
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
 
-/** Makes the options hold for this process: the bus address and the origin of printLine(). Before any thread.
- */
+/** Makes the options hold for this process: the bus address and the origin of printed times, which is now
+ * when they tell none. Before any thread. */
 void applyCommonOptions(const CommonOptions& options);
+
+/** The steady clock, in ns, that printed times count from. Any thread. */
+int64_t timeOriginNs();
+/** Counts printed times from another origin from now on. Any thread. */
+void setTimeOrigin(int64_t originNs);
 
 /** Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
  * thread may call. */

@@ -7,6 +7,8 @@
 
 #include "BusEvents.h"
 #include "DesktopBusNames.h"
+#include "Program.h"
+#include "Timeline.h"
 #include "Trace.h"
 #include "WireText.h"
 
@@ -86,6 +88,8 @@ void DesktopService::publish() {
     add(bus::kSendCommand, "yv", {"type", "command"}, "v", {"reply"}, &DesktopService::sendCommand);
     add(bus::kSetSurface, "y(so)", {"type", "producer"}, "", {}, &DesktopService::setSurface);
     add(bus::kGetSurface, "y", {"type"}, "(so)", {"producer"}, &DesktopService::getSurface);
+    mObject->registerProperty(vel::sim::kTimelineInterface, vel::sim::kOriginProperty, "x",
+                              [](sdbus::PropertyGetReply& reply) { reply << vel::sim::timeOriginNs(); });
     mObject->finishRegistration();
     mConnection.requestName(bus::kServiceName);
     mTrace.ready(bus::kServiceName);
