@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "DesktopBusNames.h"
+
 using vel::sim::ChildProcess;
 
 ServicePeers& ServicePeers::get() {
@@ -10,7 +12,7 @@ ServicePeers& ServicePeers::get() {
 }
 
 ServicePeers::ServicePeers() {
-    setenv("VEL_DESKTOP_BUS_ADDRESS", mBus.address().c_str(), 1);
+    setenv(vel::desktop_bus::kAddressVariable, mBus.address().c_str(), 1);
     const std::string programs = VEL_PROGRAM_DIR;
     start(programs + "/desktop_service", {"--bus", mBus.address(), "--trace"}, "ready");
     start(programs + "/desktop_app", {"--bus", mBus.address(), "--stay", "--quiet"}, "registered");

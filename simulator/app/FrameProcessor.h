@@ -1,14 +1,15 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include "Effects.h"
 #include "ServiceClient.h"
 
 namespace vel::sim {
+
+class Preview;
+class Substitution;
+struct FrameConfiguration;
 
 /**
  * The application's side of the frames: owns the queues that the camera HAL fills, processes each frame of
@@ -34,10 +35,8 @@ class FrameProcessor {
     bool execute(const std::string& line);
 
   private:
-    class Preview;
-    class Substitution;
-
     bool start(const std::string& line);
+    void configureHal(const FrameConfiguration& configuration);
     void end();
 
     ServiceClient& mClient;

@@ -16,11 +16,10 @@
 
 namespace vel::sim {
 
-// A program started by this one, with its standard input and output piped here; standard error is shared.
+// A program started by this one, with its standard input and output piped here.
 //
-// The child has a process group of its own, so that Ctrl-C in a terminal reaches this process alone. It is
-// killed when this object goes, and by the kernel when the thread that started it ends: start children from a
-// thread that lives as long as they should. The methods may be called from any thread, but kill(), wait() and
+// The child is started as spawn() says, and killed when this object goes: start children from a thread that
+// lives as long as they should. The methods may be called from any thread, but kill(), wait() and
 // the destructor not concurrently with each other.
 class ChildProcess {
   public:
@@ -32,10 +31,10 @@ class ChildProcess {
         // Called with each line of output, without its newline, on the reading thread; may be empty. It must
         // not call back into the object.
         std::function<void(const std::string&)> onLine;
+        bool hasErrorsInOutput = false;  // else standard error is this process's own
     };
 
-    // Starts the program. Throws std::system_error when it cannot be started, with the reason of exec() when
-    // that failed.
+    // Starts the program. Throws what spawn() does.
     explicit ChildProcess(Options options);
     // Kills the child if it still runs (SIGKILL) and reaps it.
     ~ChildProcess();

@@ -18,7 +18,7 @@ class PrivateBus {
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    // For VEL_DESKTOP_BUS_ADDRESS, for example "unix:abstract=vel-bus-1a2b3c4d5e6f7081".
+    // For desktop_bus::kAddressVariable, for example "unix:abstract=vel-bus-1a2b3c4d5e6f7081".
     const std::string& address() const { return mAddress; }
 
     // Ends the daemon at once, as a crash would; every connection breaks.

@@ -5,6 +5,11 @@
 
 namespace vel::sim {
 
+// Where the service's printed times begin: a property of its object on the bus, "x" in ns of the steady
+// clock. Peers that were told no origin of their own take it over, so that the lines of all go together.
+inline constexpr char kTimelineInterface[] = "korvanta.hardware.camera.desktop.Timeline";
+inline constexpr char kOriginProperty[] = "OriginNs";
+
 // The steady clock in nanoseconds; the same clock in every process of one machine.
 int64_t steadyNowNs();
 

@@ -13,8 +13,8 @@ namespace vel::sim {
 // Frames of a video file or picture, decoded by a child ffmpeg as they are asked for, or of a YUV4MPEG2 file
 // or stream of 8-bit 4:2:0, which is read as it stands. Memory is constant.
 //
-// The child is killed and reaped by the destructor, and killed by the kernel when the thread that constructed
-// this object ends. For one thread.
+// The child is started as spawn() says, and killed and reaped by the destructor. For one thread, the one that
+// constructs this object.
 class VideoInput {
   public:
     // Opens the file and waits for the first bytes. Throws std::runtime_error with one line when it cannot be

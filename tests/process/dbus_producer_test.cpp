@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "DesktopBusNames.h"
 #include "PrivateBus.h"
 #include "SignalFence.h"
 #include "WaitUntil.h"
@@ -170,7 +171,7 @@ class Peer {
 class ARemoteProducer : public testing::Test {
   protected:
     void SetUp() override {
-        setenv("VEL_DESKTOP_BUS_ADDRESS", mBus.address().c_str(), 1);
+        setenv(vel::desktop_bus::kAddressVariable, mBus.address().c_str(), 1);
         mServiceProcess = start({DESKTOP_SERVICE, "--trace", "--bus", mBus.address()});
         ASSERT_TRUE(mServiceProcess->waitForLine("ready"));
         // The connection to the bus of the test before ends in its own time.

@@ -7,6 +7,8 @@
 #include <iostream>
 #include <thread>
 
+#include "DesktopBusNames.h"
+
 using android::sp;
 
 namespace {
@@ -43,7 +45,7 @@ class Peer {
         if (verb == "send") sendFromThread(rest);
         if (verb == "first") say(mFirstService->ping().isOk() ? "first lives" : "first dead");
         if (verb == "bus") {
-            setenv("VEL_DESKTOP_BUS_ADDRESS", rest.c_str(), 1);
+            setenv(vel::desktop_bus::kAddressVariable, rest.c_str(), 1);
             say("bus set");
         }
         return verb != "exit";

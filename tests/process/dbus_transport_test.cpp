@@ -15,6 +15,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "ChildProcess.h"
+#include "DesktopBusNames.h"
 #include "PrivateBus.h"
 #include "WaitUntil.h"
 #include "dbus_transport_peer.h"
@@ -27,7 +28,7 @@ using IBase = android::hidl::base::V1_0::IBase;
 
 namespace {
 
-constexpr char kAddressVariable[] = "VEL_DESKTOP_BUS_ADDRESS";
+using vel::desktop_bus::kAddressVariable;
 
 // Another process that runs runDesktopPeer().
 std::unique_ptr<ChildProcess> startPeer(const std::string& busAddress) {

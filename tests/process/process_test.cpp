@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "ChildProcess.h"
+#include "DesktopBusNames.h"
 #include "DesktopHelperTestAccess.h"
 #include "DetachedThread.h"
 #include "PrivateBus.h"
@@ -25,7 +26,7 @@ using ClientType = ServiceClient::ClientType;
 // One bus for the process, which keeps its connection to it; each test starts a service of its own.
 const std::string& busAddress() {
     static PrivateBus bus;
-    static const bool kSet = setenv("VEL_DESKTOP_BUS_ADDRESS", bus.address().c_str(), 1) == 0;
+    static const bool kSet = setenv(vel::desktop_bus::kAddressVariable, bus.address().c_str(), 1) == 0;
     return kSet ? bus.address() : bus.address();
 }
 

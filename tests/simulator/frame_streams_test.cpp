@@ -14,9 +14,9 @@
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
 #include "FrameProcessor.h"
+#include "FrameQueues.h"
 #include "FrameSensor.h"
 #include "FrameStream.h"
-#include "ReplacementQueue.h"
 #include "ServiceClient.h"
 #include "TemporaryFolder.h"
 #include "TestPicture.h"
@@ -103,7 +103,7 @@ class AFrameStream : public ASensor {
         android::BufferQueue::createBufferQueue(&end, &consumerEnd);
         consumer = new android::BufferItemConsumer(consumerEnd, GRALLOC_USAGE_SW_READ_OFTEN, 1);
         service->offerSurface(ClientType::CLIENT_IMG_SUB,
-                              new android::TWGraphicBufferProducer<ReplacementQueue::HidlProducer>(end));
+                              new android::TWGraphicBufferProducer<HidlProducer>(end));
     }
     // Replaces the frame, whose picture is the one of that number.
     void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <android/hardware/graphics/bufferqueue/1.0/IGraphicBufferProducer.h>
+#include <gui/BufferItemConsumer.h>
 #include <gui/IGraphicBufferProducer.h>
 
 #include <array>
@@ -8,14 +9,22 @@
 
 namespace vel::sim {
 
+using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+
+/** A queue of the application's own, for frames of the HAL. */
+struct OwnQueue {
+    OwnQueue();
+
+    android::sp<android::BufferItemConsumer> consumer;  // the application's end
+    android::sp<HidlProducer> producer;                 // goes to the HAL
+};
+
 /**
  * The way of replacements into the camera HAL's image reader. Used by one thread at a time; each call goes to
  * the HAL's process.
  */
 class ReplacementQueue {
   public:
-    using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
-
     /** Connects to the reader's input. */
     explicit ReplacementQueue(const android::sp<HidlProducer>& reader);
     /** Disconnects, which frees every buffer that was not queued. */
