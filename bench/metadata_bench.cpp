@@ -293,7 +293,7 @@ void exportProduct(benchmark::State& state, const Tags& filter, const Tags& tags
     Capture capture(makeBuffer(tags, sorted));
     AllocationCounter allocations;
     for (auto _ : state) {
-        JsonMessage message;
+        JSON_UNCLEARED JsonMessage message;
         handler.convertFromMetadata(capture.md, message.root(), message.allocator());
         benchmark::DoNotOptimize(message.root().MemberCount());
     }

@@ -67,7 +67,7 @@ std::string toText(JsonMessage& message, const char* kind, uint32_t frameNumber)
 
 void VelChiDesktopHelper::handleCaptureMetadata(DesktopCaptureMetadata& md, unsigned cameraId) {
     const char* const kind = md.isRequest ? keys::kRequest : keys::kResult;
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     Allocator& allocator = message.allocator();
     Value cameraIds(rapidjson::kObjectType);
     cameraIds.AddMember(Value(keys::kOriginalId), Value(getOriginalCameraId(cameraId)), allocator);

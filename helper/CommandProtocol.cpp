@@ -46,16 +46,21 @@ bool readCameraId(const Value& object, const char* name, uint32_t& id) {
     return true;
 }
 
-std::string errorAnswer(const char* error) {
-    JsonMessage answer;
-    answer.root().AddMember(Value(keys::kError), Value(rapidjson::StringRef(error)), answer.allocator());
-    return answer.toText();
+// An answer of one member. The value is JSON text already: a number or a quoted word of our own.
+std::string answerText(const char* key, const std::string& value) {
+    std::string text = "{\"";
+    text.append(key).append("\":").append(value).append("}");
+    return text;
+}
+
+std::string errorAnswer(const std::string& error) {
+    return answerText(keys::kError, '"' + error + '"');
 }
 
 }  // namespace
 
 std::string VelChiDesktopHelper::handleCommand(const std::string& command) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     if (!message.parse(command)) {
         HELPER_LOGE("%s: failed to parse command: err=%d at %zu", "handleCommand",
                     static_cast<int>(message.errorCode()), message.errorOffset());
@@ -183,9 +188,7 @@ std::string VelChiDesktopHelper::answerOverrideId(const Value& get) {
         HELPER_LOGE("Missing or invalid info %i, %s", originalId, clientName.c_str());
         return errorAnswer("Unknown");
     }
-    JsonMessage message;
-    message.root().AddMember(Value(keys::kOverrideId), Value(answer), message.allocator());
-    return message.toText();
+    return answerText(keys::kOverrideId, std::to_string(answer));
 }
 
 // What the HAL has open for the camera, or what it would open for this client; INVALID_CAMERA_ID when neither

@@ -69,7 +69,7 @@ AImageReader* createReader(const StreamRequest& request, uint32_t rowBytes) {
 
 // What the application is to produce.
 std::string acceptance(uint32_t rowBytes) {
-    JsonMessage reply;
+    JSON_UNCLEARED JsonMessage reply;
     auto& allocator = reply.allocator();
     reply.root().AddMember(Value(keys::kAppConsumerWidth), Value(rowBytes), allocator);
     reply.root().AddMember(Value(keys::kAppConsumerHeight), Value(kRowCount), allocator);
@@ -124,7 +124,7 @@ void VelChiDesktopHelper::setImgSubSurface(const sp<HidlProducer>& producer) {
 }
 
 void VelChiDesktopHelper::sendImgSubHalReadyToApp() {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     Value limits(rapidjson::kObjectType);
     limits.AddMember(Value(keys::kMaxWidth), Value(0), allocator);  // no limits

@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 
-#include "JsonWriter.h"
 #include "NarrowToFloat.h"
 
 namespace android {
@@ -307,9 +306,10 @@ int JsonUtils::parseFloatArr(const Value& root, const char* name, float* out, in
 }
 
 std::string JsonUtils::toString(const Value& v) {
-    std::string text;
-    (void)writeJson(v, text);
-    return text;
+    rapidjson::StringBuffer text;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+    v.Accept(writer);
+    return std::string(text.GetString(), text.GetSize());
 }
 
 // Keeps its own stack of levels, so that deep values cannot exhaust the thread's.

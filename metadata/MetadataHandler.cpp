@@ -295,7 +295,8 @@ void MetadataHandler::convertFromMetadata(DesktopCaptureMetadata& md, Value& out
             continue;
         }
         Value array = toJsonArray(entry, id, type, alloc);
-        out.AddMember(Value(name.c_str(), alloc), array, alloc);
+        Value key(name.data(), static_cast<rapidjson::SizeType>(name.size()), alloc);
+        out.AddMember(key, array, alloc);
     }
 }
 
