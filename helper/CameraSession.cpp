@@ -66,7 +66,7 @@ void VelChiDesktopHelper::setRequiredOverrideId(uint32_t fwkId, uint32_t overrid
 }
 
 void VelChiDesktopHelper::triggerSessionRestart(uint32_t fwkId) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     // Text here and a number in the restart notice: each peer reads the form that it is used to.
     const std::string idText = std::to_string(fwkId);
@@ -79,7 +79,7 @@ void VelChiDesktopHelper::triggerSessionRestart(uint32_t fwkId) {
 }
 
 void VelChiDesktopHelper::sendSessionRestartDoneToApp(uint32_t originalId, uint32_t overrideId) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     Value event(rapidjson::kObjectType);
     event.AddMember(Value(keys::kType), Value(keys::kSessionRestartDone), allocator);
