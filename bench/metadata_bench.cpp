@@ -19,6 +19,8 @@
 #include "JsonMessage.h"
 #include "RatioReporter.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::hardware::hidl_string;

@@ -1,5 +1,7 @@
 #include "JsonMessage.h"
 
+namespace android {
+
 namespace {
 
 constexpr size_t kParseStackBytes = 1024;
@@ -43,3 +45,5 @@ std::string JsonMessage::toText() const {
     (void)serialise(text);
     return text;
 }
+
+}  // namespace android

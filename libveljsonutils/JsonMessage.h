@@ -9,6 +9,8 @@
 // otherwise have it done at each call.
 #define JSON_UNCLEARED __attribute__((uninitialized))
 
+namespace android {
+
 // One JSON message on its way in or out. Its values, and what parsing them needs, live in 6 KB inside the
 // object, meant for the stack, and on the heap only beyond that: a small message is parsed or built without
 // one allocation; writing it takes two, and one for the string.
@@ -57,3 +59,5 @@ class JsonMessage {
     rapidjson::ParseErrorCode mErrorCode = rapidjson::kParseErrorNone;
     size_t mErrorOffset = 0;
 };
+
+}  // namespace android

@@ -13,22 +13,22 @@
 class AMetadataHandler : public ::testing::Test {
   protected:
     void setResults(const std::string& list) {
-        JsonMessage message;
+        android::JsonMessage message;
         EXPECT_TRUE(message.parse(list)) << list;
         handler.setResultsOfInterest(message.root());
     }
     void setRequests(const std::string& list) {
-        JsonMessage message;
+        android::JsonMessage message;
         EXPECT_TRUE(message.parse(list)) << list;
         handler.setRequestsOfInterest(message.root());
     }
     void import(Capture& capture, const std::string& object) {
-        JsonMessage message;
+        android::JsonMessage message;
         EXPECT_TRUE(message.parse(object)) << object;
         handler.convertToMetadata(capture.md, message.root());
     }
     std::string exported(Capture& capture) {
-        JsonMessage message;
+        android::JsonMessage message;
         handler.convertFromMetadata(capture.md, message.root(), message.allocator());
         return message.toText();
     }

@@ -11,6 +11,8 @@
 #include "DeepText.h"
 #include "JsonUtils.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::JsonUtils;

@@ -12,6 +12,8 @@
 #include "DeliberateLeak.h"
 #include "MetadataFixture.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using ::testing::ElementsAre;

@@ -16,6 +16,8 @@
 #include "RepeatedActions.h"
 #include "WaitUntil.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using ::testing::ElementsAre;
