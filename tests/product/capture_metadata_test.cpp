@@ -210,7 +210,9 @@ TEST_F(ACaptureHook, EnduresLargeAndDeepAnswers) {
                 ElementsAre("E Unable to find tag: none", "E Expecting array for: flat"));
 }
 
-TEST_F(ACaptureHook, EndsTheProcessWhenTheAnswerIsNoObject) {
+using ACaptureHookDeathTest = ACaptureHook;
+
+TEST_F(ACaptureHookDeathTest, EndsTheProcessWhenTheAnswerIsNoObject) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const char* reply : {"[]", "null", "5", R"("x")"}) {
         answer(reply);

@@ -130,16 +130,16 @@ void expectGoodExit(const Body& body) {
     EXPECT_EXIT(limited(), testing::ExitedWithCode(0), "");
 }
 
-TEST(TheInstance, IsOneForAllFirstCallersAndForCommandsThatArriveDuringItsConstruction) {
+TEST(TheInstanceDeathTest, IsOneForAllFirstCallersAndForCommandsThatArriveDuringItsConstruction) {
     expectGoodExit(getInstanceFromManyThreads);
 }
 
-TEST(TheInstance, MayBeDestroyedWhileTheReconnectionSleeps) {
+TEST(TheInstanceDeathTest, MayBeDestroyedWhileTheReconnectionSleeps) {
     for (const useconds_t afterDeath : {0, 100 * 1000, 499 * 1000})
         expectGoodExit([&] { exitDuringReconnection(afterDeath); });
 }
 
-TEST(TheInstance, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
+TEST(TheInstanceDeathTest, MayBeDestroyedWhileAMessageWaitsAtItsPeer) {
     expectGoodExit(exitDuringAMessage);
 }
 

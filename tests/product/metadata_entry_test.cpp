@@ -2,7 +2,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <sys/mman.h>
 
 #include <string>
 #include <vector>
@@ -114,7 +114,7 @@ TEST_F(AMetadataEntry, LeavesTheGrownBufferBehindWhenTheAddFails) {
 }
 
 TEST_F(AMetadataEntry, FailsWithoutABufferToWriteTo) {
-    constexpr unsigned kBeyondMemory = 0x20000000;  // values of 8 bytes that no buffer can hold
+    constexpr unsigned kBeyondMemory = 0x1ffffff8;  // values of 8 bytes that no buffer can hold
     Capture nowhere, empty, full(makeRoomy()), unappended(makeRoomy());
     nowhere.md.metadata = nullptr;
     EXPECT_FALSE(set(nowhere, ANDROID_SENSOR_TIMESTAMP, {1}));
@@ -177,8 +177,17 @@ TEST_F(AMetadataEntry, WiderThanItsTagIsFilledFromRoomOfItsOwn) {
     EXPECT_EQ(values.back(), 0);
 }
 
-// In a child process, whose every new mapping fails. No LogCapture here: what it logs is read from its error
-// output.
+// Takes all of the address space but pieces that are smaller than 1 MiB.
+void takeAddressSpace() {
+    for (size_t size = SIZE_MAX / 2 + 1; size >= 1 << 20; size /= 2) {
+        while (mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) !=
+               MAP_FAILED) {
+        }
+    }
+}
+
+// In a child process, whose every large allocation fails. No LogCapture here: what it logs is read from its
+// error output.
 TEST(AMetadataHandlerShortOfMemory, GivesUpVendorNamesAndValuesThatDoNotFit) {
     if (!AllocationCounter::available()) GTEST_SKIP() << "no sanitizer lives within a limit of its memory";
     constexpr size_t kMoreThanTheHeapHas = 64 << 20;
@@ -191,8 +200,7 @@ TEST(AMetadataHandlerShortOfMemory, GivesUpVendorNamesAndValuesThatDoNotFit) {
         values.PushBack(0, message.allocator());
     message.root().AddMember("android.control.aeMode", values, message.allocator());
     const auto run = [&] {
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_AS, &none);
+        takeAddressSpace();
         unsigned id = 0;
         handler.findMetadataTagId(name.c_str(), &id);
         Capture result;

@@ -231,7 +231,7 @@ TEST_F(AMetadataHandler, ReportsAndSkipsWhatItCannotImport) {
 // --- Broken contracts ---
 
 // No LogCapture here: the child process must reach the real log.
-TEST(AMetadataHandlerInAnyBuild, EndsTheProcessOnElementsOfTheWrongKind) {
+TEST(AMetadataHandlerDeathTest, EndsTheProcessOnElementsOfTheWrongKind) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const char* text :
          {"[]", R"({"android.control.aeMode":[1.0]})", R"({"android.control.aeMode":["1"]})",
