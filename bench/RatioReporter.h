@@ -41,14 +41,27 @@ class RatioReporter : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context&) override { return true; }
     void ReportRuns(const std::vector<Run>& runs) override;
-    // Prints the table; returns how many ratios lie above their aims.
-    int printRatios() const;
+    // Prints the table, beside the ratios that another build has written to a file; an empty path names none.
+    // Returns how many ratios lie above their aims.
+    int printRatios(const std::string& otherBuild) const;
+    // Writes the ratios to a file for the run of another build. False when that fails.
+    bool writeRatios(const std::string& path) const;
     // Prints a table of the benchmarks that count heap allocations, in the order of their names.
     void printAllocations() const;
     // Prints the tables of figures that were measured, and why a benchmark was skipped.
     void printTables() const;
 
   private:
+    struct Measured {
+        const Aim& aim;
+        double product;
+        double floor;
+        double ratio() const { return product / floor; }
+        // What tells it from the others, in every build.
+        std::string key() const { return aim.subject + "/" + aim.floor + "/" + aim.figure; }
+    };
+
+    std::vector<Measured> measured() const;
     void printRow(const FigureTable& table, const FigureTable::Row& row) const;
 
     // By benchmark name, then by figure: one value a repetition.

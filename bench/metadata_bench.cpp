@@ -19,6 +19,8 @@
 #include "JsonMessage.h"
 #include "RatioReporter.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::hardware::hidl_string;
@@ -293,7 +295,7 @@ void exportProduct(benchmark::State& state, const Tags& filter, const Tags& tags
     Capture capture(makeBuffer(tags, sorted));
     AllocationCounter allocations;
     for (auto _ : state) {
-        JsonMessage message;
+        JSON_UNCLEARED JsonMessage message;
         handler.convertFromMetadata(capture.md, message.root(), message.allocator());
         benchmark::DoNotOptimize(message.root().MemberCount());
     }

@@ -15,6 +15,8 @@
 #include "JsonMessage.h"
 #include "JsonUtils.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::JsonUtils;

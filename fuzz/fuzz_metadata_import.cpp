@@ -13,6 +13,8 @@
 #include "JsonMessage.h"
 #include "MetadataHandler.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using rapidjson::Value;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "DesktopHelperLink.h"
 #include "VelChiDesktopHelper.h"
 
 namespace helper_lifetime {
@@ -39,9 +40,9 @@ Visit::~Visit() {
     gVisitors.fetch_sub(1);
 }
 
-VelChiDesktopHelper* instance() {
-    VelChiDesktopHelper* known = gInstance.load();
+}  // namespace helper_lifetime
+
+VelChiDesktopHelper* desktop_helper_link::instance() {
+    VelChiDesktopHelper* known = helper_lifetime::gInstance.load();
     return known != nullptr ? known : VelChiDesktopHelper::getInstance();
 }
-
-}  // namespace helper_lifetime

@@ -27,8 +27,4 @@ class Visit {
     bool mIsAllowed;
 };
 
-// The instance, also while its constructor still runs, when a peer's command can already arrive and
-// VelChiDesktopHelper::getInstance() would wait for that constructor. Built when it does not exist yet.
-VelChiDesktopHelper* instance();
-
 }  // namespace helper_lifetime

@@ -363,5 +363,6 @@ class VEL_EXPORT VelChiDesktopHelper {
     std::shared_ptr<VelImgSubHelper> mImgSubHelper;
 
   private:
-    std::map<int, std::pair<int, int>> mMaxStreamSizes;  // stream size by frame number modulo 32
+    // Stream size by frame number modulo 32. Nothing in the library fills it: it is there for a later source.
+    std::map<int, std::pair<int, int>> mMaxStreamSizes;
 };

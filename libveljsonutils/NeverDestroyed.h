@@ -1,5 +1,7 @@
 #pragma once
 
+namespace android {
+
 // A global for threads that may outlive the static destructors, as those of a HAL do when its process exits:
 // it exists before any code runs, and nothing ends it. T needs a constexpr constructor without arguments.
 template <typename T>
@@ -17,3 +19,5 @@ class NeverDestroyed {
         T mValue;
     };
 };
+
+}  // namespace android

@@ -8,6 +8,8 @@
 #include "JsonMessage.h"
 #include "JsonUtils.h"
 
+using android::JsonMessage;
+
 namespace vel::sim {
 
 using android::JsonUtils;

@@ -15,6 +15,8 @@
 #include "VelChiDesktopHelper.h"
 #include "VendorTags.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::JsonUtils;

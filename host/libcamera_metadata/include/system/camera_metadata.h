@@ -75,8 +75,9 @@ extern const size_t camera_metadata_type_size[NUM_TYPES];
 extern const char* camera_metadata_type_names[NUM_TYPES];
 
 // A new empty buffer with room for the given number of entries and bytes of data, either may be zero; null
-// when there is no memory for it or its size does not fit in 32 bits. The caller frees it with
-// free_camera_metadata.
+// when there is no memory for it. The caller frees it with free_camera_metadata. A size that does not fit in
+// 32 bits is refused where size_t has more; where it has 32 bits the size wraps, as on the device, and the
+// block is smaller than it says.
 camera_metadata_t* allocate_camera_metadata(size_t entry_capacity, size_t data_capacity);
 // A new buffer with the entries of the given one and exactly the room that they need; null for null.
 camera_metadata_t* clone_camera_metadata(const camera_metadata_t* src);
@@ -121,9 +122,9 @@ int update_camera_metadata_entry(camera_metadata_t* dst, size_t index, const voi
 // Sorts the entries by tag; find is quicker in a sorted buffer, until an entry is added.
 int sort_camera_metadata(camera_metadata_t* dst);
 
-// The section and name of a tag, null when it is unknown; and its type, -1 when it is unknown. What a vendor
-// tag is called and holds is asked of the operations given to set_camera_metadata_vendor_ops, and passed on
-// unchanged.
+// The section and name of a tag, null when it is unknown; and its type, -1 when it is unknown. The section is
+// that of any tag in a known one. What a vendor tag is called and holds is asked of the operations given to
+// set_camera_metadata_vendor_ops, and passed on unchanged.
 const char* get_camera_metadata_section_name(uint32_t tag);
 const char* get_camera_metadata_tag_name(uint32_t tag);
 int get_camera_metadata_tag_type(uint32_t tag);

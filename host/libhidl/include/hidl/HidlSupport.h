@@ -149,15 +149,18 @@ struct hidl_vec {
         std::copy(first, last, begin());
     }
     hidl_vec(const hidl_vec& other) : hidl_vec(other.begin(), other.end()) {}
-    hidl_vec(hidl_vec&& other) noexcept { swap(other); }
+    hidl_vec(hidl_vec&& other) noexcept { *this = std::move(other); }
     ~hidl_vec() = default;
 
     hidl_vec& operator=(const hidl_vec& other) {
-        if (this != &other) hidl_vec(other).swap(*this);
+        if (this != &other) *this = hidl_vec(other);
         return *this;
     }
+    /// `other` keeps its size and points at elements that are no longer its own: not to be used again.
     hidl_vec& operator=(hidl_vec&& other) noexcept {
-        hidl_vec(std::move(other)).swap(*this);
+        mOwned = std::move(other.mOwned);
+        mBuffer = other.mBuffer;
+        mSize = other.mSize;
         return *this;
     }
 
@@ -173,11 +176,12 @@ struct hidl_vec {
     const_iterator begin() const { return mBuffer; }
     const_iterator end() const { return mBuffer + mSize; }
 
-    /// Keeps the elements that fit; new ones are value-initialised. Pointers to elements become invalid.
+    /// Keeps the elements that fit, by moving them; new ones are value-initialised. Pointers to elements
+    /// become invalid.
     void resize(size_t size) {
         details::checkLength(size);
         std::unique_ptr<T[]> grown = size ? std::make_unique<T[]>(size) : nullptr;
-        std::copy(mBuffer, mBuffer + std::min<size_t>(size, mSize), grown.get());
+        std::move(mBuffer, mBuffer + std::min<size_t>(size, mSize), grown.get());
         mOwned = std::move(grown);
         mBuffer = mOwned.get();
         mSize = static_cast<uint32_t>(size);
@@ -192,12 +196,6 @@ struct hidl_vec {
     }
 
   private:
-    void swap(hidl_vec& other) noexcept {
-        std::swap(mOwned, other.mOwned);
-        std::swap(mBuffer, other.mBuffer);
-        std::swap(mSize, other.mSize);
-    }
-
     std::unique_ptr<T[]> mOwned;
     T* mBuffer = nullptr;
     uint32_t mSize = 0;
