@@ -12,8 +12,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include "DesktopBusNames.h"
 #include "FieldList.h"
@@ -65,13 +65,12 @@ void printStamped(const std::string& line) {
 void printLine(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    std::vector<char> text(static_cast<size_t>(std::vsnprintf(nullptr, 0, format, arguments)) + 1);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
-    std::vsnprintf(text.data(), text.size(), format, again);
-    va_end(again);
-    printStamped(printable(std::string(text.data())));
+    if (length < 0) return;
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+    printStamped(printable(text));
 }
 
 bool answerHelp(const std::string& line, const char* commands) {
