@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <gui/BufferQueue.h>
 #include <gui/IProducerListener.h>
 #include <system/window.h>
 #include <ui/AllocationFault.h>
@@ -9,6 +7,7 @@
 #include <future>
 #include <thread>
 
+#include "ConsumerQueue.h"
 #include "SignalFence.h"
 #include "WaitUntil.h"
 
@@ -34,9 +33,9 @@ class ABufferQueue : public testing::Test {
     ABufferQueue() { make(); }
 
     void make() {
-        sp<IGraphicBufferConsumer> end;
-        BufferQueue::createBufferQueue(&producer, &end);
-        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 1);
+        ConsumerQueue made;
+        producer = made.producer;
+        consumer = made.consumer;
     }
     status_t connect() { return producer->connect(nullptr, kCamera, false, &output); }
     // Connects as the camera library does; seven slots, then.

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <gui/BufferQueue.h>
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <system/window.h>
 #include <unistd.h>
 
+#include "ConsumerQueue.h"
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
 
@@ -29,10 +27,7 @@ BGraphicBufferProducer::QueueBufferInput frame(const sp<Fence>& fence = Fence::N
 class AnAdaptedQueue : public testing::Test {
   protected:
     AnAdaptedQueue() {
-        sp<IGraphicBufferConsumer> end;
-        BufferQueue::createBufferQueue(&queue, &end);
-        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN);
-        producer = new H2BGraphicBufferProducer(new Wrapper(queue));
+        producer = new H2BGraphicBufferProducer(queue.surface);
         EXPECT_EQ(NO_ERROR, producer->connect(nullptr, kCamera, false, &output));
     }
 
@@ -41,8 +36,7 @@ class AnAdaptedQueue : public testing::Test {
                                        GRALLOC_USAGE_SW_WRITE_OFTEN, nullptr, nullptr);
     }
 
-    sp<IGraphicBufferProducer> queue;
-    sp<BufferItemConsumer> consumer;
+    const ConsumerQueue queue;
     sp<IGraphicBufferProducer> producer;
     IGraphicBufferProducer::QueueBufferOutput output;
     sp<Fence> fence;
@@ -57,7 +51,7 @@ TEST_F(AnAdaptedQueue, GivesNewObjectsOfTheSameMemoryAndNeverNoFence) {
     EXPECT_FALSE(fence->isValid());
 
     sp<GraphicBuffer> original;
-    ASSERT_EQ(NO_ERROR, queue->requestBuffer(slot, &original));
+    ASSERT_EQ(NO_ERROR, queue.producer->requestBuffer(slot, &original));
     ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
     EXPECT_NE(original, buffer);
     EXPECT_EQ(original->getUsage(), buffer->getUsage());
@@ -72,7 +66,7 @@ TEST_F(AnAdaptedQueue, GivesNewObjectsOfTheSameMemoryAndNeverNoFence) {
     EXPECT_EQ(BAD_VALUE, producer->requestBuffer(5, &buffer));
     ASSERT_NE(nullptr, buffer);
     EXPECT_EQ(0u, buffer->getWidth());
-    consumer->abandon();
+    queue.consumer->abandon();
     fence.clear();
     slot = 8;
     EXPECT_EQ(NO_INIT, dequeue());
@@ -94,7 +88,7 @@ TEST_F(AnAdaptedQueue, PassesFramesAndFencesOnAsTheyWereGiven) {
     EXPECT_EQ(1u, output.numPendingBuffers);
 
     BufferItem item;
-    ASSERT_EQ(NO_ERROR, consumer->acquireBuffer(&item, 0, false));
+    ASSERT_EQ(NO_ERROR, queue.consumer->acquireBuffer(&item, 0, false));
     EXPECT_EQ(-77, item.mTimestamp);
     EXPECT_TRUE(item.mIsAutoTimestamp);
     EXPECT_EQ(HAL_DATASPACE_STANDARD_BT601_625, item.mDataSpace);
@@ -106,7 +100,7 @@ TEST_F(AnAdaptedQueue, PassesFramesAndFencesOnAsTheyWereGiven) {
     EXPECT_EQ(NO_ERROR, item.mFence->wait(0));
     EXPECT_EQ(NO_ERROR, fence->wait(0));
     producer.clear();
-    EXPECT_EQ(BAD_VALUE, queue->connect(nullptr, kCamera, false, &output)) << "still connected";
+    EXPECT_EQ(BAD_VALUE, queue.producer->connect(nullptr, kCamera, false, &output)) << "still connected";
 }
 
 TEST(AWrappedProducer, RefusesAHandleThatIsNoFence) {

@@ -17,6 +17,7 @@
 #include "ChildProcess.h"
 #include "DesktopBusNames.h"
 #include "PrivateBus.h"
+#include "Programs.h"
 #include "WaitUntil.h"
 #include "dbus_transport_peer.h"
 
@@ -32,24 +33,13 @@ using vel::desktop_bus::kAddressVariable;
 
 // Another process that runs runDesktopPeer().
 std::unique_ptr<ChildProcess> startPeer(const std::string& busAddress) {
-    ChildProcess::Options options;
-    options.command = {"/proc/self/exe", "--peer"};
-    options.environment = {{kAddressVariable, busAddress}};
-    return std::make_unique<ChildProcess>(std::move(options));
+    return startProgram({"/proc/self/exe", "--peer"}, busAddress);
 }
 
 testing::AssertionResult obeys(ChildProcess& peer, const std::string& line, const std::string& expected) {
     peer.writeLine(line);
     if (peer.waitForLine(expected)) return testing::AssertionSuccess();
     return testing::AssertionFailure() << "\"" << line << "\" did not lead to \"" << expected << "\"";
-}
-
-std::unique_ptr<ChildProcess> startService(const std::string& busAddress) {
-    ChildProcess::Options options;
-    options.command = {DESKTOP_SERVICE, "--trace", "--bus", busAddress};
-    auto service = std::make_unique<ChildProcess>(std::move(options));
-    EXPECT_TRUE(service->waitForLine("ready"));
-    return service;
 }
 
 sp<ICameraDesktop> lookUp() {
@@ -345,10 +335,7 @@ TEST_F(ADesktopService, MayDieAgainAndAgainUnderLoad) {
 }
 
 TEST_F(ADesktopService, LeavesTheBusToTheFirstOfTwo) {
-    ChildProcess::Options options;
-    options.command = {DESKTOP_SERVICE, "--bus", sBus->address()};
-    ChildProcess second(std::move(options));
-    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(startProgram({"desktop_service"}, sBus->address())->wait(), 1);
     EXPECT_TRUE(mService->ping().isOk());
 }
 

@@ -3,28 +3,24 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <hardware/gralloc.h>
 #include <hidl_host/LocalServices.h>
 #include <unistd.h>
 
 #include <memory>
 
+#include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
 #include "FrameProcessor.h"
-#include "FrameQueues.h"
 #include "FrameSensor.h"
 #include "FrameStream.h"
+#include "ReplacementQueue.h"
 #include "ServiceClient.h"
 #include "TemporaryFolder.h"
 #include "TestPicture.h"
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
-
-// Last: a platform header that brings many names.
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace {
 
@@ -98,12 +94,7 @@ class AFrameStream : public ASensor {
             R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
         ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
         replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
-        sp<android::IGraphicBufferProducer> end;
-        sp<android::IGraphicBufferConsumer> consumerEnd;
-        android::BufferQueue::createBufferQueue(&end, &consumerEnd);
-        consumer = new android::BufferItemConsumer(consumerEnd, GRALLOC_USAGE_SW_READ_OFTEN, 1);
-        service->offerSurface(ClientType::CLIENT_IMG_SUB,
-                              new android::TWGraphicBufferProducer<HidlProducer>(end));
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
     }
     // Replaces the frame, whose picture is the one of that number.
     void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
@@ -117,7 +108,7 @@ class AFrameStream : public ASensor {
     }
 
     std::unique_ptr<ReplacementQueue> replacements;
-    sp<android::BufferItemConsumer> consumer;
+    const ConsumerQueue frames;
 };
 
 TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
