@@ -106,7 +106,7 @@ class FramesBetweenProcesses : public testing::Test {
 // The camera server ends its frames well only when each replacement's picture is the one that its header
 // tells and lies in the memory that the application wrote to.
 TEST_F(FramesBetweenProcesses, OfFourStreamsAreReplacedByTheirOwn) {
-    startFrames("322x242", "streams=4 fps=30 count=60", "effect=blur");
+    startFrames("321x243", "streams=4 fps=30 count=60", "effect=blur");
     for (int stream = 0; stream < 4; ++stream) {
         const StreamRow counts = row(stream);
         EXPECT_GE(counts.inTime, 1u) << "stream " << stream;
@@ -231,7 +231,9 @@ TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
     const std::string output = folder.path("replaced.y4m");
     const std::string empty = folder.write("empty", "");
     const std::string noVideo = folder.write("no video", "text");
-    for (const std::string& input : {folder.path("absent"), empty, noVideo}) {
+    const std::string frame = "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
+    const std::string cut = folder.write("cut", "YUV4MPEG2 W64 H48 F25:1\n" + frame + frame.substr(0, 999));
+    for (const std::string& input : {folder.path("absent"), empty, noVideo, cut}) {
         EXPECT_EQ(startProgram({"desktop_run", "--input", input, "--output", output})->wait(kLimit), 1);
         EXPECT_FALSE(std::filesystem::exists(output)) << input;
     }

@@ -1,10 +1,8 @@
-// The simulator's sensor and its application, joined by the library in one process.
+// A stream of the simulator's sensor, with the library in the same process.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
-#include <unistd.h>
 
 #include <memory>
 
@@ -12,82 +10,30 @@
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
-#include "FrameProcessor.h"
-#include "FrameSensor.h"
 #include "FrameStream.h"
 #include "ReplacementQueue.h"
-#include "ServiceClient.h"
-#include "TemporaryFolder.h"
 #include "TestPicture.h"
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using namespace vel::sim;
 using android::GraphicBuffer;
 using android::sp;
-using android::base::unique_fd;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using ClientType = ServiceClient::ClientType;
-
-class ASensor : public testing::Test {
-  protected:
-    ASensor() : service(FakeDesktopService::start()), helper(DesktopHelperTestAccess::create()) {}
-    ~ASensor() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-
-    // Plays frames to their end with the simulator's application; what both printed.
-    std::string play(const std::string& sensorLine, const std::string& appLine, int videoFd = -1) {
-        service->setReply(ClientType::CLIENT_CAMERA_HAL, [this](ClientType, const std::string& text) {
-            return helper->handleCommand(text);
-        });
-        ServiceClient client(
-            ClientType::CLIENT_APP, [](const std::string&) { return "OK_APP"; }, nullptr);
-        EXPECT_TRUE(client.waitUntilConnected(30s));
-        testing::internal::CaptureStdout();
-        {
-            FrameProcessor app(client);
-            FrameSensor sensor(helper.get());
-            sensor.setStream(videoFd);
-            EXPECT_TRUE(sensor.execute(sensorLine));
-            EXPECT_TRUE(app.execute(appLine));
-            sensor.waitUntilOver();
-        }
-        return testing::internal::GetCapturedStdout();
-    }
-
-    sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> helper;
-};
-
-// The sensor checks the counter of each replacement's picture, and the memory that it comes in.
-TEST_F(ASensor, CarriesAnOddSize) {
-    EXPECT_THAT(play("frames 0 size=97x33 count=10", "frames size=97x33 effect=mirror"),
-                HasSubstr("frames ended: well"));
-}
-
-TEST_F(ASensor, LeavesNoOutputOfABrokenInput) {
-    const TemporaryFolder folder;
-    const std::string whole = "FRAME\n" + std::string(frameBytes({96, 64}), 'x');
-    const std::string clip =
-        folder.write("clip", "YUV4MPEG2 W96 H64 F25:1\n" + whole + whole + whole.substr(0, 5000));
-    const unique_fd clipFd(open(clip.c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string file = folder.path("replaced.y4m");
-    EXPECT_THAT(play("frames 0 input=- output=" + file, "frames size=96x64", clipFd),
-                HasSubstr("frames ended: standard input: ends inside frame 2"));
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
-}
+using ClientType = FakeDesktopService::ClientType;
 
 // An application of the test's own, which sends what it likes.
-class AFrameStream : public ASensor {
+class AFrameStream : public testing::Test {
   protected:
     static constexpr FrameSize kSize{96, 64};
 
+    ~AFrameStream() override {
+        helper.reset();
+        vel::host::clearLocalServices();
+    }
     void SetUp() override {
         const std::string reply = helper->handleCommand(
             R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
@@ -107,6 +53,8 @@ class AFrameStream : public ASensor {
         EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
     }
 
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
     std::unique_ptr<ReplacementQueue> replacements;
     const ConsumerQueue frames;
 };
