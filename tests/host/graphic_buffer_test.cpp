@@ -15,25 +15,6 @@ sp<GraphicBuffer> makeBlob(uint32_t bytes) {
     return make(bytes, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE);
 }
 
-TEST(AGraphicBuffer, HasTheMemoryOfItsFormat) {
-    struct {
-        uint32_t width, height;
-        PixelFormat format;
-        size_t byteCount;
-    } const rows[] = {{3110496, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE, 3110496},
-                      {640, 480, HAL_PIXEL_FORMAT_RGBA_8888, 640 * 480 * 4},
-                      {3, 3, HAL_PIXEL_FORMAT_YCRCB_420_SP, 9 + 2 * 4}};
-    for (const auto& row : rows) {
-        const sp<GraphicBuffer> buffer = make(row.width, row.height, row.format);
-        ASSERT_EQ(NO_ERROR, buffer->initCheck());
-        EXPECT_EQ(row.byteCount, buffer->getByteCount());
-        EXPECT_EQ(row.width, buffer->getStride());
-        void* memory = nullptr;
-        ASSERT_EQ(NO_ERROR, buffer->lock(kUsage, &memory));
-        static_cast<uint8_t*>(memory)[row.byteCount - 1] = 2;  // the last byte is mapped too
-    }
-}
-
 TEST(AGraphicBuffer, WithoutMemoryIsZeroSizedAndSaysWhy) {
     const auto check = [](const sp<GraphicBuffer>& buffer, status_t expected) {
         void* address = nullptr;
