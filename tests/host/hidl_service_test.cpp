@@ -3,46 +3,19 @@
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
 
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "FakeDesktopService.h"
 
 namespace {
 
 using android::sp;
-using android::wp;
 using android::hardware::hidl_string;
 using android::hardware::Return;
-using android::hidl::base::V1_0::IBase;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 using Operation = FakeDesktopService::Operation;
-
-// Notes the cookies in order, and whether every notice named `proxy` on a thread other than the test's.
-class Recipient : public android::hardware::hidl_death_recipient {
-  public:
-    explicit Recipient(const IBase* proxy) : mProxy(proxy) {}
-
-    void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
-        std::lock_guard guard(mLock);
-        mCookies.push_back(cookie);
-        EXPECT_EQ(who.promote().get(), mProxy);
-        EXPECT_NE(std::this_thread::get_id(), mThread);
-    }
-    std::vector<uint64_t> cookies() const {
-        std::lock_guard guard(mLock);
-        return mCookies;
-    }
-
-  private:
-    const IBase* const mProxy;
-    const std::thread::id mThread = std::this_thread::get_id();
-    mutable std::mutex mLock;
-    std::vector<uint64_t> mCookies;
-};
 
 // How a command went: its reply, or the kind of failure.
 std::string send(const sp<ICameraDesktop>& service) {
@@ -66,18 +39,6 @@ class ALocalService : public testing::Test {
     const sp<FakeDesktopService> service = FakeDesktopService::start();
     const sp<ICameraDesktop> proxy = ICameraDesktop::tryGetService("default", false);
 };
-
-TEST_F(ALocalService, TellsItsDeathToEachRegistrationThatIsStillWanted) {
-    const sp<Recipient> recipient = new Recipient(proxy.get());
-    for (const uint64_t cookie : {1, 2, 3})
-        EXPECT_TRUE(proxy->linkToDeath(recipient, cookie).withDefault(false));
-    EXPECT_TRUE(proxy->linkToDeath(new Recipient(nullptr), 4).withDefault(false)) << "does not hold it";
-    EXPECT_FALSE(ICameraDesktop::tryGetService()->unlinkToDeath(recipient).withDefault(true));
-    EXPECT_TRUE(proxy->unlinkToDeath(recipient).withDefault(false)) << "the newest of this recipient";
-    EXPECT_EQ(recipient->getStrongCount(), 1);
-    kill();
-    EXPECT_EQ(recipient->cookies(), (std::vector<uint64_t>{1, 2}));
-}
 
 TEST_F(ALocalService, FailsEveryCallOfAnOldProxyOnceDead) {
     kill();
