@@ -168,26 +168,6 @@ TEST_F(AnImageReader, GivesTheOnePlaneOfOneRowFrames) {
     EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, plane()) << "two rows";
 }
 
-TEST_F(AnImageReaderDeathTest, LeavesItsImagesForDeletionOnlyWhenDeleted) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    make(2);
-    frame(5);
-    ASSERT_EQ(AMEDIA_OK, next());
-    ASSERT_EQ(5, firstByte());
-    AHardwareBuffer* borrowed = nullptr;
-    ASSERT_EQ(AMEDIA_OK, AImage_getHardwareBuffer(image, &borrowed));
-    const sp<GraphicBuffer> held = GraphicBuffer::fromAHardwareBuffer(borrowed);
-    AImageReader_delete(reader);
-    reader = nullptr;
-
-    EXPECT_EQ(NO_INIT, dequeue()) << "the queue is abandoned";
-    EXPECT_EQ(AMEDIA_ERROR_INVALID_OBJECT, AImage_getHardwareBuffer(image, &borrowed));
-    void* pixels = nullptr;
-    ASSERT_EQ(NO_ERROR, held->lock(GRALLOC_USAGE_SW_READ_OFTEN, &pixels));
-    EXPECT_EQ(5, *static_cast<uint8_t*>(pixels)) << "a held buffer stays readable";
-    EXPECT_DEATH(plane(), "");
-}
-
 TEST_F(AnImageReader, MayGoWhileItsImagesAreDeleted) {
     for (int round = 0; round < 50; round++) {
         make(4);
