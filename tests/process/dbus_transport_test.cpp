@@ -4,8 +4,6 @@
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -91,12 +89,10 @@ std::string answer(const std::string& command) {
 // A process of its own at the other end. It obeys the lines of its input and says what came of them:
 //
 //   find               "found" or "null"
-//   first              whether the service that was found first answers: "first lives" or "first dead"
 //   register           registers a callback for the application; "registered"
 //   link               "linked"; when the service dies later, "died"
 //   send <text>        sends to the application from a thread of its own: "sending", then "sent ok",
 //                      "sent dead" or "sent failed"
-//   bus <address>      the bus of later look-ups; "bus set"
 //   exit               leaves main() at once
 //
 // The callback answers a command with the command itself, save "hang", which it says and never answers.
@@ -110,18 +106,12 @@ class Peer {
         if (verb == "register") registerCallback();
         if (verb == "link") say(mService->linkToDeath(mRecipient, 0) ? "linked" : "not linked");
         if (verb == "send") sendFromThread(rest);
-        if (verb == "first") say(mFirstService->ping().isOk() ? "first lives" : "first dead");
-        if (verb == "bus") {
-            setenv(kAddressVariable, rest.c_str(), 1);
-            say("bus set");
-        }
         return verb != "exit";
     }
 
   private:
     void find() {
         mService = ICameraDesktop::tryGetService("default", false);
-        if (mFirstService == nullptr) mFirstService = mService;
         say(mService != nullptr ? "found" : "null");
     }
 
@@ -139,7 +129,6 @@ class Peer {
     }
 
     sp<ICameraDesktop> mService;
-    sp<ICameraDesktop> mFirstService;
     const sp<ICameraDesktopCallback> mCallback = new FunctionCallback(answer);
     const sp<SayingRecipient> mRecipient = new SayingRecipient;
 };
@@ -429,44 +418,19 @@ TEST_F(ADesktopService, ProcessMayExitWithCallsInFlightBothWays) {
     EXPECT_TRUE(mService->ping().isOk());
 }
 
-TEST(ADesktopBus, ThatNeverAnswersHoldsUpNeitherLookUpNorExit) {
-    const std::string name = "vel-silent-bus-" + std::to_string(getpid());
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path + 1, sizeof(address.sun_path) - 2);  // abstract: nothing to remove
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-    const auto peer = startPeer("unix:abstract=" + name);
-    EXPECT_TRUE(obeys(*peer, "find", "null"));
-    peer->writeLine("exit");
-    EXPECT_EQ(peer->wait(), 0);
-    close(listener);
-}
-
-TEST(ADesktopBus, ThatDiesFailsCallsTellsDeathsAndMayBeReplaced) {
-    auto bus = std::make_unique<PrivateBus>();
-    auto service = startService(bus->address());
-    const auto peer = startPeer(bus->address());
+TEST(ADesktopBus, ThatDiesFailsCallsAndTellsDeaths) {
+    PrivateBus bus;
+    const auto service = startService(bus.address());
+    const auto peer = startPeer(bus.address());
     ASSERT_TRUE(obeys(*peer, "find", "found"));
     ASSERT_TRUE(obeys(*peer, "register", "registered"));
     ASSERT_TRUE(obeys(*peer, "link", "linked"));
     ASSERT_TRUE(obeys(*peer, "send hang", "hanging"));
-    bus->kill();
+    bus.kill();
     EXPECT_NE(service->wait(), 0) << "the service says that it cannot go on";
     EXPECT_TRUE(peer->waitForLine("sent dead"));
     EXPECT_TRUE(peer->waitForLine("died"));
-    EXPECT_TRUE(obeys(*peer, "first", "first dead"));
     EXPECT_TRUE(obeys(*peer, "find", "null"));
-
-    bus = std::make_unique<PrivateBus>();
-    service = startService(bus->address());
-    ASSERT_TRUE(obeys(*peer, "bus " + bus->address(), "bus set"));
-    ASSERT_TRUE(obeys(*peer, "find", "found"));
-    EXPECT_TRUE(obeys(*peer, "first", "first dead")) << "the new service has the unique name of the old one";
-    ASSERT_TRUE(obeys(*peer, "register", "registered"));
-    EXPECT_TRUE(obeys(*peer, "send {}", "sent ok"));
 }
 
 }  // namespace
