@@ -1,14 +1,12 @@
 // Runs a fuzz target over the files named on the command line: the corpus as a test, or a crash found
 // elsewhere.
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+#include "FuzzTarget.h"
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {

@@ -73,17 +73,15 @@ class VendorTags {
     VendorTags(const VendorTags&) = delete;
     VendorTags& operator=(const VendorTags&) = delete;
 
-    // As a HAL's resolver of vendor tag names would.
-    bool find(const std::string& section, const std::string& name, unsigned& id) const {
-        const auto tag =
-            std::find_if(mTags.begin(), mTags.end(), [&](const Tag& t) { return t.name == name; });
-        if (section != mSection || tag == mTags.end()) return false;
-        id = static_cast<unsigned>(VENDOR_SECTION_START + (tag - mTags.begin()));
-        return true;
-    }
+    // As a HAL's resolver of vendor tag names.
     std::function<bool(const char* section, const char* name, unsigned& id)> resolver() const {
-        return
-            [this](const char* section, const char* name, unsigned& id) { return find(section, name, id); };
+        return [this](const std::string& section, const std::string& name, unsigned& id) {
+            const auto tag =
+                std::find_if(mTags.begin(), mTags.end(), [&](const Tag& t) { return t.name == name; });
+            if (section != mSection || tag == mTags.end()) return false;
+            id = static_cast<unsigned>(VENDOR_SECTION_START + (tag - mTags.begin()));
+            return true;
+        };
     }
 
   private:

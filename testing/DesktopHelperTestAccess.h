@@ -16,7 +16,6 @@ struct DesktopHelperTestAccess {
     static VelChiDesktopHelper::DesktopSettings& settings(VelChiDesktopHelper& helper, uint32_t fwkId) {
         return helper.mDesktopSettings[fwkId];
     }
-    static std::mutex& settingsLock(VelChiDesktopHelper& helper) { return helper.mSettingsLock; }
     static std::mutex& serviceLock(VelChiDesktopHelper& helper) { return helper.mServiceLock; }
     static bool isConnected(VelChiDesktopHelper& helper) { return helper.serviceProxy() != nullptr; }
     static auto& maxStreamSizes(VelChiDesktopHelper& helper) { return helper.mMaxStreamSizes; }

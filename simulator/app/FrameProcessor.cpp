@@ -59,8 +59,8 @@ bool FrameProcessor::start(const std::string& line) {
     mSubstitution = std::move(substitution);
     mPreview = new Preview(configuration);
     mPreview->queue().consumer->setFrameAvailableListener(mPreview);
-    if (!service->setSurface(ClientType::CLIENT_APP, mPreview->queue().producer).isOk() ||
-        !service->setSurface(ClientType::CLIENT_IMG_SUB, mSubstitution->queue().producer).isOk()) {
+    if (!service->setSurface(ClientType::CLIENT_APP, mPreview->queue().surface).isOk() ||
+        !service->setSurface(ClientType::CLIENT_IMG_SUB, mSubstitution->queue().surface).isOk()) {
         throw std::invalid_argument("the desktop service went away");
     }
     printLine("frames of %dx%d configured, effect %s", configuration.size.width, configuration.size.height,

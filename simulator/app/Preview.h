@@ -3,8 +3,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ConsumerQueue.h"
 #include "FrameConfiguration.h"
-#include "FrameQueues.h"
+#include "FrameView.h"
 
 namespace vel::sim {
 
@@ -17,7 +18,7 @@ class Preview : public android::ConsumerBase::FrameAvailableListener {
     explicit Preview(const FrameConfiguration& configuration) : mConfiguration(configuration) {}
 
     /** Whose listener this object is to become. */
-    const OwnQueue& queue() const { return mQueue; }
+    const ConsumerQueue& queue() const { return mQueue; }
 
     void onFrameAvailable(const android::BufferItem&) override;
 
@@ -30,7 +31,7 @@ class Preview : public android::ConsumerBase::FrameAvailableListener {
     void look(const ConstFrameView& frame);
 
     const FrameConfiguration mConfiguration;
-    const OwnQueue mQueue;
+    const ConsumerQueue mQueue;
     uint32_t mLast = 0;  // of the delivering thread; one frame is delivered at a time
     std::atomic<uint64_t> mFrames{0};
     std::atomic<uint64_t> mOutOfOrder{0};

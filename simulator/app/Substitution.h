@@ -5,9 +5,10 @@
 #include <string>
 #include <thread>
 
+#include "ConsumerQueue.h"
 #include "Effects.h"
 #include "FrameConfiguration.h"
-#include "FrameQueues.h"
+#include "ReplacementQueue.h"
 
 namespace vel::sim {
 
@@ -21,7 +22,7 @@ class Substitution {
     Substitution(const Substitution&) = delete;
     Substitution& operator=(const Substitution&) = delete;
 
-    const OwnQueue& queue() const { return mQueue; }
+    const ConsumerQueue& queue() const { return mQueue; }
     /** Whether the HAL's reader took the connection. Before the first frame only. */
     android::status_t status() const { return mReplacements.status(); }
     /** So far. Any thread. */
@@ -40,7 +41,7 @@ class Substitution {
     const FrameConfiguration mConfiguration;
     EffectFilter mFilter;
     ReplacementQueue mReplacements;
-    const OwnQueue mQueue;
+    const ConsumerQueue mQueue;
     const android::sp<Waker> mWaker;
     std::atomic<uint64_t> mReplaced{0};
     std::atomic<uint64_t> mLost{0};

@@ -24,19 +24,15 @@ AImageReader* makeReader(int32_t maxImages) {
     return reader;
 }
 
-sp<Producer> producerOf(AImageReader* reader) {
-    ANativeWindow* window = nullptr;
-    EXPECT_EQ(AMEDIA_OK, AImageReader_getWindow(reader, &window));
-    const sp<Surface> surface = static_cast<Surface*>(window);
-    return surface->getIGraphicBufferProducer();
-}
-
 // A reader and, on the application's side, a producer of one-row frames.
 class AnImageReader : public testing::Test {
   protected:
     void make(int32_t maxImages) {
         reader = makeReader(maxImages);
-        producer = producerOf(reader);
+        ANativeWindow* window = nullptr;
+        ASSERT_EQ(AMEDIA_OK, AImageReader_getWindow(reader, &window));
+        const sp<Surface> surface = static_cast<Surface*>(window);
+        producer = surface->getIGraphicBufferProducer();
         EXPECT_EQ(NO_ERROR, producer->connect(nullptr, NATIVE_WINDOW_API_CPU, false, &output));
         EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(6));
     }
@@ -89,26 +85,10 @@ class AnImageReader : public testing::Test {
 };
 using AnImageReaderDeathTest = AnImageReader;
 
-TEST(ImageReaderCreation, RefusesWhatTheQueueCannotServe) {
-    struct {
-        int32_t width, height, format, maxImages;
-    } const rows[] = {{0, 1, kRawPrivate, 2},  {1, 0, kRawPrivate, 2}, {1, 1, kRawPrivate, 0},
-                      {1, 1, kRawPrivate, 65}, {1, 1, 12345, 2},       {1, 1, AIMAGE_FORMAT_PRIVATE, 2}};
-    AImageReader* reader = nullptr;
-    for (const auto& row : rows) {
-        EXPECT_EQ(AMEDIA_ERROR_INVALID_PARAMETER,
-                  AImageReader_new(row.width, row.height, row.format, row.maxImages, &reader));
-        EXPECT_EQ(nullptr, reader) << "nothing is written on failure";
-    }
-}
-
 TEST_F(AnImageReaderDeathTest, EndsTheProcessWhenTheQueueCannotLendSoManyImages) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(makeReader(63), "");
-    AImageReader_delete(makeReader(62));
-    reader = makeReader(59);
-    EXPECT_EQ(BAD_VALUE, producerOf(reader)->setMaxDequeuedBufferCount(6));
-    EXPECT_EQ(NO_ERROR, producerOf(reader)->setMaxDequeuedBufferCount(5));
+    reader = makeReader(62);
 }
 
 TEST_F(AnImageReader, GivesTheOldestFrameUntilAllImagesAreOut) {
@@ -149,7 +129,7 @@ TEST_F(AnImageReader, SkipsToTheLatestFrameWithTwoFreePlacesOnly) {
 
 TEST_F(AnImageReader, GivesARefusedFormatBackAndLosesAPlaceToACropOffTheOrigin) {
     make(2);
-    for (int i = 0; i < 10; i++) {
+    for (int i = 0; i < 3; i++) {
         ASSERT_EQ(NO_ERROR, dequeue(64, 1, HAL_PIXEL_FORMAT_RGBA_8888));
         ASSERT_EQ(NO_ERROR, queue());
         EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, next());
@@ -186,26 +166,6 @@ TEST_F(AnImageReader, GivesTheOnePlaneOfOneRowFrames) {
     ASSERT_EQ(NO_ERROR, queue());
     ASSERT_EQ(AMEDIA_OK, next());
     EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, plane()) << "two rows";
-}
-
-TEST_F(AnImageReaderDeathTest, LeavesItsImagesForDeletionOnlyWhenDeleted) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    make(2);
-    frame(5);
-    ASSERT_EQ(AMEDIA_OK, next());
-    ASSERT_EQ(5, firstByte());
-    AHardwareBuffer* borrowed = nullptr;
-    ASSERT_EQ(AMEDIA_OK, AImage_getHardwareBuffer(image, &borrowed));
-    const sp<GraphicBuffer> held = GraphicBuffer::fromAHardwareBuffer(borrowed);
-    AImageReader_delete(reader);
-    reader = nullptr;
-
-    EXPECT_EQ(NO_INIT, dequeue()) << "the queue is abandoned";
-    EXPECT_EQ(AMEDIA_ERROR_INVALID_OBJECT, AImage_getHardwareBuffer(image, &borrowed));
-    void* pixels = nullptr;
-    ASSERT_EQ(NO_ERROR, held->lock(GRALLOC_USAGE_SW_READ_OFTEN, &pixels));
-    EXPECT_EQ(5, *static_cast<uint8_t*>(pixels)) << "a held buffer stays readable";
-    EXPECT_DEATH(plane(), "");
 }
 
 TEST_F(AnImageReader, MayGoWhileItsImagesAreDeleted) {

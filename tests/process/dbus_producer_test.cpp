@@ -1,9 +1,6 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <gui/BufferQueue.h>
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 #include <hidl/HidlTransportSupport.h>
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 #include <signal.h>
@@ -20,8 +17,10 @@
 #include <sstream>
 
 #include "ChildProcess.h"
+#include "ConsumerQueue.h"
 #include "DesktopBusNames.h"
 #include "PrivateBus.h"
+#include "Programs.h"
 #include "SignalFence.h"
 #include "WaitUntil.h"
 
@@ -42,18 +41,6 @@ constexpr uint32_t kFinalWord = kBytes / 4 - 1;
 
 using Producer = IGraphicBufferProducer;
 using LocalProducer = TWGraphicBufferProducer<HGraphicBufferProducer>;
-
-struct Queue {
-    Queue() {
-        sp<IGraphicBufferConsumer> end;
-        BufferQueue::createBufferQueue(&producer, &end);
-        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 1);
-        surface = new LocalProducer(producer);
-    }
-    sp<Producer> producer;
-    sp<BufferItemConsumer> consumer;
-    sp<HGraphicBufferProducer> surface;
-};
 
 // Tells memory apart over all processes.
 ino_t inodeOf(const sp<GraphicBuffer>& buffer) {
@@ -139,7 +126,7 @@ class Peer {
 
   private:
     void own() {
-        mQueue = std::make_unique<Queue>();
+        mQueue = std::make_unique<ConsumerQueue>();
         (void)mService->setSurface(kType, mQueue->surface).isOk();
     }
 
@@ -162,7 +149,7 @@ class Peer {
     }
 
     const sp<ICameraDesktop> mService = ICameraDesktop::tryGetService("default", false);
-    std::unique_ptr<Queue> mQueue;
+    std::unique_ptr<ConsumerQueue> mQueue;
     std::deque<BufferItem> mHeld;
     sp<Producer> mProducer;
     std::ostringstream mAnswer;
@@ -172,18 +159,11 @@ class ARemoteProducer : public testing::Test {
   protected:
     void SetUp() override {
         setenv(vel::desktop_bus::kAddressVariable, mBus.address().c_str(), 1);
-        mServiceProcess = start({DESKTOP_SERVICE, "--trace", "--bus", mBus.address()});
-        ASSERT_TRUE(mServiceProcess->waitForLine("ready"));
+        mServiceProcess = startService(mBus.address());
         // The connection to the bus of the test before ends in its own time.
         ASSERT_TRUE(waitUntil(
             [this] { return (mService = ICameraDesktop::tryGetService("default", false)) != nullptr; }));
-        mPeer = start({"/proc/self/exe", "--peer"});
-    }
-
-    std::unique_ptr<ChildProcess> start(std::vector<std::string> command) {
-        ChildProcess::Options options;
-        options.command = std::move(command);
-        return std::make_unique<ChildProcess>(std::move(options));
+        mPeer = startProgram({"/proc/self/exe", "--peer"});
     }
 
     // What came of it at the peer.
@@ -327,11 +307,11 @@ struct CountingProducer : LocalProducer {
 };
 
 TEST_F(ARemoteProducer, ThatDiesFreesWhatItHeld) {
-    const Queue local;
+    const ConsumerQueue local;
     for (const bool waiting : {false, true}) {
         const sp<CountingProducer> surface = new CountingProducer(local.producer);
         ASSERT_TRUE(mService->setSurface(kType, surface).isOk());
-        mPeer = start({"/proc/self/exe", "--peer"});
+        mPeer = startProgram({"/proc/self/exe", "--peer"});
         mPeer->writeLine(waiting ? "take 3" : "take 2");  // of the two slots that there are
         ASSERT_TRUE(waitUntil([&] { return surface->begun == (waiting ? 3 : 2); }));
         if (!waiting) {
@@ -348,12 +328,12 @@ TEST_F(ARemoteProducer, ThatDiesFreesWhatItHeld) {
         local.producer->setDequeueTimeout(-1);
         EXPECT_EQ(local.producer->disconnect(kApi), OK);
     }
-    mPeer = start({"/proc/self/exe", "--peer"});
+    mPeer = startProgram({"/proc/self/exe", "--peer"});
     EXPECT_EQ(tell("take 1"), "0 1") << "another process may follow";
 }
 
 TEST_F(ARemoteProducer, KeepsItsIdentity) {
-    Queue local;
+    ConsumerQueue local;
     const wp<HGraphicBufferProducer> weak = local.surface;
     for (int round = 0; round < 3; ++round) {
         ASSERT_TRUE(mService->setSurface(kType, local.surface).isOk());
@@ -369,7 +349,7 @@ TEST_F(ARemoteProducer, KeepsItsIdentity) {
     mPeer->kill(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return weak.promote() == nullptr; }));
 
-    mPeer = start({"/proc/self/exe", "--peer"});
+    mPeer = startProgram({"/proc/self/exe", "--peer"});
     tell("own");
     const sp<HGraphicBufferProducer> one = mService->getSurface(kType).withDefault(nullptr);
     const sp<HGraphicBufferProducer> other = mService->getSurface(kType).withDefault(nullptr);

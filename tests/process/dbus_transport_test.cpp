@@ -1,14 +1,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
+#include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
+#include <iostream>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -17,39 +19,128 @@
 #include "ChildProcess.h"
 #include "DesktopBusNames.h"
 #include "PrivateBus.h"
+#include "Programs.h"
 #include "WaitUntil.h"
-#include "dbus_transport_peer.h"
 
 using android::sp;
 using android::wp;
 using vel::sim::ChildProcess;
 using vel::sim::PrivateBus;
 using IBase = android::hidl::base::V1_0::IBase;
+using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
+using korvanta::hardware::camera::desktop::V2_0::ClientType;
+using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 
 namespace {
 
 using vel::desktop_bus::kAddressVariable;
 
-// Another process that runs runDesktopPeer().
+struct Outcome {
+    bool isOk = false;
+    bool isDead = false;
+    std::optional<std::string> reply;  // empty: the reply function was not called
+};
+
+std::string bytesOf(const android::hardware::hidl_string& text) {
+    return {text.c_str(), text.size()};
+}
+
+Outcome send(const sp<ICameraDesktop>& service, ClientType type, const std::string& command) {
+    Outcome outcome;
+    const auto status = service->sendCommand(
+        type, command, [&](const android::hardware::hidl_string& reply) { outcome.reply = bytesOf(reply); });
+    outcome.isDead = status.isDeadObject();
+    outcome.isOk = status.isOk();
+    return outcome;
+}
+
+// A callback that answers each command with what the function makes of it.
+class FunctionCallback : public ICameraDesktopCallback {
+  public:
+    using Answer = std::function<std::string(const std::string& command)>;
+    explicit FunctionCallback(Answer answer) : mAnswer(std::move(answer)) {}
+
+    android::hardware::Return<void> onCommand(const android::hardware::hidl_string& command,
+                                              onCommand_cb _hidl_cb) override {
+        _hidl_cb(mAnswer(bytesOf(command)));
+        return android::hardware::Void();
+    }
+
+  private:
+    const Answer mAnswer;
+};
+
+void say(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+struct SayingRecipient : public android::hardware::hidl_death_recipient {
+    void serviceDied(uint64_t, const wp<IBase>&) override { say("died"); }
+};
+
+std::string answer(const std::string& command) {
+    if (command != "hang") return command;
+    say("hanging");
+    for (;;)
+        pause();
+}
+
+// A process of its own at the other end. It obeys the lines of its input and says what came of them:
+//
+//   find               "found" or "null"
+//   register           registers a callback for the application; "registered"
+//   link               "linked"; when the service dies later, "died"
+//   send <text>        sends to the application from a thread of its own: "sending", then "sent ok",
+//                      "sent dead" or "sent failed"
+//   exit               leaves main() at once
+//
+// The callback answers a command with the command itself, save "hang", which it says and never answers.
+class Peer {
+  public:
+    // False when the process is to end.
+    bool obey(const std::string& line) {
+        const std::string verb = line.substr(0, line.find(' '));
+        const std::string rest = verb.size() < line.size() ? line.substr(verb.size() + 1) : "";
+        if (verb == "find") find();
+        if (verb == "register") registerCallback();
+        if (verb == "link") say(mService->linkToDeath(mRecipient, 0) ? "linked" : "not linked");
+        if (verb == "send") sendFromThread(rest);
+        return verb != "exit";
+    }
+
+  private:
+    void find() {
+        mService = ICameraDesktop::tryGetService("default", false);
+        say(mService != nullptr ? "found" : "null");
+    }
+
+    void registerCallback() {
+        const bool done = mService->registerCallback(ClientType::CLIENT_APP, mCallback).isOk();
+        say(done ? "registered" : "not registered");
+    }
+
+    void sendFromThread(const std::string& text) {
+        std::thread([service = mService, text] {
+            say("sending");
+            const Outcome outcome = send(service, ClientType::CLIENT_APP, text);
+            say(outcome.isOk ? "sent ok" : outcome.isDead ? "sent dead" : "sent failed");
+        }).detach();
+    }
+
+    sp<ICameraDesktop> mService;
+    const sp<ICameraDesktopCallback> mCallback = new FunctionCallback(answer);
+    const sp<SayingRecipient> mRecipient = new SayingRecipient;
+};
+
 std::unique_ptr<ChildProcess> startPeer(const std::string& busAddress) {
-    ChildProcess::Options options;
-    options.command = {"/proc/self/exe", "--peer"};
-    options.environment = {{kAddressVariable, busAddress}};
-    return std::make_unique<ChildProcess>(std::move(options));
+    return startProgram({"/proc/self/exe", "--peer"}, busAddress);
 }
 
 testing::AssertionResult obeys(ChildProcess& peer, const std::string& line, const std::string& expected) {
     peer.writeLine(line);
     if (peer.waitForLine(expected)) return testing::AssertionSuccess();
     return testing::AssertionFailure() << "\"" << line << "\" did not lead to \"" << expected << "\"";
-}
-
-std::unique_ptr<ChildProcess> startService(const std::string& busAddress) {
-    ChildProcess::Options options;
-    options.command = {DESKTOP_SERVICE, "--trace", "--bus", busAddress};
-    auto service = std::make_unique<ChildProcess>(std::move(options));
-    EXPECT_TRUE(service->waitForLine("ready"));
-    return service;
 }
 
 sp<ICameraDesktop> lookUp() {
@@ -151,27 +242,6 @@ TEST_F(ADesktopService, CarriesTextsUnchangedThereAndBack) {
     EXPECT_EQ(sendToApp("still there").reply, "still there");
 }
 
-TEST_F(ADesktopService, CommandsBackAreServedWhileCallsAreInFlight) {
-    const sp<FunctionCallback> hal =
-        new FunctionCallback([](const std::string& command) { return "reply to " + command; });
-    ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, hal).isOk());
-    const auto app = startApp();
-    std::mutex serviceLock;  // held over one of the calls, as the library holds its own
-    std::atomic<int> right{0};
-    std::vector<std::thread> senders;
-    for (int sender = 0; sender < 6; ++sender) {
-        senders.emplace_back([&, sender] {
-            std::unique_lock<std::mutex> lock(serviceLock, std::defer_lock);
-            if (sender == 0) lock.lock();
-            for (int i = 0; i < 20; ++i)
-                right += sendToApp("ask back").reply == "reply to question";
-        });
-    }
-    for (std::thread& sender : senders)
-        sender.join();
-    EXPECT_EQ(right, 6 * 20);
-}
-
 TEST_F(ADesktopService, PeerKilledDuringACallFailsItAndMayComeBack) {
     auto app = startApp();
     std::thread killer([&] {
@@ -195,7 +265,6 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
     const auto app = startApp();
     std::mutex serviceLock;
     const sp<RecordingRecipient> recipient = new RecordingRecipient(&serviceLock);
-    const sp<ICameraDesktop> unlinked = lookUp();
     ASSERT_TRUE(mService->linkToDeath(recipient, 7));
     std::thread killer([&] {
         EXPECT_TRUE(app->waitForLine("hanging"));
@@ -215,37 +284,29 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
     EXPECT_EQ(notice.cookie, 7u);
     EXPECT_EQ(notice.who.promote(), sp<IBase>(mService));
     EXPECT_NE(notice.thread, std::this_thread::get_id());
+}
 
+TEST_F(ADesktopService, ThatDiedStaysDeadForItsProxiesWhenAnotherTakesItsPlace) {
+    const sp<RecordingRecipient> late = new RecordingRecipient;
     const sp<ICameraDesktop> dead = mService;
+    EXPECT_TRUE(android::hardware::interfacesEqual(lookUp(), dead));
     restartService();
-    EXPECT_TRUE(send(dead, ClientType::CLIENT_APP, "{}").isDead) << "a proxy belongs to one process for good";
+    EXPECT_TRUE(send(dead, ClientType::CLIENT_APP, "{}").isDead);
     EXPECT_FALSE(android::hardware::interfacesEqual(dead, mService));
-    EXPECT_FALSE(dead->linkToDeath(recipient, 8)) << "it has told";
-    EXPECT_TRUE(unlinked->linkToDeath(recipient, 9));
-    EXPECT_TRUE(waitUntil([&] { return recipient->notices().size() == 2; })) << "told at once";
-    EXPECT_FALSE(unlinked->linkToDeath(recipient, 10));
-    EXPECT_TRUE(unlinked->linkToDeath(nullptr, 11)) << "nobody to tell";
-    EXPECT_FALSE(dead->unlinkToDeath(recipient));
-    const auto restartedApp = startApp();
+    EXPECT_TRUE(dead->linkToDeath(late, 9));
+    EXPECT_TRUE(waitUntil([&] { return late->notices().size() == 1; })) << "told at once";
+    EXPECT_FALSE(dead->unlinkToDeath(late));
+    const auto app = startApp();
     EXPECT_EQ(sendToApp("again").reply, "again");
-    EXPECT_EQ(recipient->notices().size(), 2u);
 }
 
 TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {
-    EXPECT_NE(lookUp(), mService);
-    EXPECT_TRUE(android::hardware::interfacesEqual(lookUp(), mService));
     const sp<RecordingRecipient> twice = new RecordingRecipient;
     const sp<RecordingRecipient> withoutProxy = new RecordingRecipient;
-    sp<RecordingRecipient> forgotten = new RecordingRecipient;
-    const wp<RecordingRecipient> weak = forgotten;
     for (const uint64_t cookie : {1, 2, 3})
         ASSERT_TRUE(mService->linkToDeath(twice, cookie));
     EXPECT_TRUE(mService->unlinkToDeath(twice)) << "takes back the newest";
-    ASSERT_TRUE(mService->linkToDeath(forgotten, 4));
-    ASSERT_TRUE(lookUp()->linkToDeath(withoutProxy, 5)) << "the proxy goes at the end of this line";
-    forgotten = nullptr;
-    EXPECT_EQ(weak.promote(), nullptr) << "recipients are held weakly";
-
+    ASSERT_TRUE(lookUp()->linkToDeath(withoutProxy, 4)) << "the proxy goes at the end of this line";
     mProcess->kill(SIGKILL);
     ASSERT_TRUE(waitUntil([&] { return twice->notices().size() >= 2; }));
     EXPECT_EQ(twice->notices()[0].cookie, 1u);
@@ -256,18 +317,13 @@ TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {
 TEST_F(ADesktopService, KeepsACallbackUntilAnotherTakesItsPlaceOrItDies) {
     sp<FunctionCallback> callback = new FunctionCallback([](const std::string&) { return "first"; });
     const wp<FunctionCallback> first = callback;
-    for (const ClientType type : {ClientType::CLIENT_CAMERA_HAL, ClientType::CLIENT_CAMERA_SERVICE})
-        ASSERT_TRUE(mService->registerCallback(type, callback).isOk());
+    ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, callback).isOk());
     callback = new FunctionCallback([](const std::string&) { return "second"; });
     const wp<FunctionCallback> second = callback;
     ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, callback).isOk());
     callback = nullptr;
-    EXPECT_EQ(send(mService, ClientType::CLIENT_CAMERA_HAL, "").reply, "second");
-    EXPECT_EQ(send(mService, ClientType::CLIENT_CAMERA_SERVICE, "").reply, "first");
-    ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_SERVICE, nullptr).isOk());
     EXPECT_TRUE(waitUntil([&] { return first.promote() == nullptr; })) << "nobody holds it any longer";
-    EXPECT_FALSE(send(mService, ClientType::CLIENT_CAMERA_SERVICE, "").isOk);
-    EXPECT_NE(second.promote(), nullptr);
+    EXPECT_EQ(send(mService, ClientType::CLIENT_CAMERA_HAL, "").reply, "second");
     mProcess->kill(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return second.promote() == nullptr; }));
 }
@@ -345,10 +401,7 @@ TEST_F(ADesktopService, MayDieAgainAndAgainUnderLoad) {
 }
 
 TEST_F(ADesktopService, LeavesTheBusToTheFirstOfTwo) {
-    ChildProcess::Options options;
-    options.command = {DESKTOP_SERVICE, "--bus", sBus->address()};
-    ChildProcess second(std::move(options));
-    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(startProgram({"desktop_service"}, sBus->address())->wait(), 1);
     EXPECT_TRUE(mService->ping().isOk());
 }
 
@@ -365,50 +418,30 @@ TEST_F(ADesktopService, ProcessMayExitWithCallsInFlightBothWays) {
     EXPECT_TRUE(mService->ping().isOk());
 }
 
-TEST(ADesktopBus, ThatNeverAnswersHoldsUpNeitherLookUpNorExit) {
-    const std::string name = "vel-silent-bus-" + std::to_string(getpid());
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path + 1, sizeof(address.sun_path) - 2);  // abstract: nothing to remove
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-    const auto peer = startPeer("unix:abstract=" + name);
-    EXPECT_TRUE(obeys(*peer, "find", "null"));
-    peer->writeLine("exit");
-    EXPECT_EQ(peer->wait(), 0);
-    close(listener);
-}
-
-TEST(ADesktopBus, ThatDiesFailsCallsTellsDeathsAndMayBeReplaced) {
-    auto bus = std::make_unique<PrivateBus>();
-    auto service = startService(bus->address());
-    const auto peer = startPeer(bus->address());
+TEST(ADesktopBus, ThatDiesFailsCallsAndTellsDeaths) {
+    PrivateBus bus;
+    const auto service = startService(bus.address());
+    const auto peer = startPeer(bus.address());
     ASSERT_TRUE(obeys(*peer, "find", "found"));
     ASSERT_TRUE(obeys(*peer, "register", "registered"));
     ASSERT_TRUE(obeys(*peer, "link", "linked"));
     ASSERT_TRUE(obeys(*peer, "send hang", "hanging"));
-    bus->kill();
+    bus.kill();
     EXPECT_NE(service->wait(), 0) << "the service says that it cannot go on";
     EXPECT_TRUE(peer->waitForLine("sent dead"));
     EXPECT_TRUE(peer->waitForLine("died"));
-    EXPECT_TRUE(obeys(*peer, "first", "first dead"));
     EXPECT_TRUE(obeys(*peer, "find", "null"));
-
-    bus = std::make_unique<PrivateBus>();
-    service = startService(bus->address());
-    ASSERT_TRUE(obeys(*peer, "bus " + bus->address(), "bus set"));
-    ASSERT_TRUE(obeys(*peer, "find", "found"));
-    EXPECT_TRUE(obeys(*peer, "first", "first dead")) << "the new service has the unique name of the old one";
-    ASSERT_TRUE(obeys(*peer, "register", "registered"));
-    EXPECT_TRUE(obeys(*peer, "send {}", "sent ok"));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::string(argv[1]) == "--peer") return runDesktopPeer();
+    if (argc > 1 && std::string(argv[1]) == "--peer") {
+        static Peer& peer = *new Peer;  // its threads may outlast main()
+        for (std::string line; std::getline(std::cin, line) && peer.obey(line);) {
+        }
+        return EXIT_SUCCESS;
+    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -13,6 +13,7 @@
 #include "ChildProcess.h"
 #include "FrameView.h"
 #include "PrivateBus.h"
+#include "Programs.h"
 #include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
@@ -27,13 +28,6 @@ using vel::sim::PrivateBus;
 
 constexpr auto kLimit = 60s;
 constexpr size_t kCachedSlots = 7;  // of each frame path of the library
-
-std::unique_ptr<ChildProcess> startProgram(const std::string& name, std::vector<std::string> arguments) {
-    ChildProcess::Options options;
-    options.command = {std::string(VEL_PROGRAM_DIR) + "/" + name};
-    options.command.insert(options.command.end(), arguments.begin(), arguments.end());
-    return std::make_unique<ChildProcess>(std::move(options));
-}
 
 std::vector<std::string> descriptorsOf(pid_t pid) {
     std::vector<std::string> targets;
@@ -60,19 +54,14 @@ struct StreamRow {
 class FramesBetweenProcesses : public testing::Test {
   protected:
     void SetUp() override {
-        service = start("desktop_service", {"--trace"});
-        ASSERT_TRUE(service->waitForLine("ready"));
-        camera = start("camera_server", {});
+        service = startService(bus.address());
+        camera = startProgram({"camera_server"}, bus.address());
         ASSERT_TRUE(service->waitForLine("HAL registered"));
         startApp();
     }
 
-    std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> arguments) {
-        arguments.insert(arguments.end(), {"--bus", bus.address()});
-        return startProgram(name, std::move(arguments));
-    }
     void startApp() {
-        app = start("desktop_app", {"-"});
+        app = startProgram({"desktop_app", "-"}, bus.address());
         ASSERT_TRUE(app->waitForLine("registered"));
     }
     void startFrames(const std::string& size, const std::string& sensor, const std::string& application) {
@@ -117,7 +106,7 @@ class FramesBetweenProcesses : public testing::Test {
 // The camera server ends its frames well only when each replacement's picture is the one that its header
 // tells and lies in the memory that the application wrote to.
 TEST_F(FramesBetweenProcesses, OfFourStreamsAreReplacedByTheirOwn) {
-    startFrames("322x242", "streams=4 fps=30 count=60", "effect=blur");
+    startFrames("321x243", "streams=4 fps=30 count=60", "effect=blur");
     for (int stream = 0; stream < 4; ++stream) {
         const StreamRow counts = row(stream);
         EXPECT_GE(counts.inTime, 1u) << "stream " << stream;
@@ -238,7 +227,7 @@ TEST(ARunWithFiles, ReplacesEveryFrameOfAnEncodedClipOnceAndInOrder) {
         "'" +
         clip + "'";
     ASSERT_EQ(std::system(encode.c_str()), 0);
-    const auto run = startProgram("desktop_run", {"--input", clip, "--output", output, "--effect", "none"});
+    const auto run = startProgram({"desktop_run", "--input", clip, "--output", output, "--effect", "none"});
     ASSERT_EQ(run->wait(kLimit), 0);
     const std::vector<std::string> expected = frameSums(folder, clip);
     EXPECT_EQ(expected.size(), 100u);
@@ -250,11 +239,13 @@ TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
     const std::string output = folder.path("replaced.y4m");
     const std::string empty = folder.write("empty", "");
     const std::string noVideo = folder.write("no video", "text");
-    for (const std::string& input : {folder.path("absent"), empty, noVideo}) {
-        EXPECT_EQ(startProgram("desktop_run", {"--input", input, "--output", output})->wait(kLimit), 1);
+    const std::string frame = "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
+    const std::string cut = folder.write("cut", "YUV4MPEG2 W64 H48 F25:1\n" + frame + frame.substr(0, 999));
+    for (const std::string& input : {folder.path("absent"), empty, noVideo, cut}) {
+        EXPECT_EQ(startProgram({"desktop_run", "--input", input, "--output", output})->wait(kLimit), 1);
         EXPECT_FALSE(std::filesystem::exists(output)) << input;
     }
-    const auto run = startProgram("desktop_run", {"--input", "-", "--output", folder.path("no/folder")});
+    const auto run = startProgram({"desktop_run", "--input", "-", "--output", folder.path("no/folder")});
     run->writeLine("YUV4MPEG2 W64 H48 F25:1");
     EXPECT_EQ(run->wait(kLimit), 1);
 }
@@ -268,7 +259,7 @@ TEST(ARunWithFiles, ThatIsInterruptedLeavesNoOutput) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const TemporaryFolder folder;
         const std::string output = folder.path("replaced.y4m");
-        const auto run = startProgram("desktop_run", {"--input", "-", "--output", output});
+        const auto run = startProgram({"desktop_run", "--input", "-", "--output", output});
         ASSERT_TRUE(run->writeLine(frames + "FRAME"));
         ASSERT_TRUE(waitUntil([&] {
             std::error_code ignored;

@@ -11,6 +11,7 @@
 #include "DesktopHelperTestAccess.h"
 #include "DetachedThread.h"
 #include "PrivateBus.h"
+#include "Programs.h"
 #include "ServiceClient.h"
 #include "WaitUntil.h"
 
@@ -25,27 +26,14 @@ using ClientType = ServiceClient::ClientType;
 
 // One bus for the process, which keeps its connection to it; each test starts a service of its own.
 const std::string& busAddress() {
-    static PrivateBus bus;
-    static const bool kSet = setenv(vel::desktop_bus::kAddressVariable, bus.address().c_str(), 1) == 0;
-    return kSet ? bus.address() : bus.address();
-}
-
-std::unique_ptr<ChildProcess> startProgram(const std::string& name, std::vector<std::string> arguments) {
-    ChildProcess::Options options;
-    options.command = {std::string(VEL_PROGRAM_DIR) + "/" + name, "--bus", busAddress()};
-    options.command.insert(options.command.end(), arguments.begin(), arguments.end());
-    return std::make_unique<ChildProcess>(std::move(options));
-}
-
-std::unique_ptr<ChildProcess> startService() {
-    auto service = startProgram("desktop_service", {"--trace"});
-    EXPECT_TRUE(service->waitForLine("ready")) << "the service did not start";
-    return service;
+    static const PrivateBus bus;
+    return bus.address();
 }
 
 class BetweenProcesses : public testing::Test {
   protected:
-    void SetUp() override { service = startService(); }
+    static void SetUpTestSuite() { setenv(vel::desktop_bus::kAddressVariable, busAddress().c_str(), 1); }
+    void SetUp() override { service = startService(busAddress()); }
     // Detached threads of the library use its instance, which here is the test's and not the process's.
     void TearDown() override {
         ASSERT_TRUE(waitUntil([] { return detached_thread::liveCount() == 0; }));
@@ -79,7 +67,7 @@ TEST_F(BetweenProcesses, AServiceKilledDuringACommandIsFoundAgainWhenItIsBack) {
     ASSERT_TRUE(waitUntil([&] { return !Access::isConnected(*helper); }));
 
     std::this_thread::sleep_for(700ms);  // the service's absence, not a wait
-    service = startService();
+    service = startService(busAddress());
     ASSERT_TRUE(service->waitForLine("HAL registered")) << "the callback was not registered again";
     release.set_value();
     ASSERT_TRUE(service->waitForLine("APP registered"));
@@ -94,9 +82,10 @@ TEST_F(BetweenProcesses, AServiceKilledDuringACommandIsFoundAgainWhenItIsBack) {
 // the link is held by that message, and the command needs the registry that the close needs too.
 TEST_F(BetweenProcesses, AnApplicationThatTalksBackWhileACameraClosesNeverHangsTheLibrary) {
     constexpr int kRounds = 1000;
-    auto app = startProgram(
-        "desktop_app", {"--stay", "--quiet", "--talk-back", R"({"get":{"what":"overrideId","originalId":0}})",
-                        "--talk-back", R"({"general":{"originalId":0,"overrideId":3}})"});
+    const auto app = startProgram(
+        {"desktop_app", "--stay", "--quiet", "--talk-back", R"({"get":{"what":"overrideId","originalId":0}})",
+         "--talk-back", R"({"general":{"originalId":0,"overrideId":3}})"},
+        busAddress());
     ASSERT_TRUE(service->waitForLine("APP registered"));
     helper = Access::create();
     ASSERT_TRUE(Access::isConnected(*helper));

@@ -1,15 +1,13 @@
 // The frames for the application. The steps that they share with the substituted images are in
 // producer_slots_test.cpp.
 #include <gmock/gmock.h>
-#include <gui/BufferItemConsumer.h>
 
 #include <thread>
 
+#include "ConsumerQueue.h"
 #include "HelperFixture.h"
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
-
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 using namespace android;
 using Access = DesktopHelperTestAccess;
@@ -160,19 +158,16 @@ TEST_F(AScriptedFramePath, HoldsTheServiceLinkToConnectButNotToDequeue) {
 
 TEST_F(AFramePath, ForgottenBuffersOfARealQueueComeBackThroughOneReconnection) {
     start();
-    sp<IGraphicBufferProducer> queue;
-    sp<IGraphicBufferConsumer> end;
-    BufferQueue::createBufferQueue(&queue, &end);
-    const sp<BufferItemConsumer> consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 2);
-    offer(queue);
+    const ConsumerQueue queue;
+    offer(queue.producer);
     ASSERT_TRUE(connect());
     for (const int64_t timestamp : {1, 2}) {
         ASSERT_NE(helper->getFrameToFill(), nullptr);
         helper->queueFilledFrame(timestamp);
         BufferItem item;
-        ASSERT_EQ(consumer->acquireBuffer(&item, 0), NO_ERROR);
+        ASSERT_EQ(queue.consumer->acquireBuffer(&item, 0), NO_ERROR);
         EXPECT_EQ(item.mTimestamp, timestamp);
-        consumer->releaseBuffer(item);
+        queue.consumer->releaseBuffer(item);
         for (int i = 0; i < 6; i++)
             ASSERT_NE(helper->getFrameToFill(), nullptr);
         EXPECT_EQ(helper->getFrameToFill(), nullptr) << "six are lent";

@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
-#include <gui/BufferItemConsumer.h>
 
 #include <thread>
 
+#include "ConsumerQueue.h"
 #include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
 #include "RepeatedActions.h"
-
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace {
 
@@ -212,13 +210,10 @@ TEST_F(AnImgSubConfiguration, KeepsTheEarlierHelperFromTheNewReader) {
 
 // Both use the application's one queue, and the end of the earlier helper disconnects it.
 TEST_F(AnImgSubConfiguration, LosesOneFrameToTheLateEndOfTheEarlierHelper) {
-    sp<IGraphicBufferProducer> queue;
-    sp<IGraphicBufferConsumer> end;
-    BufferQueue::createBufferQueue(&queue, &end);
-    const sp<BufferItemConsumer> consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 1);
+    const ConsumerQueue queue;
     const auto configure = [&] {
         send(command());
-        service->offerSurface(ClientType::CLIENT_IMG_SUB, new Wrapper(queue));
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, queue.surface);
         return helper->mImgSubHelper;
     };
     auto earlier = configure();
@@ -235,7 +230,7 @@ TEST_F(AnImgSubConfiguration, LosesOneFrameToTheLateEndOfTheEarlierHelper) {
                              "Unable to disconnect imgsub producer, -19"})
         EXPECT_EQ(log.count(line), 1u) << line;
     BufferItem frame;
-    ASSERT_EQ(consumer->acquireBuffer(&frame, 0), NO_ERROR);
+    ASSERT_EQ(queue.consumer->acquireBuffer(&frame, 0), NO_ERROR);
     EXPECT_EQ(frame.mTimestamp, 3) << "neither helper's earlier frame came through";
 }
 

@@ -1,109 +1,46 @@
-// The simulator's sensor and its application, joined by the library in one process.
+// A stream of the simulator's sensor, with the library in the same process.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <gui/BufferItemConsumer.h>
-#include <hardware/gralloc.h>
 #include <hidl_host/LocalServices.h>
-#include <unistd.h>
 
 #include <memory>
 
+#include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
-#include "FrameProcessor.h"
-#include "FrameQueues.h"
-#include "FrameSensor.h"
 #include "FrameStream.h"
-#include "ServiceClient.h"
-#include "TemporaryFolder.h"
+#include "ReplacementQueue.h"
 #include "TestPicture.h"
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
 
-// Last: a platform header that brings many names.
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
-
 namespace {
 
-using namespace std::chrono_literals;
 using namespace vel::sim;
 using android::GraphicBuffer;
 using android::sp;
-using android::base::unique_fd;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using ClientType = ServiceClient::ClientType;
-
-class ASensor : public testing::Test {
-  protected:
-    ASensor() : service(FakeDesktopService::start()), helper(DesktopHelperTestAccess::create()) {}
-    ~ASensor() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-
-    // Plays frames to their end with the simulator's application; what both printed.
-    std::string play(const std::string& sensorLine, const std::string& appLine, int videoFd = -1) {
-        service->setReply(ClientType::CLIENT_CAMERA_HAL, [this](ClientType, const std::string& text) {
-            return helper->handleCommand(text);
-        });
-        ServiceClient client(
-            ClientType::CLIENT_APP, [](const std::string&) { return "OK_APP"; }, nullptr);
-        EXPECT_TRUE(client.waitUntilConnected(30s));
-        testing::internal::CaptureStdout();
-        {
-            FrameProcessor app(client);
-            FrameSensor sensor(helper.get());
-            sensor.setStream(videoFd);
-            EXPECT_TRUE(sensor.execute(sensorLine));
-            EXPECT_TRUE(app.execute(appLine));
-            sensor.waitUntilOver();
-        }
-        return testing::internal::GetCapturedStdout();
-    }
-
-    sp<FakeDesktopService> service;
-    std::unique_ptr<VelChiDesktopHelper> helper;
-};
-
-// The sensor checks the counter of each replacement's picture, and the memory that it comes in.
-TEST_F(ASensor, CarriesAnOddSize) {
-    EXPECT_THAT(play("frames 0 size=97x33 count=10", "frames size=97x33 effect=mirror"),
-                HasSubstr("frames ended: well"));
-}
-
-TEST_F(ASensor, LeavesNoOutputOfABrokenInput) {
-    const TemporaryFolder folder;
-    const std::string whole = "FRAME\n" + std::string(frameBytes({96, 64}), 'x');
-    const std::string clip =
-        folder.write("clip", "YUV4MPEG2 W96 H64 F25:1\n" + whole + whole + whole.substr(0, 5000));
-    const unique_fd clipFd(open(clip.c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string file = folder.path("replaced.y4m");
-    EXPECT_THAT(play("frames 0 input=- output=" + file, "frames size=96x64", clipFd),
-                HasSubstr("frames ended: standard input: ends inside frame 2"));
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
-}
+using ClientType = FakeDesktopService::ClientType;
 
 // An application of the test's own, which sends what it likes.
-class AFrameStream : public ASensor {
+class AFrameStream : public testing::Test {
   protected:
     static constexpr FrameSize kSize{96, 64};
 
+    ~AFrameStream() override {
+        helper.reset();
+        vel::host::clearLocalServices();
+    }
     void SetUp() override {
         const std::string reply = helper->handleCommand(
             R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
             R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
         ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
         replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
-        sp<android::IGraphicBufferProducer> end;
-        sp<android::IGraphicBufferConsumer> consumerEnd;
-        android::BufferQueue::createBufferQueue(&end, &consumerEnd);
-        consumer = new android::BufferItemConsumer(consumerEnd, GRALLOC_USAGE_SW_READ_OFTEN, 1);
-        service->offerSurface(ClientType::CLIENT_IMG_SUB,
-                              new android::TWGraphicBufferProducer<HidlProducer>(end));
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
     }
     // Replaces the frame, whose picture is the one of that number.
     void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
@@ -116,8 +53,10 @@ class AFrameStream : public ASensor {
         EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
     }
 
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
     std::unique_ptr<ReplacementQueue> replacements;
-    sp<android::BufferItemConsumer> consumer;
+    const ConsumerQueue frames;
 };
 
 TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {

@@ -1,7 +1,5 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,19 +69,13 @@ TEST(AY4mReader, ReadsFramesHoweverTheBytesArrive) {
 TEST(AY4mReader, SaysInOneLineWhyAStreamIsRefused) {
     const std::string start = "YUV4MPEG2 ";
     const std::pair<std::string, const char*> rows[] = {
-        {"", "is empty"},
         {"hello, world\n", "is not a YUV4MPEG2 stream"},
-        {std::string(5000, '\xff'), "is not a YUV4MPEG2 stream"},
         {"YUV4", "ends inside the header"},
         {start + "W4 H2 X" + std::string(5000, 'x') + "\n", "endless header"},
         {start + "W4\n", "without width or height"},
-        {start + "Wfour H2\n", "broken header field Wfour"},
-        {start + "W-4 H2\n", "broken header field W-4"},
         {start + "W99999999999 H2\n", "broken header field W99999999999"},
-        {start + "W4 H2 F30\n", "broken header field F30"},
         {start + "W8194 H2\n", "8194x2, only sides of 2 to 8192"},
         {start + "W5 H2\n", "5x2, only even"},
-        {start + "W4 H3\n", "4x3, only even"},
         {start + "W4 H2 C444\n", "chroma '444', only 8-bit 4:2:0"},
     };
     for (const auto& [text, reason] : rows)
@@ -125,27 +117,6 @@ TEST(AY4mWriter, LeavesOutTheLastColumnAndRowOfAnOddSize) {
     EXPECT_THAT(samples, testing::ElementsAre(0, 1, 2, 3, 5, 6, 7, 8, 15, 16, 17, 18));
 }
 
-TEST(AY4mWriter, NamesTheFileThatCannotBeWritten) {
-    EXPECT_EQ(errorOf([] {
-                  Y4mWriter("/dev/full", {4, 2}, {});
-              }),
-              "cannot write /dev/full: No space left on device");
-    EXPECT_EQ(errorOf([] {
-                  Y4mWriter("/nowhere/out.y4m", {4, 2}, {});
-              }),
-              "cannot write /nowhere/out.y4m: No such file or directory");
-    const TemporaryFolder folder;
-    const std::string fifo = folder.path("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    Y4mWriter writer(fifo, {4, 2}, {});
-    close(reader);
-    EXPECT_EQ(errorOf([&] {
-                  writer.writeFrame(Frame({4, 2}).view());
-              }),
-              "cannot write " + fifo + ": Broken pipe");
-}
-
 // Video files, made by ffmpeg itself.
 class AVideoInput : public testing::Test {
   protected:
@@ -155,17 +126,13 @@ class AVideoInput : public testing::Test {
     // Nothing may be left behind, whatever happened.
     void TearDown() override { EXPECT_FALSE(hasChildren()); }
 
-    // Encodes a test source: what follows -i, for example "testsrc2=size=320x240:rate=10:duration=1".
-    std::string encoded(const std::string& name, const std::string& source, const std::string& options = "") {
-        const std::string file = mFolder.path(name);
-        const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i " + source + " " + options +
-                                    " '" + file + "' </dev/null >'" + mFolder.path("ffmpeg.log") + "' 2>&1";
-        EXPECT_EQ(std::system(command.c_str()), 0) << mFolder.read("ffmpeg.log");
+    // A clip of moving pictures, for example of "size=320x240:rate=10:duration=1".
+    std::string clip(const std::string& pictures = "size=320x240:rate=10:duration=2") {
+        const std::string file = mFolder.path("clip.mp4");
+        const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=" + pictures +
+                                    " -c:v libx264 -preset ultrafast -pix_fmt yuv420p '" + file + "'";
+        EXPECT_EQ(std::system(command.c_str()), 0);
         return file;
-    }
-    std::string clip(const std::string& name = "clip.mp4") {
-        return encoded(name, "testsrc2=size=320x240:rate=10:duration=2",
-                       "-c:v libx264 -preset ultrafast -pix_fmt yuv420p");
     }
     static int countFrames(VideoInput& input) {
         Frame frame(input.size());
@@ -173,9 +140,6 @@ class AVideoInput : public testing::Test {
         while (input.readFrame(frame.view()))
             ++count;
         return count;
-    }
-    static std::string openError(const std::string& file) {
-        return errorOf([&] { VideoInput input(file); });
     }
     // What is said about frames of a program that stands in for ffmpeg: it sends a header, then does what the
     // script says. $$ is its process.
@@ -207,65 +171,11 @@ TEST_F(AVideoInput, DecodesAClipWhateverItsName) {
     std::filesystem::current_path(here);
 }
 
-TEST_F(AVideoInput, SaysInOneLineWhyAFileCannotBeRead) {
-    const std::string whole = clip();
-    const std::string bytes = mFolder.read("clip.mp4");
-    const std::string odd =
-        encoded("odd.mkv", "testsrc=size=321x241:rate=5:duration=1", "-c:v ffv1 -pix_fmt yuv420p");
-    const std::string sound = encoded("sound.wav", "sine=duration=0.2");
-    const std::pair<std::string, const char*> rows[] = {
-        {mFolder.path("none.mp4"), "No such file or directory"},
-        {mFolder.path(""), "is a directory"},
-        {mFolder.write("empty.mp4", ""), "is empty"},
-        {mFolder.write("notes.txt", "These are notes.\nThey are no film.\n"), "Invalid data found"},
-        {mFolder.write("cut.mp4", bytes.substr(0, bytes.size() / 2)), "moov atom not found"},
-        {sound, "holds no picture"},
-        {odd, "321x241, only even"},
-    };
-    for (const auto& [file, reason] : rows) {
-        EXPECT_THAT(openError(file), AllOf(StartsWith(file + ": "), HasSubstr(reason), Not(HasSubstr("\n")),
-                                           Not(HasSubstr("/dev/stdin"))));
-        EXPECT_FALSE(hasChildren()) << file;
-    }
-}
-
-// The decoder would take it for a whole one of fewer frames.
-TEST_F(AVideoInput, FailsWhereAYuv4MpegFileWasCut) {
-    VideoInput input(mFolder.write("cut.y4m", "YUV4MPEG2 W2 H2 F5:1\nFRAME\n123456FRAME\n123"));
-    EXPECT_THAT(errorOf([&] { countFrames(input); }), HasSubstr("ends inside frame 1"));
-}
-
-TEST_F(AVideoInput, DecodesAYuv4MpegFileOfOtherChroma) {
-    VideoInput input(encoded("full.y4m", "testsrc2=size=64x48:rate=5:duration=1", "-pix_fmt yuv444p"));
-    EXPECT_EQ(countFrames(input), 5);
-}
-
-TEST_F(AVideoInput, PlaysADamagedClipAndSaysThatItIs) {
-    clip("whole.ts");
-    std::string bytes = mFolder.read("whole.ts");
-    for (size_t at = bytes.size() / 3; at < bytes.size() * 2 / 3; at += 97)
-        bytes[at] = static_cast<char>(~bytes[at]);
-    VideoInput input(mFolder.write("damaged.ts", bytes));
-    EXPECT_GT(countFrames(input), 0);
-    EXPECT_THAT(input.complaint(), AllOf(Not(""), Not(HasSubstr("\n"))));
-    EXPECT_LE(input.complaint().size(), 600u);
-}
-
 TEST_F(AVideoInput, LeavesNoDecoderBehindWhenItGoesEarly) {
-    VideoInput input(encoded("long.mp4", "testsrc2=size=640x480:rate=30:duration=10",
-                             "-c:v libx264 -preset ultrafast -pix_fmt yuv420p"));
+    VideoInput input(clip("size=640x480:rate=30:duration=10"));
     Frame frame(input.size());
     EXPECT_TRUE(input.readFrame(frame.view()));
     EXPECT_TRUE(hasChildren()) << "ffmpeg still has most of it to deliver";
-}
-
-TEST_F(AVideoInput, SaysThatFfmpegIsMissing) {
-    const std::string file = clip();
-    const std::string path = getenv("PATH");
-    setenv("PATH", "/nowhere", 1);
-    const std::string error = openError(file);
-    setenv("PATH", path.c_str(), 1);
-    EXPECT_EQ(error, file + ": needs the program ffmpeg, which is not installed");
 }
 
 TEST_F(AVideoInput, TellsHowItsDecoderEndedAndIsNeverBlockedByItsComplaints) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <android/hardware/graphics/bufferqueue/1.0/IGraphicBufferProducer.h>
-#include <gui/BufferItemConsumer.h>
 #include <gui/IGraphicBufferProducer.h>
 
 #include <array>
@@ -10,14 +9,6 @@
 namespace vel::sim {
 
 using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
-
-/** A queue of the application's own, for frames of the HAL. */
-struct OwnQueue {
-    OwnQueue();
-
-    android::sp<android::BufferItemConsumer> consumer;  // the application's end
-    android::sp<HidlProducer> producer;                 // goes to the HAL
-};
 
 /**
  * The way of replacements into the camera HAL's image reader. Used by one thread at a time; each call goes to

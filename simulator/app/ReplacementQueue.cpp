@@ -1,12 +1,11 @@
-#include "FrameQueues.h"
+#include "ReplacementQueue.h"
 
 #include <hardware/gralloc.h>
 #include <media/NdkImageReader.h>
 #include <system/window.h>
 
-// Last: platform headers that bring many names.
+// Last: a platform header that brings many names.
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace vel::sim {
 
@@ -17,19 +16,9 @@ using android::sp;
 using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 
 namespace {
-// One frame at a time, so that the queue needs no more than the seven slots that its producer can cache.
-constexpr int kMaxAcquired = 1;
 constexpr int kMaxDequeuedBuffers = 6;
 constexpr nsecs_t kDequeueLimitNs = 250'000'000;
 }  // namespace
-
-OwnQueue::OwnQueue() {
-    sp<IGraphicBufferProducer> end;
-    sp<android::IGraphicBufferConsumer> consumerEnd;
-    android::BufferQueue::createBufferQueue(&end, &consumerEnd);
-    consumer = new android::BufferItemConsumer(consumerEnd, GRALLOC_USAGE_SW_READ_OFTEN, kMaxAcquired);
-    producer = new android::TWGraphicBufferProducer<HidlProducer>(end);
-}
 
 ReplacementQueue::ReplacementQueue(const sp<HidlProducer>& reader)
     : mProducer(new H2BGraphicBufferProducer(reader)) {
