@@ -46,3 +46,12 @@ function(vel_add_test name)
   endif()
   set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
 endfunction()
+
+# vel_test_needs(<test> [target ...])
+# For a test that is no program of its own: a target of the test's name, as every test has, that builds what it needs.
+function(vel_test_needs test)
+  add_custom_target(${test})
+  if(ARGN)
+    add_dependencies(${test} ${ARGN})
+  endif()
+endfunction()
