@@ -9,6 +9,7 @@
 #include <hardware/gralloc.h>
 #include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
+#include <system/window.h>
 #include <ui/Fence.h>
 
 #include <chrono>

@@ -1,5 +1,6 @@
 #include "ProducerSlots.h"
 
+#include <gui/IProducerListener.h>
 #include <system/graphics.h>
 #include <system/window.h>
 #include <ui/Fence.h>

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <gui/BufferItemConsumer.h>
 #include <gui/BufferQueue.h>
+#include <gui/IProducerListener.h>
+#include <system/window.h>
 #include <ui/AllocationFault.h>
 
 #include <functional>
@@ -97,7 +99,9 @@ TEST_F(ABufferQueue, ReconnectTakesSlotsBackAndKeepsLimitsAndQueuedFrames) {
     queueOne(11);
     const uint64_t oldId = buffer->getId();
     const int lent = dequeueReady();
-    ASSERT_EQ(NO_ERROR, producer->disconnect(kCamera));
+    EXPECT_EQ(NO_ERROR, producer->disconnect(-1)) << "whichever is connected";
+    EXPECT_EQ(NO_ERROR, producer->disconnect(-1)) << "none";
+    EXPECT_EQ(NO_INIT, producer->disconnect(kCamera));
     ASSERT_EQ(NO_ERROR, connect());
     EXPECT_EQ(BAD_VALUE, queue(lent)) << "the slot is no longer lent";
 
@@ -134,6 +138,27 @@ TEST_F(ABufferQueue, LendsReleasedBuffersAgainWithTheirFencesInOrderOfRelease) {
     EXPECT_EQ(kNeedsReallocation, dequeue()) << "slots without a buffer come last";
 }
 
+TEST_F(ABufferQueue, LendsABufferOnceItsFrameIsWrittenAndReadAlike) {
+    connectWithSix();
+    SignalFence written, read;
+    ASSERT_EQ(NO_ERROR, queue(dequeueReady(), frame(0, written.fence())));
+    BufferItem item;
+    ASSERT_EQ(NO_ERROR, consumer->acquireBuffer(&item, 0, false));
+    ASSERT_EQ(NO_ERROR, consumer->releaseBuffer(item, read.fence()));
+    ASSERT_EQ(NO_ERROR, dequeue());
+    read.signal();
+    EXPECT_EQ(-ETIME, fence->wait(0));
+    written.signal();
+    EXPECT_EQ(NO_ERROR, fence->wait(Fence::TIMEOUT_NEVER));
+
+    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+    ASSERT_EQ(NO_ERROR, queue(slot, frame(0, written.fence())));
+    ASSERT_EQ(NO_ERROR, consumer->releaseBuffer(acquire()));
+    ASSERT_EQ(NO_ERROR, dequeue());
+    EXPECT_TRUE(fence->isValid()) << "the frame's own, which a consumer that waits has seen signal";
+    EXPECT_EQ(NO_ERROR, fence->wait(0));
+}
+
 TEST_F(ABufferQueue, FailedDequeueTakesNoSlot) {
     connectWithSix();
     EXPECT_EQ(BAD_VALUE, dequeue(0, kHeight));
@@ -142,7 +167,6 @@ TEST_F(ABufferQueue, FailedDequeueTakesNoSlot) {
         AllocationFault fault(NO_MEMORY);
         EXPECT_EQ(NO_MEMORY, dequeue());
     }
-    EXPECT_EQ(-1, slot) << "an error leaves the slot untouched";
     EXPECT_EQ(kNeedsReallocation, dequeue());
     EXPECT_EQ(0, slot) << "the failed allocation gave its slot back";
 }
@@ -162,6 +186,9 @@ TEST_F(ABufferQueue, BlockedDequeueGoesOnWithAReleaseARaisedLimitAndTheConsumers
         held = acquire();
         std::future<status_t> waiting = std::async(std::launch::async, [this] { return dequeue(); });
         EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly));
+        EXPECT_EQ(NO_ERROR, consumer->setMaxAcquiredBufferCount(2));
+        EXPECT_EQ(NO_ERROR, producer->setDequeueTimeout(-1));
+        EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly)) << "neither of these wakes it";
         event();
         EXPECT_EQ(status, waiting.get());
     }

@@ -1,5 +1,4 @@
 // The platform library's rules, as the device's library keeps them.
-#include <camera_metadata_hidden.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <system/graphics.h>  // the distribution's own system/ directory must stay reachable beside ours

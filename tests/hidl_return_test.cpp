@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <hidl/Status.h>
 #include <unistd.h>
+#include <utils/RefBase.h>
 
 #include <optional>
 #include <utility>

@@ -134,6 +134,16 @@ TEST_F(ALocalService, FailsEveryCallOfAnOldProxyOnceDead) {
     EXPECT_EQ(send(ICameraDesktop::tryGetService(), "x"), "second");
 }
 
+TEST_F(ALocalService, TellsItsDeathAtOnceToARecipientThatComesLate) {
+    const sp<Recipient> recipient = new Recipient(proxy.get());
+    kill();
+    EXPECT_TRUE(link(recipient, 1));
+    vel::host::awaitDeathNotices();
+    EXPECT_EQ(recipient->cookies(), std::vector<uint64_t>{1});
+    EXPECT_FALSE(link(recipient, 2)) << "the proxy has told";
+    EXPECT_TRUE(link(nullptr, 3)) << "nobody to tell";
+}
+
 TEST_F(ALocalService, DoesNotDeliverTheReplyOfACallThatItDidNotSurvive) {
     service->block(Operation::SEND_COMMAND);
     std::string answer;

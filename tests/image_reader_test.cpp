@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <gui/IProducerListener.h>
 #include <gui/Surface.h>
 #include <media/NdkImageReader.h>
 

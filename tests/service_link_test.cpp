@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <thread>
 
 #include "HelperFixture.h"
 #include "RepeatedActions.h"
@@ -86,6 +87,19 @@ TEST_F(ALink, IsMadeAgainAfterADeathHalfASecondLaterAtTheEarliest) {
                                       HasSubstr("D Got service for camera desktop ")));
     kill();
     EXPECT_FALSE(isConnected()) << "the death of the new service is noticed too";
+}
+
+TEST_F(ALink, IsMadeAgainWhenTheServiceDiesBetweenTheLookUpAndTheDeathWatch) {
+    constexpr char kRegisterCallback[] = "registerCallback";
+    const android::sp<FakeDesktopService> first = FakeDesktopService::start();
+    first->block(kRegisterCallback);
+    std::thread connecting([this] { remake(); });
+    EXPECT_TRUE(first->awaitBlocked(kRegisterCallback));
+    kill();
+    service = FakeDesktopService::start();
+    first->unblock(kRegisterCallback);
+    connecting.join();
+    EXPECT_TRUE(waitUntil([&] { return !service->calls(kRegisterCallback).empty(); }));
 }
 
 TEST_F(ALink, IsTriedThreeTimesAfterADeathAndThenLeftToTheNextUse) {

@@ -8,7 +8,7 @@ using android::sp;
 
 bool DeathLinks::add(const sp<Recipient>& recipient, uint64_t cookie) {
     std::lock_guard<std::mutex> lock(mLock);
-    if (mDead) return false;
+    if (mTold) return false;
     mLinks.push_back({recipient, recipient.get(), cookie});
     return true;
 }
@@ -26,7 +26,8 @@ void DeathLinks::notify(const sp<IBase>& proxy) {
     std::vector<Link> links;
     {
         std::lock_guard<std::mutex> lock(mLock);
-        mDead = true;
+        if (mLinks.empty()) return;
+        mTold = true;
         links.swap(mLinks);
     }
     for (const Link& link : links) {

@@ -21,10 +21,10 @@ class DeathLinks {
     using IBase = android::hidl::base::V1_0::IBase;
     using Recipient = android::hardware::hidl_death_recipient;
 
-    // Adds a registration; a recipient may have several. False when the proxy's peer is dead already. The
-    // recipient is held weakly.
+    // Adds a registration; a recipient may have several. False once the death has been told. The recipient is
+    // held weakly.
     bool add(const android::sp<Recipient>& recipient, uint64_t cookie);
-    // Takes the recipient's newest registration back. False when there is none, or the peer is dead.
+    // Takes the recipient's newest registration back. False when there is none, or it has been told.
     bool remove(const android::sp<Recipient>& recipient);
     // Tells every registered recipient that is still there, on the calling thread; at most once.
     void notify(const android::sp<IBase>& proxy);
@@ -37,7 +37,7 @@ class DeathLinks {
     };
 
     std::mutex mLock;  // guards both
-    bool mDead = false;
+    bool mTold = false;
     std::vector<Link> mLinks;
 };
 

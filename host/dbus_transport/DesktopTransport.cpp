@@ -110,11 +110,13 @@ void DesktopTransport::giveBack(const RemoteObject& object) {
     });
 }
 
-bool DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watcher) {
-    mDeathWatch.add(peer.session, peer.object.busName, std::move(watcher));
-    // The peer may have died before; then no notice comes any more.
+void DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watcher) {
+    const std::string& busName = peer.object.busName;
+    mDeathWatch.add(peer.session, busName, std::move(watcher));
+    // The peer may have died before; then the bus tells nothing any more.
     std::string owner;
-    return getNameOwner(peer.session, peer.object.busName, &owner).kind == CallStatus::OK;
+    if (getNameOwner(peer.session, busName, &owner).kind == CallStatus::DEAD)
+        notifyLater(mDeathWatch.take(peer.session, busName));
 }
 
 void DesktopTransport::onPeerDied(SessionId session, const std::string& busName) {

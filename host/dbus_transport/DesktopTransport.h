@@ -49,8 +49,9 @@ class DesktopTransport final : private BusListener {
         return mExporter.find(session, kind, path);
     }
 
-    // Has the links notified of the peer's death on a worker. False when the peer is dead already.
-    bool watch(const RemoteObject& peer, DeathWatch::Watcher watcher);
+    // Has the links notified of the peer's death on a worker, at once when it is dead already. Blocks until
+    // the bus has answered.
+    void watch(const RemoteObject& peer, DeathWatch::Watcher watcher);
 
   private:
     DesktopTransport() = default;

@@ -1,6 +1,7 @@
 #include "ProducerStub.h"
 
 #include <android/log.h>
+#include <hidl_host/CallingProcess.h>
 
 #include <type_traits>
 #include <utility>
@@ -176,6 +177,7 @@ void ProducerStub::carryOut(const Call& call, const Work& work, BusSession::Tick
     if (!isCallerAlive(call)) {
         error = bus::kErrorUnknownObject;  // its slots may be another's by now
     } else {
+        const CallingProcess caller(std::to_string(call.session) + " " + call.busName);
         const Return outcome = work(call, reply);
         if (outcome.isDeadObject() && call.producer->isRemote()) {
             error = bus::kErrorUnknownObject;

@@ -41,10 +41,10 @@ android::hardware::Return<void> ProxyLink::ping() const {
 }
 
 bool ProxyLink::linkToDeath(const sp<Recipient>& recipient, uint64_t cookie) const {
-    if (recipient == nullptr || !mLinks->add(recipient, cookie)) return false;
-    if (mTransport.watch(mTarget, {mProxy, mLinks})) return true;
-    // Dead before it was watched; unless the notice has just gone out, nobody will tell the recipient.
-    return !mLinks->remove(recipient);
+    if (recipient == nullptr) return true;
+    if (!mLinks->add(recipient, cookie)) return false;
+    mTransport.watch(mTarget, {mProxy, mLinks});
+    return true;
 }
 
 }  // namespace vel::host

@@ -4,6 +4,19 @@
 
 namespace android {
 
+namespace {
+
+// What the slot's next user waits for: the frame's own fence and its consumer's. As on a device two fences
+// that have both signalled are merged too, and give one that is valid when either was.
+sp<Fence> mergedFence(const BufferItem& item, const sp<Fence>& releaseFence) {
+    const Fence::Status own = item.mFence->getStatus();
+    if (own == releaseFence->getStatus())
+        return Fence::merge("BufferItemConsumer", item.mFence, releaseFence);
+    return own == Fence::Status::Unsignaled ? item.mFence : releaseFence;
+}
+
+}  // namespace
+
 BufferItemConsumer::BufferItemConsumer(const sp<IGraphicBufferConsumer>& consumer, uint64_t consumerUsage,
                                        int bufferCount, bool controlledByApp)
     : ConsumerBase(consumer, controlledByApp) {
@@ -25,8 +38,9 @@ status_t BufferItemConsumer::acquireBuffer(BufferItem* item, nsecs_t presentWhen
 }
 
 status_t BufferItemConsumer::releaseBuffer(const BufferItem& item, const sp<Fence>& releaseFence) {
+    if (releaseFence == nullptr) return BAD_VALUE;
     std::lock_guard<std::mutex> lock(mMutex);
-    return releaseBufferLocked(item, releaseFence);
+    return releaseBufferLocked(item, mergedFence(item, releaseFence));
 }
 
 }  // namespace android

@@ -92,7 +92,6 @@ status_t BufferQueueConsumer::setMaxAcquiredBufferCount(int maxAcquiredBuffers) 
             return BAD_VALUE;
         if (!mCore->adjustAvailableSlotsLocked(delta)) return BAD_VALUE;
         mCore->maxAcquired = maxAcquiredBuffers;
-        mCore->dequeueCondition.notify_all();
         if (delta < 0) listener = mCore->consumerListener;
     }
     if (listener != nullptr) listener->onBuffersReleased();

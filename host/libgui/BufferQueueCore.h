@@ -15,6 +15,7 @@
 #include <list>
 #include <mutex>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "BufferSlot.h"
@@ -53,7 +54,9 @@ struct BufferQueueCore : public RefBase {
     const uint64_t uniqueId;
 
     mutable std::mutex mutex;
-    std::condition_variable dequeueCondition;  // a slot, a limit or the queue's life has changed
+    // A slot, the maximum of dequeued buffers, the mode or the queue's life has changed. As on a device
+    // neither a raised maximum of acquired buffers nor a timeout ends a wait.
+    std::condition_variable dequeueCondition;
 
     std::array<BufferSlot, kSlotCount> slots;
     std::set<int> freeSlots;
@@ -72,6 +75,7 @@ struct BufferQueueCore : public RefBase {
     android_dataspace defaultDataSpace = HAL_DATASPACE_UNKNOWN;
 
     int connectedApi = kNoApi;
+    std::string connectedProcess;            // as vel::host::callingProcess() names it
     sp<IProducerListener> producerListener;  // set only when it wants to hear of releases
     bool hasQueued = false;                  // since the last connect
     bool asyncMode = false;

@@ -1,5 +1,7 @@
 #include "BufferQueueProducer.h"
 
+#include <hidl_host/CallingProcess.h>
+
 #include <algorithm>
 #include <chrono>
 #include <tuple>
@@ -10,6 +12,7 @@ namespace android {
 namespace {
 
 constexpr uint32_t kLayerCount = 1;
+constexpr int kConnectedApi = -1;  // to disconnect: whichever is connected
 
 bool isKnownApi(int api) {
     return api >= NATIVE_WINDOW_API_EGL && api <= NATIVE_WINDOW_API_CAMERA;
@@ -45,7 +48,6 @@ void BufferQueueProducer::fillOutputLocked(QueueBufferOutput* output) const {
     output->numPendingBuffers = static_cast<uint32_t>(mCore->queue.size());
     output->nextFrameNumber = mCore->frameCounter + 1;
     output->bufferReplaced = false;
-    output->maxBufferCount = mCore->maxBufferCount;
 }
 
 status_t BufferQueueProducer::requestBuffer(int slot, sp<GraphicBuffer>* buf) {
@@ -105,7 +107,6 @@ status_t BufferQueueProducer::setDequeueTimeout(nsecs_t timeout) {
     mCore->dequeueTimeout = timeout;
     mCore->dequeueCannotBlock = cannotBlock;
     if (timeout > 0) mCore->queueCanDrop = false;
-    mCore->dequeueCondition.notify_all();
     return NO_ERROR;
 }
 
@@ -219,6 +220,7 @@ status_t BufferQueueProducer::queueBuffer(int slot, const QueueBufferInput& inpu
             mCore->queue.pop_back();
         }
         mCore->queue.push_back(notice.item);
+        notice.item.mGraphicBuffer.clear();
         mCore->hasQueued = true;
         mCore->dequeueCondition.notify_all();
         fillOutputLocked(output);
@@ -298,11 +300,13 @@ status_t BufferQueueProducer::connect(const sp<IProducerListener>& listener, int
     if (!mCore->adjustAvailableSlotsLocked(delta)) return BAD_VALUE;
 
     mCore->connectedApi = api;
+    mCore->connectedProcess = vel::host::callingProcess();
     mCore->dequeueCannotBlock = cannotBlock;
     mCore->queueCanDrop = bothByApp && mCore->dequeueTimeout <= 0;
     mCore->hasQueued = false;
     if (listener != nullptr && listener->needsReleaseNotify()) mCore->producerListener = listener;
     fillOutputLocked(output);
+    output->maxBufferCount = mCore->maxBufferCount;
     return NO_ERROR;
 }
 
@@ -310,8 +314,12 @@ status_t BufferQueueProducer::disconnect(int api, DisconnectMode mode) {
     sp<IConsumerListener> listener;
     {
         std::lock_guard<std::mutex> lock(mCore->mutex);
-        if (mCore->isAbandoned) return NO_ERROR;
         if (mode == DisconnectMode::AllLocal) {
+            if (mCore->connectedProcess != vel::host::callingProcess()) return NO_ERROR;
+            api = kConnectedApi;
+        }
+        if (mCore->isAbandoned) return NO_ERROR;
+        if (api == kConnectedApi) {
             if (mCore->connectedApi == BufferQueueCore::kNoApi) return NO_ERROR;
             api = mCore->connectedApi;
         }

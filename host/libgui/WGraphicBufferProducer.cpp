@@ -20,7 +20,7 @@ Return<void> requestBuffer(BGraphicBufferProducer& base, int32_t slot,
 
 Return<void> dequeueBuffer(BGraphicBufferProducer& base, uint32_t width, uint32_t height, int32_t format,
                            uint32_t usage, const HGraphicBufferProducer::dequeueBuffer_cb& reply) {
-    int slot = -1;
+    int slot = 0;
     sp<Fence> fence;
     const status_t status = base.dequeueBuffer(&slot, &fence, width, height, format, usage, nullptr, nullptr);
     reply(status, slot, toHidl(fence), {});

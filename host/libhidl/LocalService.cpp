@@ -17,14 +17,13 @@ sp<LocalService::ICameraDesktop> LocalService::object() const {
 
 bool LocalService::linkToDeath(const sp<IBase>& proxy, const sp<Recipient>& recipient, uint64_t cookie) {
     std::lock_guard guard(mLock);
-    if (mObject == nullptr) return false;
+    if (mToldProxies.count(proxy.get()) != 0) return false;
     mRegistrations.push_back({proxy.get(), proxy, recipient, cookie});
     return true;
 }
 
 bool LocalService::unlinkToDeath(const IBase* proxy, const sp<Recipient>& recipient) {
     std::lock_guard guard(mLock);
-    if (mObject == nullptr) return false;
     // The promotion tells a dead recipient from a new one at the same address; it can only yield the caller's
     // object.
     const auto newest =
@@ -42,13 +41,20 @@ void LocalService::forgetProxy(const IBase* proxy) {
     mRegistrations.erase(std::remove_if(mRegistrations.begin(), mRegistrations.end(),
                                         [&](const DeathNotice& entry) { return entry.proxy == proxy; }),
                          mRegistrations.end());
+    mToldProxies.erase(proxy);
 }
 
-std::vector<LocalService::DeathNotice> LocalService::kill() {
+void LocalService::kill() {
     // Goes after the lock: the object's destructor is not ours.
     sp<ICameraDesktop> released;
     std::lock_guard guard(mLock);
     released = std::exchange(mObject, nullptr);
+}
+
+std::vector<LocalService::DeathNotice> LocalService::takeDeathNotices() {
+    std::lock_guard guard(mLock);
+    for (const DeathNotice& notice : mRegistrations)
+        mToldProxies.insert(notice.proxy);
     return std::exchange(mRegistrations, {});
 }
 

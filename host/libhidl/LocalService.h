@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,23 +33,27 @@ class LocalService {
     /// Null once killed.
     ::android::sp<ICameraDesktop> object() const;
 
-    /// False when killed already.
+    /// False when `proxy` has had its notice of death. On a service that is dead otherwise the notice is due
+    /// at once: see takeDeathNotices().
     bool linkToDeath(const ::android::sp<IBase>& proxy, const ::android::sp<Recipient>& recipient,
                      uint64_t cookie);
-    /// Removes the newest registration of `recipient` on `proxy`; false when there is none or the service is
-    /// dead.
+    /// Removes the newest registration of `recipient` on `proxy`; false when there is none.
     bool unlinkToDeath(const IBase* proxy, const ::android::sp<Recipient>& recipient);
     /// Removes all registrations of a proxy that is being destroyed.
     void forgetProxy(const IBase* proxy);
 
-    /// Lets the object go and returns what the recipients must be told, in the order of registration.
-    std::vector<DeathNotice> kill();
+    /// Lets the object go.
+    void kill();
+    /// What the recipients of the dead service must be told now, in the order of registration; their proxies
+    /// take no registration any more.
+    std::vector<DeathNotice> takeDeathNotices();
 
   private:
     const std::string mName;
     mutable std::mutex mLock;
     ::android::sp<ICameraDesktop> mObject;    // guarded by mLock
     std::vector<DeathNotice> mRegistrations;  // guarded by mLock
+    std::set<const IBase*> mToldProxies;      // of the death; guarded by mLock
 };
 
 /// A new proxy of `service`.

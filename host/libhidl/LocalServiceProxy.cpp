@@ -63,7 +63,10 @@ class LocalServiceProxy : public ICameraDesktop {
         return forward([](ICameraDesktop& service) { return service.setHALInstrumentation(); });
     }
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
-        return recipient != nullptr && mService->linkToDeath(this, recipient, cookie);
+        if (recipient == nullptr) return true;
+        if (!mService->linkToDeath(this, recipient, cookie)) return false;
+        if (mService->object() == nullptr) LocalServiceRegistry::instance().tellDeath(mService);
+        return true;
     }
     Return<void> ping() override {
         return forward([](ICameraDesktop& service) { return service.ping(); });

@@ -61,17 +61,24 @@ bool LocalServiceRegistry::kill(const std::string& name) {
     {
         std::lock_guard guard(mLock);
         service = std::exchange(mEntries[name].service, nullptr);
-        if (!service) return false;
-        ++mDeliveries;
     }
-    std::thread(&LocalServiceRegistry::deliver, this, service->kill()).detach();
+    if (!service) return false;
+    service->kill();
+    tellDeath(std::move(service));
     return true;
 }
 
-void LocalServiceRegistry::deliver(std::vector<LocalService::DeathNotice> notices) {
-    for (const LocalService::DeathNotice& notice : notices)
+void LocalServiceRegistry::tellDeath(std::shared_ptr<LocalService> service) {
+    {
+        std::lock_guard guard(mLock);
+        ++mDeliveries;
+    }
+    std::thread([this, service = std::move(service)] { deliver(*service); }).detach();
+}
+
+void LocalServiceRegistry::deliver(LocalService& service) {
+    for (const LocalService::DeathNotice& notice : service.takeDeathNotices())
         tell(notice);
-    notices.clear();
     std::lock_guard guard(mLock);
     --mDeliveries;
     mDelivered.notify_all();

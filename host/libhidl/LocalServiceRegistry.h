@@ -29,6 +29,8 @@ class LocalServiceRegistry {
     std::optional<::android::hardware::Status> takeFault(const std::string& name);
 
     bool kill(const std::string& name);
+    /// Tells the recipients of a dead service on a thread of its own. Does not block.
+    void tellDeath(std::shared_ptr<LocalService> service);
     void awaitDeathNotices();
     void clear();
     size_t lookUpCount(const std::string& name);
@@ -42,7 +44,7 @@ class LocalServiceRegistry {
         ::android::hardware::Status fault;
     };
 
-    void deliver(std::vector<LocalService::DeathNotice> notices);
+    void deliver(LocalService& service);
 
     std::mutex mLock;
     std::map<std::string, Entry> mEntries;  // guarded by mLock

@@ -53,10 +53,10 @@ media_status_t AImage_getPlaneData(const AImage* image, int planeIdx, uint8_t** 
                             static_cast<const void*>(image));
         abort();
     }
-    const int planeCount = queue.format == AIMAGE_FORMAT_PRIVATE ? 0 : 1;
-    if (planeIdx < 0 || planeIdx >= planeCount) return AMEDIA_ERROR_INVALID_PARAMETER;
     if (!(queue.usage & AHARDWAREBUFFER_USAGE_CPU_READ_OFTEN)) return AMEDIA_IMGREADER_CANNOT_LOCK_IMAGE;
     if (!lockForReading(const_cast<AImage*>(image))) return AMEDIA_IMGREADER_CANNOT_LOCK_IMAGE;
+    if (planeIdx != 0)
+        return AMEDIA_ERROR_INVALID_PARAMETER;  // a PRIVATE image, which has none, cannot be locked
 
     const GraphicBuffer& buffer = *image->item.mGraphicBuffer;
     if (buffer.getHeight() != 1) return AMEDIA_ERROR_UNKNOWN;
@@ -76,6 +76,7 @@ media_status_t AImage_getHardwareBuffer(const AImage* image, AHardwareBuffer** b
 media_status_t AImage_getTimestamp(const AImage* image, int64_t* timestampNs) {
     if (!image || !timestampNs) return AMEDIA_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(image->queue->mutex);
+    *timestampNs = -1;
     if (image->isClosed) return AMEDIA_ERROR_INVALID_OBJECT;
     *timestampNs = image->item.mTimestamp;
     return AMEDIA_OK;

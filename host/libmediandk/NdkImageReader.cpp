@@ -55,6 +55,7 @@ media_status_t acquireFrameLocked(ImageQueue& queue, BufferItem* item) {
     if (queue.usedPlaces >= queue.maxImages) return AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED;
     const android::status_t status = queue.consumer->acquireBuffer(item, 0);
     if (status == BufferQueue::NO_BUFFER_AVAILABLE) return AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE;
+    if (status == android::INVALID_OPERATION) return AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED;
     if (status != android::NO_ERROR) return AMEDIA_ERROR_UNKNOWN;
 
     queue.usedPlaces++;
@@ -64,7 +65,7 @@ media_status_t acquireFrameLocked(ImageQueue& queue, BufferItem* item) {
                             item->mCrop.left, item->mCrop.top);
         return AMEDIA_ERROR_UNKNOWN;
     }
-    if (item->mGraphicBuffer->getPixelFormat() != queue.format) {
+    if (!isOpaque && item->mGraphicBuffer->getPixelFormat() != queue.format) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "Frame of format %#x in a reader of format %#x",
                             static_cast<unsigned>(item->mGraphicBuffer->getPixelFormat()),
                             static_cast<unsigned>(queue.format));

@@ -10,6 +10,7 @@ using android::sp;
 
 int AHardwareBuffer_allocate(const AHardwareBuffer_Desc* desc, AHardwareBuffer** outBuffer) {
     if (!desc || !outBuffer || desc->rfu0 != 0 || desc->rfu1 != 0) return -EINVAL;
+    if (desc->width == 0 || desc->height == 0 || desc->layers == 0) return -EINVAL;
     const sp<GraphicBuffer> buffer(new GraphicBuffer(desc->width, desc->height,
                                                      static_cast<android::PixelFormat>(desc->format),
                                                      desc->layers, desc->usage, "AHardwareBuffer"));
@@ -46,11 +47,12 @@ int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence,
     if (usage &
         ~static_cast<uint64_t>(AHARDWAREBUFFER_USAGE_CPU_READ_MASK | AHARDWAREBUFFER_USAGE_CPU_WRITE_MASK))
         return -EINVAL;
+    GraphicBuffer* locked = GraphicBuffer::fromAHardwareBuffer(buffer);
+    if (locked->getLayerCount() > 1) return android::INVALID_OPERATION;
     const int waited = owned->waitForever("AHardwareBuffer_lock");
     if (waited != 0) return waited;
-    GraphicBuffer* locked = GraphicBuffer::fromAHardwareBuffer(buffer);
-    return locked->lock(static_cast<uint32_t>(usage), rect ? Rect(*rect) : locked->getBounds(),
-                        outVirtualAddress);
+    const Rect locks = rect ? Rect(rect->left, rect->top, rect->right, rect->bottom) : locked->getBounds();
+    return locked->lock(static_cast<uint32_t>(usage), locks, outVirtualAddress);
 }
 
 int AHardwareBuffer_unlock(AHardwareBuffer* buffer, int32_t* fence) {

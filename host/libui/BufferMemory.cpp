@@ -46,13 +46,12 @@ bool isYuv420(PixelFormat format) {
 
 status_t describeLayout(uint32_t width, uint32_t height, uint32_t layers, PixelFormat format,
                         BufferLayout* outLayout) {
+    if (UINT32_MAX / width / height < layers) return BAD_VALUE;
     const int32_t pixelBytes = packedPixelBytes(format);
-    if (pixelBytes == 0 && !isYuv420(format)) return BAD_VALUE;
-    if (format == HAL_PIXEL_FORMAT_BLOB && height != 1) return BAD_VALUE;
-    if (width > kMaxByteCount || height > kMaxByteCount || layers > 1024) return NO_MEMORY;
+    if (pixelBytes == 0 && !isYuv420(format)) return NO_MEMORY;
+    if (format == HAL_PIXEL_FORMAT_BLOB && height != 1) return NO_MEMORY;
 
-    const uint64_t pixels = static_cast<uint64_t>(width) * height;  // both below 2^31: cannot overflow
-    if (pixels > kMaxByteCount) return NO_MEMORY;
+    const uint64_t pixels = static_cast<uint64_t>(width) * height;  // in a layer; 32 bits at most
     const uint64_t chromaWidth = (static_cast<uint64_t>(width) + 1) / 2;
     const uint64_t chromaHeight = (static_cast<uint64_t>(height) + 1) / 2;
     const uint64_t layerBytes = pixelBytes ? pixels * pixelBytes : pixels + 2 * chromaWidth * chromaHeight;

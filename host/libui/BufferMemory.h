@@ -14,8 +14,8 @@ struct BufferLayout {
     int32_t bytesPerRow;    // -1 for planar formats
 };
 
-// BAD_VALUE for a format or shape that has no layout here, NO_MEMORY for one beyond 2 GiB. No size may be
-// zero.
+// BAD_VALUE for a number of pixels beyond 32 bits, which is all that the device counts with; NO_MEMORY for a
+// format or shape that has no layout here or takes more than 2 GiB. No size may be zero.
 status_t describeLayout(uint32_t width, uint32_t height, uint32_t layers, PixelFormat format,
                         BufferLayout* outLayout);
 

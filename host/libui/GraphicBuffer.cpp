@@ -121,7 +121,6 @@ sp<GraphicBuffer> GraphicBuffer::importFrom(const native_handle_t* handle, const
     buffer->describe(attributes);
     buffer->mId = attributes.id;
     buffer->mByteCount = layout.byteCount;
-    buffer->mInitCheck = NO_ERROR;
     return buffer;
 }
 

@@ -2,6 +2,7 @@
 
 #include <hardware/gralloc.h>
 #include <media/NdkImageReader.h>
+#include <system/window.h>
 
 // Last: a platform header that brings many names.
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>

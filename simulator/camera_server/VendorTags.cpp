@@ -1,6 +1,8 @@
 #include "VendorTags.h"
 
 #include <VelChiDesktopHelper.h>
+#include <system/camera_metadata.h>
+
 #include <camera_metadata_hidden.h>
 
 #include <cstring>

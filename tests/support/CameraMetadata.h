@@ -1,5 +1,7 @@
 #pragma once
 
+#include <system/camera_metadata.h>
+
 #include <camera_metadata_hidden.h>
 
 #include <algorithm>

@@ -1,6 +1,9 @@
 #pragma once
 
-#include <system/camera_metadata.h>
+#ifndef CAMERA_METADATA_INVALID_VENDOR_ID
+#error "include <system/camera_metadata.h> first: the device's header of this name needs that"
+#endif
+
 #include <system/camera_vendor_tags.h>
 
 #ifdef __cplusplus

@@ -16,7 +16,7 @@ class BufferItem {
     enum { INVALID_BUFFER_SLOT = -1 };
 
     sp<GraphicBuffer> mGraphicBuffer;
-    sp<Fence> mFence;  // signals when the frame has been written
+    sp<Fence> mFence = Fence::NO_FENCE;  // signals when the frame has been written
     Rect mCrop = Rect::INVALID_RECT;
     uint32_t mTransform = 0;
     uint32_t mScalingMode = 0;  // NATIVE_WINDOW_SCALING_MODE_*

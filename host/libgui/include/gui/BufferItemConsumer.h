@@ -21,7 +21,8 @@ class BufferItemConsumer : public ConsumerBase {
     // NO_INIT once abandoned.
     status_t acquireBuffer(BufferItem* item, nsecs_t presentWhen, bool waitForFence = true);
 
-    // Gives a frame back; its producer waits for the fence before it writes.
+    // Gives a frame back; its producer waits for the frame's own fence and for this one before it writes.
+    // BAD_VALUE for a null fence.
     status_t releaseBuffer(const BufferItem& item, const sp<Fence>& releaseFence = Fence::NO_FENCE);
 };
 

@@ -15,7 +15,7 @@ namespace android {
 class ConsumerBase : public virtual RefBase, protected ConsumerListener {
   public:
     // Called on the producer's thread, in queue order, without any lock of the consumer or the queue that
-    // acquiring or releasing needs.
+    // acquiring or releasing needs. The item has no buffer: that comes with acquiring.
     struct FrameAvailableListener : public virtual RefBase {
         virtual void onFrameAvailable(const BufferItem& item) = 0;
         virtual void onFrameReplaced(const BufferItem& item) { (void)item; }

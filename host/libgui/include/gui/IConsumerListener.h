@@ -10,6 +10,7 @@ class BufferItem;
 class ConsumerListener : public virtual RefBase {
   public:
     virtual void onDisconnect() {}
+    // The item has no buffer: that comes with acquiring.
     virtual void onFrameAvailable(const BufferItem& item) = 0;
     virtual void onFrameReplaced(const BufferItem& item) { (void)item; }
     // Slots were reset: remembered buffers are void.

@@ -44,7 +44,7 @@ class IGraphicBufferConsumer : public virtual RefBase {
     virtual status_t setMaxBufferCount(int bufferCount) = 0;
 
     // 1..62, 1 at first. BAD_VALUE out of range, below what is acquired now or too much for the queue;
-    // NO_INIT: abandoned.
+    // NO_INIT: abandoned. The slots that this adds are not offered to a dequeue that waits already.
     virtual status_t setMaxAcquiredBufferCount(int maxAcquiredBuffers) = 0;
 
     virtual status_t setConsumerName(const String8& name) = 0;

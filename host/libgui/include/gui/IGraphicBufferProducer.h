@@ -2,20 +2,21 @@
 
 #include <gui/FrameTimestamps.h>
 #include <gui/HdrMetadata.h>
-#include <gui/IProducerListener.h>
 #include <stdint.h>
-#include <system/window.h>
 #include <ui/BufferQueueDefs.h>
 #include <ui/Fence.h>
 #include <ui/GraphicBuffer.h>
 #include <ui/Rect.h>
 #include <ui/Region.h>
 #include <utils/Errors.h>
-#include <utils/NativeHandle.h>
 #include <utils/RefBase.h>
 #include <utils/String8.h>
 
 namespace android {
+
+// Declared only, as on a device: who passes one, be it null, includes its header.
+class IProducerListener;
+class NativeHandle;
 
 // The end of a buffer queue that fills buffers: dequeue one, request its memory once per slot, write, queue.
 // Calls may come from any thread. Operations with a body here are optional: their default ends the process.
@@ -29,7 +30,7 @@ class IGraphicBufferProducer : public virtual RefBase {
 
     enum class DisconnectMode {
         Api,       // the given api of the connected process
-        AllLocal,  // whatever this process connected
+        AllLocal,  // whatever the calling process connected; 0 when it is another one's
     };
 
     struct QueueBufferInput {
@@ -73,7 +74,7 @@ class IGraphicBufferProducer : public virtual RefBase {
         uint64_t nextFrameNumber = 0;
         FrameEventHistoryDelta frameTimestamps;
         bool bufferReplaced = false;
-        int maxBufferCount = 0;
+        int maxBufferCount = 0;  // set by connect alone
     };
 
     // Gives the memory of a dequeued slot; may be repeated. NO_INIT: abandoned or not connected. BAD_VALUE:
@@ -116,8 +117,8 @@ class IGraphicBufferProducer : public virtual RefBase {
     virtual status_t connect(const sp<IProducerListener>& listener, int api, bool producerControlledByApp,
                              QueueBufferOutput* output) = 0;
 
-    // Frees every slot, lent ones included; queued frames stay. NO_INIT: not connected. BAD_VALUE: connected
-    // through another api. 0 on an abandoned queue.
+    // Frees every slot, lent ones included; queued frames stay. Api -1 means the connected one, if any.
+    // NO_INIT: not connected. BAD_VALUE: connected through another api. 0 on an abandoned queue.
     virtual status_t disconnect(int api, DisconnectMode mode = DisconnectMode::Api) = 0;
 
     virtual status_t setSidebandStream(const sp<NativeHandle>& stream);
@@ -128,7 +129,8 @@ class IGraphicBufferProducer : public virtual RefBase {
     virtual status_t setSharedBufferMode(bool sharedBufferMode);
     virtual status_t setAutoRefresh(bool autoRefresh);
 
-    // How long dequeueBuffer waits for a slot: ns, below 0 without limit.
+    // How long dequeueBuffer waits for a slot: ns, below 0 without limit. One that waits already goes on as
+    // it began.
     virtual status_t setDequeueTimeout(nsecs_t timeout);
 
     virtual status_t setLegacyBufferDrop(bool drop);

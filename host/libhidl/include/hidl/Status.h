@@ -1,6 +1,5 @@
 #pragma once
 
-#include <hidl/HidlSupport.h>
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 

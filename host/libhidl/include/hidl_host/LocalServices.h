@@ -15,7 +15,8 @@ namespace vel::host {
 /// has that name.
 bool killLocalService(const std::string& name);
 
-/// Blocks until every recipient of every earlier kill has been told. Not to be called from a recipient.
+/// Blocks until every recipient that was linked until now to a killed service has been told. Not to be called
+/// from a recipient.
 void awaitDeathNotices();
 
 /// Unregisters everything without a notice of death, and clears every count and fault. Proxies handed out

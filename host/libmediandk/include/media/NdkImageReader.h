@@ -35,8 +35,9 @@ media_status_t AImageReader_getWindow(AImageReader* reader, ANativeWindow** wind
 
 // The oldest frame as a new image, null on failure; waits without limit for the frame's fence.
 // INVALID_PARAMETER: null argument (nothing is written then). MAX_IMAGES_ACQUIRED: maxImages are outstanding,
-// whether or not a frame waits. NO_BUFFER_AVAILABLE: no frame. ERROR_UNKNOWN: a frame of another format,
-// which is dropped, or one whose crop does not start at 0, 0, which is lost together with one image place.
+// whether or not a frame waits. NO_BUFFER_AVAILABLE: no frame. ERROR_UNKNOWN, not from a PRIVATE reader:
+// a frame of another format, which is dropped, or one whose crop does not start at 0, 0, which is lost
+// together with one image place.
 media_status_t AImageReader_acquireNextImage(AImageReader* reader, AImage** image);
 
 // The newest frame, older ones being dropped as far as image places allow: that takes two free places, and

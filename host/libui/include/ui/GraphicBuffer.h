@@ -53,15 +53,15 @@ class GraphicBuffer : public ANativeObjectBase<ANativeWindowBuffer, GraphicBuffe
     static sp<GraphicBuffer> importFrom(const native_handle_t* handle, const Attributes& attributes);
     Attributes attributes() const;
 
-    // Without memory: every size is 0 and initCheck() is NO_INIT.
+    // Without memory: every size is 0. That is no failure, so initCheck() is 0.
     GraphicBuffer();
     // Allocates at once; initCheck() tells the outcome. A size with a zero becomes 1 x 1, no layers become
     // one.
     GraphicBuffer(uint32_t w, uint32_t h, PixelFormat format, uint32_t layerCount, uint64_t usage,
                   std::string requestorName = "<Unknown>");
 
-    // 0; NO_INIT without memory; BAD_VALUE for a format or shape that cannot be allocated; NO_MEMORY; or the
-    // status injected by a test.
+    // 0; BAD_VALUE for a number of pixels beyond 32 bits; NO_MEMORY for a format or shape that cannot be
+    // allocated otherwise; or the status injected by a test.
     status_t initCheck() const { return mInitCheck; }
 
     uint32_t getWidth() const { return static_cast<uint32_t>(width); }
@@ -98,7 +98,7 @@ class GraphicBuffer : public ANativeObjectBase<ANativeWindowBuffer, GraphicBuffe
                       const std::string& requestorName);
     void describe(const Attributes& attributes);
 
-    status_t mInitCheck = NO_INIT;
+    status_t mInitCheck = NO_ERROR;
     uint64_t mId;
     uint32_t mGenerationNumber = 0;
     size_t mByteCount = 0;

@@ -17,7 +17,6 @@ class Rect : public ARect {
         right = r;
         bottom = b;
     }
-    Rect(const ARect& other) : ARect(other) {}
     // From 0, 0; a size above INT32_MAX is cut to it.
     template <typename T>
     Rect(T w, T h) : Rect(0, 0, clamped(w), clamped(h)) {}

@@ -40,9 +40,9 @@ struct IBase : virtual public ::android::RefBase {
 
     virtual ::android::hardware::Return<void> setHALInstrumentation();
 
-    /// On a proxy: keeps a weak pointer to `recipient` until the proxy is destroyed; true when registered,
-    /// false when the peer is dead already. On a local object: whether `recipient` is non-null; it is never
-    /// called.
+    /// On a proxy: keeps a weak pointer to `recipient` until the proxy is destroyed. False only when the proxy
+    /// has told of its peer's death already; when the peer is dead otherwise, `recipient` is told at once. Null
+    /// is accepted. On a local object: whether `recipient` is non-null; it is never called.
     virtual ::android::hardware::Return<bool> linkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie);
 
@@ -53,7 +53,7 @@ struct IBase : virtual public ::android::RefBase {
 
     virtual ::android::hardware::Return<void> notifySyspropsChanged();
 
-    /// Removes the newest registration of `recipient`: false when there is none or the peer is dead already.
+    /// Removes the newest registration of `recipient`: false when there is none, or it has been told.
     virtual ::android::hardware::Return<bool> unlinkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient);
 
