@@ -4,10 +4,9 @@
 
 #include <algorithm>
 
-#include "BusEvents.h"
 #include "DesktopBusNames.h"
 #include "Trace.h"
-#include "WireText.h"
+#include "WireTypes.h"
 
 namespace bus = vel::desktop_bus;
 using bus::InterfaceObject;

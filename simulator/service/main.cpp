@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <exception>
 
-#include "BusEvents.h"
 #include "DesktopBusNames.h"
 #include "DesktopService.h"
 #include "Trace.h"
