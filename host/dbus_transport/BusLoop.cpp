@@ -7,10 +7,13 @@
 
 #include <thread>
 
-namespace vel::host {
-namespace {
+#include "DesktopBusNames.h"
 
-constexpr char kTag[] = "DesktopBus";
+namespace vel::dbus_transport {
+
+namespace bus = vel::desktop_bus;
+
+namespace {
 
 // A call that a thread waits for.
 class WaitedCall {
@@ -63,7 +66,7 @@ OpenSession BusLoop::open(const std::string& address, std::chrono::milliseconds 
         wake();
     }
     if (!mStateChanged.wait_for(lock, limit, [this] { return mState != State::OPENING; })) {
-        __android_log_print(ANDROID_LOG_WARN, kTag, "The bus at %s does not answer", address.c_str());
+        __android_log_print(ANDROID_LOG_WARN, bus::kLogTag, "The bus at %s does not answer", address.c_str());
     }
     return mState == State::OPEN ? mLastSession : OpenSession();
 }
@@ -124,7 +127,7 @@ void BusLoop::runClosures() {
         try {
             closure();
         } catch (const std::exception& exception) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "Bus work failed: %s", exception.what());
+            __android_log_print(ANDROID_LOG_ERROR, bus::kLogTag, "Bus work failed: %s", exception.what());
         }
     }
 }
@@ -147,7 +150,7 @@ void BusLoop::openOnLoop(SessionId id, const std::string& address) {
         mSession = std::make_unique<BusSession>(
             id, address, [this, id](const std::string& busName) { mListener.onPeerDied(id, busName); });
     } catch (const std::exception& exception) {
-        __android_log_print(ANDROID_LOG_WARN, kTag, "Cannot reach the bus at %s: %s", address.c_str(),
+        __android_log_print(ANDROID_LOG_WARN, bus::kLogTag, "Cannot reach the bus at %s: %s", address.c_str(),
                             exception.what());
     }
     std::lock_guard<std::mutex> lock(mLock);
@@ -157,7 +160,7 @@ void BusLoop::openOnLoop(SessionId id, const std::string& address) {
 }
 
 void BusLoop::endSession(const char* reason) {
-    __android_log_print(ANDROID_LOG_WARN, kTag, "The connection to the bus has ended: %s", reason);
+    __android_log_print(ANDROID_LOG_WARN, bus::kLogTag, "The connection to the bus has ended: %s", reason);
     const SessionId id = mSession->id();
     {
         std::lock_guard<std::mutex> lock(mLock);
@@ -171,4 +174,4 @@ BusSession* BusLoop::sessionOnLoop(SessionId id) {
     return mSession && mSession->id() == id ? mSession.get() : nullptr;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

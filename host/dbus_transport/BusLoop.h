@@ -13,7 +13,7 @@
 #include "BusSession.h"
 #include "CallStatus.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // An object of another process. Unique bus names start anew with each bus, hence the session.
 struct RemoteObject {
@@ -91,4 +91,4 @@ class BusLoop {
     std::unique_ptr<BusSession> mSession;  // the loop's thread only
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

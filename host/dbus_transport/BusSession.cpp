@@ -2,10 +2,9 @@
 
 #include <algorithm>
 
-#include "BusEvents.h"
 #include "DesktopBusNames.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 namespace bus = vel::desktop_bus;
 
@@ -78,4 +77,4 @@ BusSession::Parked BusSession::takeParked(Ticket ticket) {
     return std::move(mParked.extract(ticket).mapped());
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

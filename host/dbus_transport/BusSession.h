@@ -11,7 +11,7 @@
 
 #include "AsyncCalls.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 using SessionId = uint64_t;  // 0: none
 
@@ -65,4 +65,4 @@ class BusSession {
     std::map<Ticket, Parked> mParked;  // below the objects, which it refers to
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

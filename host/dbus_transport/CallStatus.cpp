@@ -8,17 +8,20 @@
 
 #include "DesktopBusNames.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
+
+namespace bus = vel::desktop_bus;
+
 namespace {
 
 // What the bus says for calls to, or left open by, a process or connection that has gone. NoReply means
 // nothing else, since calls have no time limit.
 constexpr const char* kDeathErrors[] = {
-    "org.freedesktop.DBus.Error.NoReply",
+    bus::kErrorNoReply,
     "org.freedesktop.DBus.Error.ServiceUnknown",
     "org.freedesktop.DBus.Error.NameHasNoOwner",
     "org.freedesktop.DBus.Error.Disconnected",
-    "org.freedesktop.DBus.Error.UnknownObject",
+    bus::kErrorUnknownObject,
     "System.Error.ENOTCONN",
     "System.Error.ECONNRESET",
     "System.Error.EPIPE",
@@ -27,7 +30,7 @@ constexpr const char* kDeathErrors[] = {
 CallStatus::Kind kindOf(const std::string& errorName) {
     const auto isName = [&](const char* name) { return errorName == name; };
     if (std::any_of(std::begin(kDeathErrors), std::end(kDeathErrors), isName)) return CallStatus::DEAD;
-    const bool isOwn = errorName.rfind(desktop_bus::kErrorPrefix, 0) == 0;
+    const bool isOwn = errorName.rfind(bus::kErrorPrefix, 0) == 0;
     return isOwn ? CallStatus::REFUSED : CallStatus::FAILED;
 }
 
@@ -57,4 +60,4 @@ android::hardware::Status CallStatus::toStatus() const {
     return Status::fromStatusT(android::FAILED_TRANSACTION);
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -8,7 +8,7 @@ namespace sdbus {
 class Error;
 }
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // How a call over the bus ended.
 struct CallStatus {
@@ -31,4 +31,4 @@ struct CallStatus {
 // The same transport failure, DEAD_OBJECT or FAILED_TRANSACTION, for a caller that expects another result.
 android::hardware::Status failureOf(const android::hardware::details::return_status& failed);
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

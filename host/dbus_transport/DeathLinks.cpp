@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 using android::sp;
 
@@ -69,4 +69,4 @@ std::vector<DeathWatch::Watcher> DeathWatch::takeAll(SessionId session) {
     return taken;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

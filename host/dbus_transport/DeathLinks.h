@@ -12,7 +12,7 @@
 
 #include "BusSession.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // The death registrations of one proxy, which owns them: they end with it. Any thread; no call out is made
 // under the lock.
@@ -61,4 +61,4 @@ class DeathWatch {
     std::multimap<Peer, Watcher> mWatchers;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -1,16 +1,13 @@
 #include "DesktopTransport.h"
 
 #include <android/log.h>
+#include <korvanta/hardware/camera/desktop/1.0/ICameraDesktopCallback.h>
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <atomic>
-#include <cstdlib>
-
 #include "DesktopBusNames.h"
-#include "RemoteCameraDesktop.h"
-#include "WireText.h"
+#include "WireTypes.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 namespace bus = vel::desktop_bus;
 using android::sp;
@@ -19,10 +16,6 @@ using bus::WireText;
 using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
 
 namespace {
-
-constexpr char kTag[] = "DesktopBus";
-// A local socket answers at once or not at all; a HAL's thread is not to find out which.
-constexpr auto kOpenLimit = std::chrono::seconds(3);
 
 // The answer to an incoming command: a text, or an error.
 struct CommandAnswer {
@@ -44,7 +37,8 @@ CommandAnswer runCommand(const sp<ICameraDesktopCallback>& callback, const WireT
     });
     status.assertOk();
     if (replies != 1) {
-        __android_log_assert("replies == 1", kTag, "onCommand called its reply function %d times", replies);
+        __android_log_assert("replies == 1", bus::kLogTag, "onCommand called its reply function %d times",
+                             replies);
     }
     if (!reply) return {{}, bus::kErrorFailed, "the reply is too long"};
     return {*reply, nullptr, {}};
@@ -57,28 +51,9 @@ DesktopTransport& DesktopTransport::instance() {
     return transport;
 }
 
-sp<DesktopTransport::ICameraDesktop> DesktopTransport::findService(const std::string& instanceName) {
-    const char* const address = std::getenv(bus::kAddressVariable);
-    if (address == nullptr || *address == '\0') {
-        static std::atomic<bool> told{false};
-        if (!told.exchange(true)) {
-            __android_log_print(ANDROID_LOG_WARN, kTag, "No desktop service: %s is not set",
-                                bus::kAddressVariable);
-        }
-        return nullptr;
-    }
-    if (instanceName != "default") return nullptr;
-    const OpenSession session = mLoop.open(address, kOpenLimit);
-    std::string owner;
-    if (session.id == 0 || getNameOwner(session.id, bus::kServiceName, &owner).kind != CallStatus::OK) {
-        return nullptr;
-    }
-    return new RemoteCameraDesktop(*this, session, owner);
-}
-
 CallStatus DesktopTransport::getNameOwner(SessionId session, const std::string& name, std::string* owner) {
     const RemoteObject daemon{session, {"org.freedesktop.DBus", "/org/freedesktop/DBus"}};
-    return call(
+    return mLoop.call(
         daemon, "org.freedesktop.DBus", "GetNameOwner", [&](sdbus::MethodCall& message) { message << name; },
         [&](sdbus::MethodReply& reply) { reply >> *owner; });
 }
@@ -96,11 +71,11 @@ void DesktopTransport::takeBack(const RemoteObject& peer, const InterfaceObject&
 }
 
 void DesktopTransport::acquire(const RemoteObject& object) {
-    const CallStatus status = call(
+    const CallStatus status = mLoop.call(
         object, bus::kReferenceInterface, bus::kAcquire, [](sdbus::MethodCall&) {},
         [](sdbus::MethodReply&) {});
     if (status.kind == CallStatus::OK) return;
-    __android_log_print(ANDROID_LOG_WARN, kTag, "%s of %s is gone: %s", object.object.path.c_str(),
+    __android_log_print(ANDROID_LOG_WARN, bus::kLogTag, "%s of %s is gone: %s", object.object.path.c_str(),
                         object.object.busName.c_str(), status.text.c_str());
 }
 
@@ -196,4 +171,4 @@ void DesktopTransport::onCommand(BusSession& session, const std::string& path, s
         });
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

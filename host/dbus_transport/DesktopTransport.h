@@ -1,6 +1,6 @@
 #pragma once
 
-#include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
+#include <android/hidl/base/1.0/IBase.h>
 
 #include <string>
 #include <vector>
@@ -11,26 +11,21 @@
 #include "ProducerStub.h"
 #include "WorkerPool.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // What the interfaces of this process need to reach other processes and be reached by them: the loop, the
 // workers, the objects exported and the deaths watched. One a process, never destroyed. Any thread.
 class DesktopTransport final : private BusListener {
   public:
     using IBase = android::hidl::base::V1_0::IBase;
-    using ICameraDesktop = korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
     using Kind = ObjectExporter::Kind;
 
     static DesktopTransport& instance();
 
-    // A new proxy of the service on the bus that the environment names; null, logged, when there is no bus.
-    // Null as well when the service is not there. Waits for neither beyond a few seconds.
-    android::sp<ICameraDesktop> findService(const std::string& instanceName);
+    BusLoop& loop() { return mLoop; }
 
-    CallStatus call(const RemoteObject& target, const char* interface, const char* method,
-                    const BusLoop::WriteArguments& writeArguments, const BusLoop::ReadReply& readReply) {
-        return mLoop.call(target, interface, method, writeArguments, readReply);
-    }
+    // The owner of a bus name; the status is DEAD when it has none.
+    CallStatus getNameOwner(SessionId session, const std::string& name, std::string* owner);
 
     // A reference to a local object, for a call to the peer that will hold it; null for null. It must be
     // taken back when the call fails.
@@ -57,9 +52,6 @@ class DesktopTransport final : private BusListener {
     DesktopTransport() = default;
     ~DesktopTransport() = default;  // never run
 
-    // The owner of a bus name; the status is DEAD when it has none.
-    CallStatus getNameOwner(SessionId session, const std::string& name, std::string* owner);
-
     void onPeerDied(SessionId session, const std::string& busName) override;
     void onSessionEnded(SessionId session) override;
     void notifyLater(std::vector<DeathWatch::Watcher> watchers);
@@ -77,4 +69,4 @@ class DesktopTransport final : private BusListener {
     ProducerStub& mProducers = *new ProducerStub(mLoop, mWorkers, mExporter);
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

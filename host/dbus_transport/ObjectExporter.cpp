@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 using android::sp;
 
@@ -100,4 +100,4 @@ void ObjectExporter::dropIfUnheld(Entries& entries, Entries::iterator& entry, st
     entry = entries.erase(entry);
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

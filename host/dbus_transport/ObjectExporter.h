@@ -10,7 +10,7 @@
 
 #include "BusSession.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // The local objects that other processes hold references to. An object has one path for as long as any
 // process holds it; whoever accepted a reference gives it back once, or dies. Any thread.
@@ -61,4 +61,4 @@ class ObjectExporter {
     uint64_t mNextNumber = 1;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -1,6 +1,6 @@
 #include "ProducerConnections.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 void ProducerConnections::put(const std::string& path, Connection connection) {
     std::lock_guard<std::mutex> lock(mLock);
@@ -45,4 +45,4 @@ std::vector<ProducerConnections::Connection> ProducerConnections::takeIf(Predica
     return taken;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -10,7 +10,7 @@
 
 #include "BusSession.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // Which process is connected to which local producer, so that its death can end the connection. A queue has
 // one connection at a time. Any thread.
@@ -44,4 +44,4 @@ class ProducerConnections {
     uint64_t mLastNumber = 0;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

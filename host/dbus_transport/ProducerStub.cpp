@@ -9,7 +9,7 @@
 #include "DesktopBusNames.h"
 #include "ProducerWire.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 namespace bus = vel::desktop_bus;
 using android::sp;
@@ -23,13 +23,12 @@ using QueueBufferOutput = IGraphicBufferProducer::QueueBufferOutput;
 
 namespace {
 
-constexpr char kTag[] = "DesktopBus";
-
 void disconnectTheDead(const ProducerConnections::Connection& connection) {
     const sp<IGraphicBufferProducer> producer = connection.producer.promote();
     if (producer == nullptr) return;
     const int32_t status = producer->disconnect(connection.api, DisconnectMode::API).withDefault(-1);
-    __android_log_print(ANDROID_LOG_INFO, kTag, "%s has ended and is disconnected from its buffer queue: %d",
+    __android_log_print(ANDROID_LOG_INFO, bus::kLogTag,
+                        "%s has ended and is disconnected from its buffer queue: %d",
                         connection.busName.c_str(), status);
 }
 
@@ -177,7 +176,7 @@ void ProducerStub::carryOut(const Call& call, const Work& work, BusSession::Tick
     if (!isCallerAlive(call)) {
         error = bus::kErrorUnknownObject;  // its slots may be another's by now
     } else {
-        const CallingProcess caller(std::to_string(call.session) + " " + call.busName);
+        const host::CallingProcess caller(std::to_string(call.session) + " " + call.busName);
         const Return outcome = work(call, reply);
         if (outcome.isDeadObject() && call.producer->isRemote()) {
             error = bus::kErrorUnknownObject;
@@ -186,7 +185,8 @@ void ProducerStub::carryOut(const Call& call, const Work& work, BusSession::Tick
         } else {
             outcome.assertOk();
             if (reply.count() != 1)
-                __android_log_assert("replies == 1", kTag, "A producer replied %d times", reply.count());
+                __android_log_assert("replies == 1", bus::kLogTag, "A producer replied %d times",
+                                     reply.count());
         }
         if (!isCallerAlive(call)) endConnectionOfTheDead(call);
     }
@@ -253,4 +253,4 @@ void ProducerStub::endLater(std::vector<ProducerConnections::Connection> connect
         mWorkers.post([connection = std::move(connection)] { disconnectTheDead(connection); });
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -14,7 +14,7 @@ namespace sdbus {
 class IObject;
 }
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // Serves this process's producers to other processes. Calls are read and answered on the loop's thread and
 // carried out on workers, where a dequeue may wait as long as it likes.
@@ -81,4 +81,4 @@ class ProducerStub {
     ProducerConnections mConnections;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

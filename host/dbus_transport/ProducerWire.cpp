@@ -6,7 +6,7 @@
 
 #include "DesktopBusNames.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 using android::hardware::hidl_handle;
 using android::hardware::media::V1_0::AnwBuffer;
@@ -95,4 +95,4 @@ Message& operator>>(Message& message, IGraphicBufferProducer::QueueBufferOutput&
     return message;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

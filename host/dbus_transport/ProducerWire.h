@@ -9,7 +9,7 @@
 // the signatures of the methods stand in DesktopBusNames.h.
 //
 // On the thread of the message's connection; throw sdbus::Error.
-namespace vel::host {
+namespace vel::dbus_transport {
 
 using IGraphicBufferProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
 
@@ -37,4 +37,4 @@ void readAll(sdbus::Message& message, Values&... values) {
     (void)(message >> ... >> values);
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

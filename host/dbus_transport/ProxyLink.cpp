@@ -3,10 +3,13 @@
 #include <android/log.h>
 #include <hidl_host/RemoteIdentity.h>
 
-namespace vel::host {
-namespace {
+#include "DesktopBusNames.h"
 
-constexpr char kTag[] = "DesktopBus";
+namespace vel::dbus_transport {
+
+namespace bus = vel::desktop_bus;
+
+namespace {
 
 std::string identityOf(const RemoteObject& target) {
     return std::to_string(target.session) + " " + target.object.busName + " " + target.object.path;
@@ -19,24 +22,25 @@ using android::sp;
 ProxyLink::ProxyLink(DesktopTransport& transport, IBase* proxy, const RemoteObject& target,
                      const char* interface)
     : mTransport(transport), mProxy(proxy), mTarget(target), mInterface(interface) {
-    setRemoteIdentity(mProxy, identityOf(mTarget));
+    host::setRemoteIdentity(mProxy, identityOf(mTarget));
 }
 
 ProxyLink::~ProxyLink() {
-    forgetRemoteIdentity(mProxy);
+    host::forgetRemoteIdentity(mProxy);
 }
 
 CallStatus ProxyLink::call(const char* method, const BusLoop::WriteArguments& writeArguments,
                            const BusLoop::ReadReply& readReply) const {
-    CallStatus status = mTransport.call(mTarget, mInterface, method, writeArguments, readReply);
+    CallStatus status = mTransport.loop().call(mTarget, mInterface, method, writeArguments, readReply);
     if (status.kind == CallStatus::REFUSED || status.kind == CallStatus::FAILED) {
-        __android_log_print(ANDROID_LOG_WARN, kTag, "%s failed: %s", method, status.text.c_str());
+        __android_log_print(ANDROID_LOG_WARN, bus::kLogTag, "%s failed: %s", method, status.text.c_str());
     }
     return status;
 }
 
 android::hardware::Return<void> ProxyLink::ping() const {
-    return mTransport.call(mTarget, "org.freedesktop.DBus.Peer", "Ping", writeNothing, readNothing)
+    return mTransport.loop()
+        .call(mTarget, "org.freedesktop.DBus.Peer", "Ping", writeNothing, readNothing)
         .toStatus();
 }
 
@@ -47,4 +51,4 @@ bool ProxyLink::linkToDeath(const sp<Recipient>& recipient, uint64_t cookie) con
     return true;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

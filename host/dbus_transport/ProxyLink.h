@@ -4,7 +4,7 @@
 
 #include "DesktopTransport.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // What a proxy of any interface keeps: the object that it stands for and who wants to hear of its end. A
 // member of the proxy. Any thread.
@@ -56,4 +56,4 @@ inline android::hardware::Status unknownOperation() {
     return android::hardware::Status::fromStatusT(android::UNKNOWN_TRANSACTION);
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

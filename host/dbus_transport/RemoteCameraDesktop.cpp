@@ -5,9 +5,9 @@
 
 #include "DesktopBusNames.h"
 #include "RemoteGraphicBufferProducer.h"
-#include "WireText.h"
+#include "WireTypes.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 namespace bus = vel::desktop_bus;
 using android::sp;
@@ -19,10 +19,8 @@ using bus::WireText;
 
 namespace {
 
-constexpr char kTag[] = "DesktopBus";
-
 Status failedTransaction(const char* what) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", what);
+    __android_log_print(ANDROID_LOG_ERROR, bus::kLogTag, "%s", what);
     return Status::fromStatusT(android::FAILED_TRANSACTION);
 }
 
@@ -99,4 +97,4 @@ android::hardware::Return<sp<RemoteCameraDesktop::IGraphicBufferProducer>> Remot
     return sp<IGraphicBufferProducer>(new RemoteGraphicBufferProducer(mLink.transport(), target));
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

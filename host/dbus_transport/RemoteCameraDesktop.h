@@ -4,7 +4,7 @@
 
 #include "ProxyLink.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // The desktop service in another process. Addresses the process that had the service's name at the look-up: a
 // service that starts again is another object, found by another look-up.
@@ -12,7 +12,7 @@ namespace vel::host {
 // Calls block until the service answers or dies; they hold no lock and may come from any thread, several at a
 // time. A call fails with DEAD_OBJECT once the service or the bus is gone, with an exception when the service
 // answers with an error of its own, and with FAILED_TRANSACTION otherwise.
-class RemoteCameraDesktop final : public DesktopTransport::ICameraDesktop {
+class RemoteCameraDesktop final : public korvanta::hardware::camera::desktop::V2_0::ICameraDesktop {
   public:
     using IBase = DesktopTransport::IBase;
     using ClientType = korvanta::hardware::camera::desktop::V2_0::ClientType;
@@ -57,4 +57,4 @@ class RemoteCameraDesktop final : public DesktopTransport::ICameraDesktop {
     const ProxyLink mLink;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -4,7 +4,7 @@
 
 #include "DesktopBusNames.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 namespace bus = vel::desktop_bus;
 using android::sp;
@@ -117,4 +117,4 @@ android::hardware::Return<void> RemoteGraphicBufferProducer::getUniqueId(getUniq
     return ask<int32_t, uint64_t>(bus::kGetUniqueId, _hidl_cb);
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

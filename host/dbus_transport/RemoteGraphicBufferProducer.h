@@ -3,7 +3,7 @@
 #include "ProducerWire.h"
 #include "ProxyLink.h"
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // The producer's end of a buffer queue in another process. Statuses and flags are the queue's own; memory
 // and fences arrive as descriptors, of which each reply's are closed when the reply function has returned.
@@ -77,4 +77,4 @@ class RemoteGraphicBufferProducer final : public IGraphicBufferProducer {
     ProxyLink mLink;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -6,10 +6,14 @@
 #include <exception>
 #include <thread>
 
-namespace vel::host {
+#include "DesktopBusNames.h"
+
+namespace vel::dbus_transport {
+
+namespace bus = vel::desktop_bus;
+
 namespace {
 
-constexpr char kTag[] = "DesktopBus";
 constexpr auto kIdleLimit = std::chrono::seconds(10);
 
 }  // namespace
@@ -29,7 +33,7 @@ void WorkerPool::post(Work work) {
         std::thread([this] { runWorker(); }).detach();
     } catch (const std::system_error& error) {
         // The work stays queued for the next worker that has time.
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "No thread for incoming work: %s", error.what());
+        __android_log_print(ANDROID_LOG_ERROR, bus::kLogTag, "No thread for incoming work: %s", error.what());
     }
 }
 
@@ -39,7 +43,8 @@ void WorkerPool::runWorker() {
         try {
             work();
         } catch (const std::exception& exception) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "Incoming work failed: %s", exception.what());
+            __android_log_print(ANDROID_LOG_ERROR, bus::kLogTag, "Incoming work failed: %s",
+                                exception.what());
         }
         work = nullptr;
     }
@@ -56,4 +61,4 @@ bool WorkerPool::takeWork(Work& work) {
     return true;
 }
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

@@ -5,7 +5,7 @@
 #include <functional>
 #include <mutex>
 
-namespace vel::host {
+namespace vel::dbus_transport {
 
 // Threads for work that may block: incoming calls and death notices. There is always a thread for a new piece
 // of work, since each one may wait for another; threads without work end after a while. The threads are
@@ -33,4 +33,4 @@ class WorkerPool {
     size_t mIdleWorkers = 0;
 };
 
-}  // namespace vel::host
+}  // namespace vel::dbus_transport

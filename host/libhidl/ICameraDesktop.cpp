@@ -1,7 +1,4 @@
-#include <android/log.h>
-#include <hidl_host/RemoteServices.h>
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
-#include <unistd.h>
 
 #include "BaseOperations.h"
 #include "Fatal.h"
@@ -14,10 +11,6 @@ using ::android::hardware::Return;
 using ::android::hidl::base::V1_0::IBase;
 using ::vel::host::LocalServiceRegistry;
 
-namespace {
-constexpr useconds_t kLookUpPauseUs = 50'000;
-}
-
 const char* ICameraDesktop::descriptor = "korvanta.hardware.camera.desktop@2.0::ICameraDesktop";
 
 VEL_DEFINE_BASE_OPERATIONS(ICameraDesktop)
@@ -28,23 +21,6 @@ Return<sp<ICameraDesktop>> ICameraDesktop::castFrom(const sp<ICameraDesktop>& pa
 
 Return<sp<ICameraDesktop>> ICameraDesktop::castFrom(const sp<IBase>& parent, bool emitError) {
     return vel::host::castByChain<ICameraDesktop>(parent, emitError);
-}
-
-sp<ICameraDesktop> ICameraDesktop::tryGetService(const std::string& serviceName, bool getStub) {
-    if (getStub) vel::host::fatal("passthrough services are not available on a workstation");
-    sp<ICameraDesktop> local = LocalServiceRegistry::instance().find(serviceName);
-    return local != nullptr ? local : vel::host::findRemoteDesktopService(serviceName);
-}
-
-sp<ICameraDesktop> ICameraDesktop::getService(const std::string& serviceName, bool getStub) {
-    sp<ICameraDesktop> service = tryGetService(serviceName, getStub);
-    if (service != nullptr) return service;
-    __android_log_print(ANDROID_LOG_INFO, "hidl", "waiting for %s/%s", descriptor, serviceName.c_str());
-    while (service == nullptr) {
-        usleep(kLookUpPauseUs);
-        service = tryGetService(serviceName, getStub);
-    }
-    return service;
 }
 
 ::android::status_t ICameraDesktop::registerAsService(const std::string& serviceName) {

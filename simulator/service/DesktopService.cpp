@@ -5,12 +5,11 @@
 
 #include <algorithm>
 
-#include "BusEvents.h"
 #include "DesktopBusNames.h"
 #include "Program.h"
 #include "Timeline.h"
 #include "Trace.h"
-#include "WireText.h"
+#include "WireTypes.h"
 
 namespace bus = vel::desktop_bus;
 using bus::InterfaceObject;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "AsyncCalls.h"
-#include "InterfaceObject.h"
+#include "WireTypes.h"
 
 namespace sdbus {
 class Error;

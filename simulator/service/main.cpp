@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include "BusEvents.h"
+#include "AsyncCalls.h"
 #include "DesktopService.h"
 #include "Program.h"
 #include "Trace.h"

@@ -1,4 +1,4 @@
-#include "WireText.h"
+#include "WireTypes.h"
 
 #include <fcntl.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -80,6 +80,17 @@ bool holdsSealed(int fd, uint64_t size) {
 }
 
 }  // namespace
+
+void InterfaceObject::write(sdbus::Message& message) const {
+    message << sdbus::make_struct(busName, sdbus::ObjectPath(isNull() ? "/" : path));
+}
+
+InterfaceObject InterfaceObject::read(sdbus::Message& message) {
+    sdbus::Struct<std::string, sdbus::ObjectPath> value;
+    message >> value;
+    if (std::get<0>(value).empty()) return {};
+    return {std::get<0>(value), std::get<1>(value)};
+}
 
 std::optional<WireText> WireText::encode(const char* data, size_t size) {
     WireText text;

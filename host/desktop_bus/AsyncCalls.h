@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "InterfaceObject.h"
+#include "WireTypes.h"
 
 namespace sdbus {
 class Error;
@@ -60,5 +60,14 @@ class AsyncCalls {
     std::vector<std::unique_ptr<sdbus::IProxy>>
         mFinished;  // a proxy may not be destroyed inside its own reply
 };
+
+// Waits until the connection has something to process or the descriptor is readable; returns early on a
+// signal. On the connection's thread; throws sdbus::Error.
+void waitForBusOr(const sdbus::IConnection& connection, int descriptor);
+
+// Has the function called, on the connection's thread, with the unique name of each process that leaves the
+// bus. To be called once, before the connection processes anything: a match that is added later would wait
+// for the bus in the midst of other traffic. Throws sdbus::Error.
+void watchPeerDeaths(sdbus::IConnection& connection, std::function<void(const std::string& busName)> onDeath);
 
 }  // namespace vel::desktop_bus

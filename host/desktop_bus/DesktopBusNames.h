@@ -60,6 +60,9 @@ inline constexpr char kErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
 inline constexpr char kErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr char kErrorUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
 
+// Of the lines that the transport logs.
+inline constexpr char kLogTag[] = "DesktopBus";
+
 // The longest text that either end sends or accepts.
 inline constexpr uint64_t kMaxTextBytes = 64u << 20;
 // Texts up to this length travel as D-Bus strings, longer ones in shared memory: strings are checked

@@ -13,6 +13,22 @@ class Message;
 
 namespace vel::desktop_bus {
 
+// An interface as an argument: the object at a path of the process that has a unique bus name. Travels as
+// "(so)"; null is ("", "/").
+struct InterfaceObject {
+    std::string busName;
+    std::string path;
+
+    bool isNull() const { return busName.empty(); }
+    bool operator==(const InterfaceObject& other) const {
+        return busName == other.busName && path == other.path;
+    }
+
+    // On the thread of the message's connection; throw sdbus::Error.
+    void write(sdbus::Message& message) const;
+    static InterfaceObject read(sdbus::Message& message);
+};
+
 // A text on its way over the bus, as a D-Bus variant: "s" when it is short and valid UTF-8 without NUL, else
 // "(ht)", a sealed memory file and the length, which carries any bytes at one cost.
 //
