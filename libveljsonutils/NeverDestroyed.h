@@ -2,8 +2,10 @@
 
 namespace android {
 
-// A global for threads that may outlive the static destructors, as those of a HAL do when its process exits:
-// it exists before any code runs, and nothing ends it. T needs a constexpr constructor without arguments.
+/**
+ * A global for threads that may outlive the static destructors, as those of a HAL do when its process exits:
+ * it exists before any code runs, and nothing ends it. T needs a constexpr constructor without arguments.
+ */
 template <typename T>
 class NeverDestroyed {
   public:

@@ -12,8 +12,10 @@
 
 namespace vel::dbus_transport {
 
-// Which process is connected to which local producer, so that its death can end the connection. A queue has
-// one connection at a time. Any thread.
+/**
+ * Which process is connected to which local producer, so that its death can end the connection. A queue has
+ * one connection at a time. Any thread.
+ */
 class ProducerConnections {
   public:
     using IGraphicBufferProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
@@ -25,13 +27,13 @@ class ProducerConnections {
         int32_t api = 0;
     };
 
-    // The connection takes the place of the one before.
+    /** The connection takes the place of the one before. */
     void put(const std::string& path, Connection connection);
-    // The number of the producer's connection, 0 without; each has another one.
+    /** The number of the producer's connection, 0 without; each has another one. */
     uint64_t numberAt(const std::string& path) const;
-    // Forgets that connection, but no later one.
+    /** Forgets that connection, but no later one. */
     void forget(const std::string& path, uint64_t number);
-    // Every connection of a process, or of all processes of a session, which are forgotten.
+    /** Every connection of a process, or of all processes of a session, which are forgotten. */
     std::vector<Connection> takeAllOf(SessionId session, const std::string& busName);
     std::vector<Connection> takeAll(SessionId session);
 

@@ -16,35 +16,39 @@ class IObject;
 
 namespace vel::dbus_transport {
 
-// Serves this process's producers to other processes. Calls are read and answered on the loop's thread and
-// carried out on workers, where a dequeue may wait as long as it likes.
-//
-// A process that dies while it is connected to a producer is disconnected from it, so that its slots are free
-// and another may connect. The queue itself would not notice: it sees all processes as this one.
+/**
+ * Serves this process's producers to other processes. Calls are read and answered on the loop's thread and
+ * carried out on workers, where a dequeue may wait as long as it likes.
+ *
+ * A process that dies while it is connected to a producer is disconnected from it, so that its slots are free
+ * and another may connect. The queue itself would not notice: it sees all processes as this one.
+ */
 class ProducerStub {
   public:
     using IGraphicBufferProducer = ProducerConnections::IGraphicBufferProducer;
 
-    // All are borrowed for good.
+    /** All are borrowed for good. */
     ProducerStub(BusLoop& loop, WorkerPool& workers, const ObjectExporter& exporter);
     ProducerStub(const ProducerStub&) = delete;
     ProducerStub& operator=(const ProducerStub&) = delete;
 
-    // On the loop's thread. The path is that of an exported producer.
+    /** On the loop's thread. The path is that of an exported producer. */
     void addMethods(sdbus::IObject& object, BusSession& session, const std::string& path);
 
-    // To be called once the exporter has forgotten the references of the peer, or of the whole session. Do
-    // not block.
+    /**
+     * To be called once the exporter has forgotten the references of the peer, or of the whole session. Do
+     * not block.
+     */
     void onPeerDied(SessionId session, const std::string& busName);
     void onSessionEnded(SessionId session);
 
-    // What one operation has replied, on its way to the loop's thread.
+    /** What one operation has replied, on its way to the loop's thread. */
     class Reply;
 
   private:
     ~ProducerStub() = default;  // never run
 
-    // Who calls which producer.
+    /** Who calls which producer. */
     struct Call {
         SessionId session;
         std::string busName;

@@ -74,7 +74,7 @@ class FrameStream {
   private:
     enum class Outcome { REPLACED, LATE, REPEATED, NONE };
 
-    // What the library handed out, mapped; the image keeps it from being overwritten.
+    /** What the library handed out, mapped; the image keeps it from being overwritten. */
     struct Taken;
 
     void runLive();

@@ -6,8 +6,10 @@
 
 namespace vel::sim {
 
-// A change that the desktop application makes to captures. The camera server knows it too, and looks whether
-// its captures took it.
+/**
+ * A change that the desktop application makes to captures. The camera server knows it too, and looks whether
+ * its captures took it.
+ */
 struct MetadataChange {
     const char* name;      // the full name of the tag
     uint32_t tag;          // its id, whose values are int32, or rationals of two

@@ -14,7 +14,7 @@ class App;
 
 namespace vel::sim {
 
-// What every program of the simulator is told on its command line.
+/** What every program of the simulator is told on its command line. */
 struct CommonOptions {
     std::string bus;                      // address of the bus; empty for none
     std::optional<int64_t> timeOriginNs;  // steady clock that printed times count from; none: not told

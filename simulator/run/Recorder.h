@@ -9,7 +9,7 @@
 
 namespace vel::sim {
 
-// What is waited for: a line of one program that holds all of the parts.
+/** What is waited for: a line of one program that holds all of the parts. */
 struct Expectation {
     std::string source;
     std::vector<std::string> parts;

@@ -5,15 +5,17 @@
 #include "Program.h"
 #include "Timeline.h"
 
-// The service's output: one flushed line for each thing that happens,
-//
-//   [   12.345 ms] <who> <what> <rest>
-//
-// where <what> is "->" for a message and "=>" for its answer, each followed by the receiver and the text, or
-// a word such as "registered", "died", "ready". Fields are separated by blanks; only <rest> may contain some.
+/**
+ * The service's output: one flushed line for each thing that happens,
+ *
+ *   [   12.345 ms] <who> <what> <rest>
+ *
+ * where <what> is "->" for a message and "=>" for its answer, each followed by the receiver and the text, or
+ * a word such as "registered", "died", "ready". Fields are separated by blanks; only <rest> may contain some.
+ */
 class Trace {
   public:
-    // Disabled, only ready() prints.
+    /** Disabled, only ready() prints. */
     explicit Trace(bool enabled) : mEnabled(enabled) {}
 
     bool enabled() const { return mEnabled; }

@@ -35,8 +35,8 @@ class ABufferQueue : public testing::Test {
         ConsumerQueue made;
         producer = made.producer;
         consumer = made.consumer;
-        EXPECT_EQ(NO_ERROR, connect());
-        EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(6));
+        EXPECT_EQ(connect(), NO_ERROR);
+        EXPECT_EQ(producer->setMaxDequeuedBufferCount(6), NO_ERROR);
     }
     status_t connect() { return producer->connect(nullptr, kCamera, false, &output); }
     status_t dequeue(uint32_t w = kWidth, uint32_t h = kHeight) {
@@ -46,20 +46,20 @@ class ABufferQueue : public testing::Test {
     // Dequeues and requests, as a producer must before it may queue.
     int dequeueReady() {
         EXPECT_GE(dequeue(), NO_ERROR);
-        EXPECT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+        EXPECT_EQ(producer->requestBuffer(slot, &buffer), NO_ERROR);
         return slot;
     }
     status_t queue(int which, const Producer::QueueBufferInput& input = frame()) {
         return producer->queueBuffer(which, input, &output);
     }
     int queueOne(int64_t timestamp = 0) {
-        EXPECT_EQ(NO_ERROR, queue(dequeueReady(), frame(timestamp)));
+        EXPECT_EQ(queue(dequeueReady(), frame(timestamp)), NO_ERROR);
         return slot;
     }
     status_t cancel(int which) { return producer->cancelBuffer(which, Fence::NO_FENCE); }
     BufferItem acquire() {
         BufferItem item;
-        EXPECT_EQ(NO_ERROR, consumer->acquireBuffer(&item, 0));
+        EXPECT_EQ(consumer->acquireBuffer(&item, 0), NO_ERROR);
         return item;
     }
 
@@ -75,69 +75,69 @@ TEST_F(ABufferQueue, AnswersNoInitOnceItsConsumerIsGone) {
     queueOne();
     const int lent = dequeueReady();
     consumer->abandon();
-    EXPECT_EQ(NO_INIT, connect());
-    EXPECT_EQ(NO_INIT, producer->setMaxDequeuedBufferCount(3));
-    EXPECT_EQ(NO_INIT, dequeue());
-    EXPECT_EQ(NO_INIT, producer->requestBuffer(lent, &buffer));
-    EXPECT_EQ(NO_INIT, queue(lent));
-    EXPECT_EQ(NO_INIT, cancel(lent));
-    EXPECT_EQ(NO_ERROR, producer->disconnect(kCamera));
+    EXPECT_EQ(connect(), NO_INIT);
+    EXPECT_EQ(producer->setMaxDequeuedBufferCount(3), NO_INIT);
+    EXPECT_EQ(dequeue(), NO_INIT);
+    EXPECT_EQ(producer->requestBuffer(lent, &buffer), NO_INIT);
+    EXPECT_EQ(queue(lent), NO_INIT);
+    EXPECT_EQ(cancel(lent), NO_INIT);
+    EXPECT_EQ(producer->disconnect(kCamera), NO_ERROR);
     make();
     consumer.clear();
-    EXPECT_EQ(NO_INIT, dequeue()) << "the consumer's last reference abandons the queue";
+    EXPECT_EQ(dequeue(), NO_INIT) << "the consumer's last reference abandons the queue";
 }
 
 TEST_F(ABufferQueue, ReconnectTakesSlotsBackAndKeepsLimitsAndQueuedFrames) {
     queueOne(11);
     const uint64_t oldId = buffer->getId();
     const int lent = dequeueReady();
-    EXPECT_EQ(NO_ERROR, producer->disconnect(-1)) << "whichever is connected";
-    EXPECT_EQ(NO_ERROR, producer->disconnect(-1)) << "none";
-    EXPECT_EQ(NO_INIT, producer->disconnect(kCamera));
-    ASSERT_EQ(NO_ERROR, connect());
-    EXPECT_EQ(BAD_VALUE, queue(lent)) << "the slot is no longer lent";
+    EXPECT_EQ(producer->disconnect(-1), NO_ERROR) << "whichever is connected";
+    EXPECT_EQ(producer->disconnect(-1), NO_ERROR) << "none";
+    EXPECT_EQ(producer->disconnect(kCamera), NO_INIT);
+    ASSERT_EQ(connect(), NO_ERROR);
+    EXPECT_EQ(queue(lent), BAD_VALUE) << "the slot is no longer lent";
 
     const BufferItem item = acquire();
-    EXPECT_EQ(11, item.mTimestamp);
+    EXPECT_EQ(item.mTimestamp, 11);
     EXPECT_TRUE(item.mIsStale);
     EXPECT_EQ(oldId, item.mGraphicBuffer->getId()) << "the frame's memory must still be there";
-    EXPECT_EQ(IGraphicBufferConsumer::STALE_BUFFER_SLOT, consumer->releaseBuffer(item));
+    EXPECT_EQ(consumer->releaseBuffer(item), IGraphicBufferConsumer::STALE_BUFFER_SLOT);
     for (int expected = 0; expected < 7; expected++) {
-        EXPECT_EQ(kNeedsReallocation, dequeue());
+        EXPECT_EQ(dequeue(), kNeedsReallocation);
         EXPECT_EQ(expected, slot);
     }
-    EXPECT_EQ(NO_ERROR, cancel(0));
-    EXPECT_EQ(kNeedsReallocation, dequeue(2 * kWidth)) << "a buffer of another size does not do";
+    EXPECT_EQ(cancel(0), NO_ERROR);
+    EXPECT_EQ(dequeue(2 * kWidth), kNeedsReallocation) << "a buffer of another size does not do";
 }
 
 TEST_F(ABufferQueue, LendsBuffersAgainWithTheFencesThatTheyCameBackWith) {
     SignalFence released, cancelled;
     queueOne();
-    ASSERT_EQ(NO_ERROR, consumer->releaseBuffer(acquire(), released.fence()));
-    EXPECT_EQ(NO_ERROR, dequeue());
-    EXPECT_EQ(0, slot) << "a consumer that keeps up needs one slot only";
+    ASSERT_EQ(consumer->releaseBuffer(acquire(), released.fence()), NO_ERROR);
+    EXPECT_EQ(dequeue(), NO_ERROR);
+    EXPECT_EQ(slot, 0) << "a consumer that keeps up needs one slot only";
     EXPECT_EQ(released.fence(), fence);
-    EXPECT_EQ(NO_ERROR, producer->cancelBuffer(0, cancelled.fence()));
-    EXPECT_EQ(NO_ERROR, dequeue());
+    EXPECT_EQ(producer->cancelBuffer(0, cancelled.fence()), NO_ERROR);
+    EXPECT_EQ(dequeue(), NO_ERROR);
     EXPECT_EQ(cancelled.fence(), fence);
 }
 
 TEST_F(ABufferQueue, FailedDequeueTakesNoSlot) {
-    EXPECT_EQ(BAD_VALUE, dequeue(0, kHeight));
-    EXPECT_EQ(BAD_VALUE, dequeue(kWidth, 0));
+    EXPECT_EQ(dequeue(0, kHeight), BAD_VALUE);
+    EXPECT_EQ(dequeue(kWidth, 0), BAD_VALUE);
     {
         AllocationFault fault(NO_MEMORY);
-        EXPECT_EQ(NO_MEMORY, dequeue());
+        EXPECT_EQ(dequeue(), NO_MEMORY);
     }
-    EXPECT_EQ(kNeedsReallocation, dequeue());
-    EXPECT_EQ(0, slot) << "the failed allocation gave its slot back";
+    EXPECT_EQ(dequeue(), kNeedsReallocation);
+    EXPECT_EQ(slot, 0) << "the failed allocation gave its slot back";
 }
 
 TEST_F(ABufferQueue, BlockedDequeueGoesOnWithAReleaseARaisedLimitAndTheConsumersEnd) {
     BufferItem held;
     const std::pair<status_t, std::function<void()>> rows[] = {
-        {NO_ERROR, [&] { EXPECT_EQ(NO_ERROR, consumer->releaseBuffer(held)); }},
-        {kNeedsReallocation, [&] { EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(7)); }},
+        {NO_ERROR, [&] { EXPECT_EQ(consumer->releaseBuffer(held), NO_ERROR); }},
+        {kNeedsReallocation, [&] { EXPECT_EQ(producer->setMaxDequeuedBufferCount(7), NO_ERROR); }},
         {NO_INIT, [&] { consumer->abandon(); }},
     };
     for (const auto& [status, event] : rows) {
@@ -147,8 +147,8 @@ TEST_F(ABufferQueue, BlockedDequeueGoesOnWithAReleaseARaisedLimitAndTheConsumers
         held = acquire();
         std::future<status_t> waiting = std::async(std::launch::async, [this] { return dequeue(); });
         EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly));
-        EXPECT_EQ(NO_ERROR, consumer->setMaxAcquiredBufferCount(2));
-        EXPECT_EQ(NO_ERROR, producer->setDequeueTimeout(-1));
+        EXPECT_EQ(consumer->setMaxAcquiredBufferCount(2), NO_ERROR);
+        EXPECT_EQ(producer->setDequeueTimeout(-1), NO_ERROR);
         EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly)) << "neither of these wakes it";
         event();
         EXPECT_EQ(status, waiting.get());
@@ -158,19 +158,19 @@ TEST_F(ABufferQueue, BlockedDequeueGoesOnWithAReleaseARaisedLimitAndTheConsumers
 TEST_F(ABufferQueue, RefusesSlotsThatAreNotLentAndFramesThatDoNotFit) {
     ASSERT_GE(dequeue(), NO_ERROR);
     for (const int other : {-1, slot + 1, 63, 64, INT32_MAX, INT32_MIN}) {
-        EXPECT_EQ(BAD_VALUE, producer->requestBuffer(other, &buffer)) << other;
-        EXPECT_EQ(BAD_VALUE, queue(other)) << other;
-        EXPECT_EQ(BAD_VALUE, cancel(other)) << other;
+        EXPECT_EQ(producer->requestBuffer(other, &buffer), BAD_VALUE) << other;
+        EXPECT_EQ(queue(other), BAD_VALUE) << other;
+        EXPECT_EQ(cancel(other), BAD_VALUE) << other;
     }
-    EXPECT_EQ(BAD_VALUE, queue(slot)) << "never requested";
-    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
-    EXPECT_EQ(BAD_VALUE, queue(slot, frame(0, nullptr)));
-    EXPECT_EQ(BAD_VALUE, queue(slot, frame(0, Fence::NO_FENCE, Rect(), 4)));
-    EXPECT_EQ(BAD_VALUE, queue(slot, frame(0, Fence::NO_FENCE, Rect(kWidth + 1, kHeight))));
-    EXPECT_EQ(BAD_VALUE, producer->cancelBuffer(slot, nullptr));
-    EXPECT_EQ(NO_ERROR, queue(slot)) << "every refusal left it lent";
-    EXPECT_EQ(BAD_VALUE, queue(slot)) << "queued once";
-    EXPECT_EQ(BAD_VALUE, cancel(slot));
+    EXPECT_EQ(queue(slot), BAD_VALUE) << "never requested";
+    ASSERT_EQ(producer->requestBuffer(slot, &buffer), NO_ERROR);
+    EXPECT_EQ(queue(slot, frame(0, nullptr)), BAD_VALUE);
+    EXPECT_EQ(queue(slot, frame(0, Fence::NO_FENCE, Rect(), 4)), BAD_VALUE);
+    EXPECT_EQ(queue(slot, frame(0, Fence::NO_FENCE, Rect(kWidth + 1, kHeight))), BAD_VALUE);
+    EXPECT_EQ(producer->cancelBuffer(slot, nullptr), BAD_VALUE);
+    EXPECT_EQ(queue(slot), NO_ERROR) << "every refusal left it lent";
+    EXPECT_EQ(queue(slot), BAD_VALUE) << "queued once";
+    EXPECT_EQ(cancel(slot), BAD_VALUE);
 }
 
 }  // namespace

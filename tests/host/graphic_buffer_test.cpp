@@ -19,8 +19,8 @@ TEST(AGraphicBuffer, WithoutMemoryIsZeroSizedAndSaysWhy) {
     const auto check = [](const sp<GraphicBuffer>& buffer, status_t expected) {
         void* address = nullptr;
         EXPECT_EQ(expected, buffer->initCheck());
-        EXPECT_EQ(0u, buffer->getWidth());
-        EXPECT_EQ(BAD_VALUE, buffer->lock(kUsage, &address));
+        EXPECT_EQ(buffer->getWidth(), 0u);
+        EXPECT_EQ(buffer->lock(kUsage, &address), BAD_VALUE);
     };
     check(new GraphicBuffer, NO_ERROR);
     check(make(8, 8, 12345), NO_MEMORY);
@@ -41,7 +41,7 @@ TEST(AnImportedBuffer, CannotFaultLater) {
     EXPECT_TRUE(refuses([](auto& wrong) { wrong.width = wrong.stride = 0; }));
     EXPECT_TRUE(refuses([](auto& wrong) { wrong.width = 16; })) << "rows of another length";
     EXPECT_TRUE(refuses([](auto& wrong) { wrong.format = 12345; }));
-    EXPECT_EQ(nullptr, GraphicBuffer::importFrom(nullptr, original->attributes()));
+    EXPECT_EQ(GraphicBuffer::importFrom(nullptr, original->attributes()), nullptr);
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ BGraphicBufferProducer::QueueBufferInput frame(const sp<Fence>& fence = Fence::N
 // A real queue that is reached through both adapters, as by a camera library.
 class AnAdaptedQueue : public testing::Test {
   protected:
-    AnAdaptedQueue() { EXPECT_EQ(NO_ERROR, producer->connect(nullptr, kCamera, false, &output)); }
+    AnAdaptedQueue() { EXPECT_EQ(producer->connect(nullptr, kCamera, false, &output), NO_ERROR); }
 
     status_t dequeue() {
         return producer->dequeueBuffer(&slot, &fence, 64, 1, HAL_PIXEL_FORMAT_RAW_OPAQUE,
@@ -40,37 +40,37 @@ class AnAdaptedQueue : public testing::Test {
 };
 
 TEST_F(AnAdaptedQueue, GivesAFenceAndABufferAlsoWhenItFails) {
-    EXPECT_EQ(IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION, dequeue());
+    EXPECT_EQ(dequeue(), IGraphicBufferProducer::BUFFER_NEEDS_REALLOCATION);
     ASSERT_NE(nullptr, fence);
     EXPECT_NE(Fence::NO_FENCE, fence);
     EXPECT_FALSE(fence->isValid());
-    EXPECT_EQ(BAD_VALUE, producer->requestBuffer(5, &buffer));
+    EXPECT_EQ(producer->requestBuffer(5, &buffer), BAD_VALUE);
     ASSERT_NE(nullptr, buffer);
-    EXPECT_EQ(0u, buffer->getWidth());
+    EXPECT_EQ(buffer->getWidth(), 0u);
     queue.consumer->abandon();
     fence.clear();
     slot = 8;
-    EXPECT_EQ(NO_INIT, dequeue());
+    EXPECT_EQ(dequeue(), NO_INIT);
     EXPECT_NE(nullptr, fence);
-    EXPECT_EQ(0, slot);
+    EXPECT_EQ(slot, 0);
 }
 
 TEST_F(AnAdaptedQueue, PassesEveryFieldOfAFrameOn) {
     dequeue();
-    ASSERT_EQ(NO_ERROR, producer->requestBuffer(slot, &buffer));
+    ASSERT_EQ(producer->requestBuffer(slot, &buffer), NO_ERROR);
     SignalFence signal;
-    ASSERT_EQ(NO_ERROR, producer->queueBuffer(slot, frame(signal.fence()), &output));
+    ASSERT_EQ(producer->queueBuffer(slot, frame(signal.fence()), &output), NO_ERROR);
     BufferItem item;
-    ASSERT_EQ(NO_ERROR, queue.consumer->acquireBuffer(&item, 0, false));
-    EXPECT_EQ(-77, item.mTimestamp);
+    ASSERT_EQ(queue.consumer->acquireBuffer(&item, 0, false), NO_ERROR);
+    EXPECT_EQ(item.mTimestamp, -77);
     EXPECT_TRUE(item.mIsAutoTimestamp);
-    EXPECT_EQ(HAL_DATASPACE_STANDARD_BT601_625, item.mDataSpace);
+    EXPECT_EQ(item.mDataSpace, HAL_DATASPACE_STANDARD_BT601_625);
     EXPECT_EQ(Rect(1, 0, 20, 1), item.mCrop);
-    EXPECT_EQ(3u, item.mScalingMode);
-    EXPECT_EQ(5u, item.mTransform);
-    EXPECT_EQ(-ETIME, item.mFence->wait(0));
+    EXPECT_EQ(item.mScalingMode, 3u);
+    EXPECT_EQ(item.mTransform, 5u);
+    EXPECT_EQ(item.mFence->wait(0), -ETIME);
     signal.signal();
-    EXPECT_EQ(NO_ERROR, item.mFence->wait(0));
+    EXPECT_EQ(item.mFence->wait(0), NO_ERROR);
 }
 
 // Hands out memory that its owner may still shrink under whoever maps it.
@@ -79,7 +79,7 @@ struct HostileProducer : public Wrapper {
     Return<void> requestBuffer(int32_t, requestBuffer_cb _hidl_cb) override {
         native_handle_t* const handle = native_handle_create(1, 0);
         handle->data[0] = memfd_create("hostile", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        EXPECT_EQ(0, ftruncate(handle->data[0], 64));
+        EXPECT_EQ(ftruncate(handle->data[0], 64), 0);
         AnwBuffer given{};
         given.nativeHandle.setTo(handle, true);
         given.attr = {64, 1, 64, HPixelFormat::BLOB, GRALLOC_USAGE_SW_WRITE_OFTEN, 0, 1, 1};
@@ -91,9 +91,9 @@ struct HostileProducer : public Wrapper {
 TEST(AnAdaptedPeer, CannotGiveMemoryThatMayBeTakenAway) {
     sp<GraphicBuffer> buffer;
     const sp<IGraphicBufferProducer> producer = new H2BGraphicBufferProducer(new HostileProducer);
-    EXPECT_EQ(BAD_VALUE, producer->requestBuffer(0, &buffer));
-    EXPECT_EQ(NO_ERROR, buffer->initCheck()) << "only the status tells";
-    EXPECT_EQ(0u, buffer->getWidth());
+    EXPECT_EQ(producer->requestBuffer(0, &buffer), BAD_VALUE);
+    EXPECT_EQ(buffer->initCheck(), NO_ERROR) << "only the status tells";
+    EXPECT_EQ(buffer->getWidth(), 0u);
 }
 
 // A peer that cannot be reached: a failed result that nobody checks ends the process.

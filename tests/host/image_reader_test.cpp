@@ -20,7 +20,7 @@ constexpr auto kBriefly = std::chrono::milliseconds(30);
 
 AImageReader* makeReader(int32_t maxImages) {
     AImageReader* reader = nullptr;
-    EXPECT_EQ(AMEDIA_OK, AImageReader_new(kWidth, 1, kRawPrivate, maxImages, &reader));
+    EXPECT_EQ(AImageReader_new(kWidth, 1, kRawPrivate, maxImages, &reader), AMEDIA_OK);
     return reader;
 }
 
@@ -30,11 +30,11 @@ class AnImageReader : public testing::Test {
     void make(int32_t maxImages) {
         reader = makeReader(maxImages);
         ANativeWindow* window = nullptr;
-        ASSERT_EQ(AMEDIA_OK, AImageReader_getWindow(reader, &window));
+        ASSERT_EQ(AImageReader_getWindow(reader, &window), AMEDIA_OK);
         const sp<Surface> surface = static_cast<Surface*>(window);
         producer = surface->getIGraphicBufferProducer();
-        EXPECT_EQ(NO_ERROR, producer->connect(nullptr, NATIVE_WINDOW_API_CPU, false, &output));
-        EXPECT_EQ(NO_ERROR, producer->setMaxDequeuedBufferCount(6));
+        EXPECT_EQ(producer->connect(nullptr, NATIVE_WINDOW_API_CPU, false, &output), NO_ERROR);
+        EXPECT_EQ(producer->setMaxDequeuedBufferCount(6), NO_ERROR);
     }
     ~AnImageReader() override {
         for (AImage* image : images)
@@ -52,11 +52,11 @@ class AnImageReader : public testing::Test {
     }
     void frame(uint8_t firstByte) {
         void* pixels = nullptr;
-        ASSERT_EQ(NO_ERROR, dequeue());
-        ASSERT_EQ(NO_ERROR, buffer->lock(GRALLOC_USAGE_SW_WRITE_OFTEN, &pixels));
+        ASSERT_EQ(dequeue(), NO_ERROR);
+        ASSERT_EQ(buffer->lock(GRALLOC_USAGE_SW_WRITE_OFTEN, &pixels), NO_ERROR);
         *static_cast<uint8_t*>(pixels) = firstByte;
-        ASSERT_EQ(NO_ERROR, buffer->unlock());
-        ASSERT_EQ(NO_ERROR, queue());
+        ASSERT_EQ(buffer->unlock(), NO_ERROR);
+        ASSERT_EQ(queue(), NO_ERROR);
     }
     // The image becomes the current one, and is deleted at the end.
     media_status_t acquire(media_status_t (*how)(AImageReader*, AImage**)) {
@@ -94,78 +94,78 @@ TEST_F(AnImageReaderDeathTest, EndsTheProcessWhenTheQueueCannotLendSoManyImages)
 TEST_F(AnImageReader, GivesTheOldestFrameUntilAllImagesAreOut) {
     make(2);
     image = reinterpret_cast<AImage*>(1);
-    EXPECT_EQ(AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE, next());
-    EXPECT_EQ(nullptr, image);
+    EXPECT_EQ(next(), AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE);
+    EXPECT_EQ(image, nullptr);
     frame(10);
     frame(20);
-    ASSERT_EQ(AMEDIA_OK, next());
-    EXPECT_EQ(10, firstByte());
-    ASSERT_EQ(AMEDIA_OK, next());
-    EXPECT_EQ(20, firstByte());
-    EXPECT_EQ(AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED, latest()) << "even when nothing is queued";
-    EXPECT_EQ(AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED, next());
-    EXPECT_EQ(nullptr, image);
+    ASSERT_EQ(next(), AMEDIA_OK);
+    EXPECT_EQ(firstByte(), 10);
+    ASSERT_EQ(next(), AMEDIA_OK);
+    EXPECT_EQ(firstByte(), 20);
+    EXPECT_EQ(latest(), AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED) << "even when nothing is queued";
+    EXPECT_EQ(next(), AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED);
+    EXPECT_EQ(image, nullptr);
     image = images.front();
     drop();
-    EXPECT_EQ(AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE, next());
+    EXPECT_EQ(next(), AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE);
 }
 
 TEST_F(AnImageReader, SkipsToTheLatestFrameWithTwoFreePlacesOnly) {
     make(3);
-    EXPECT_EQ(AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE, latest());
+    EXPECT_EQ(latest(), AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE);
     for (uint8_t i = 1; i <= 4; i++)
         frame(i);
-    ASSERT_EQ(AMEDIA_OK, latest());
-    EXPECT_EQ(4, firstByte()) << "older frames are dropped";
+    ASSERT_EQ(latest(), AMEDIA_OK);
+    EXPECT_EQ(firstByte(), 4) << "older frames are dropped";
     for (uint8_t i = 5; i <= 7; i++)
         frame(i);
-    ASSERT_EQ(AMEDIA_OK, next());
-    ASSERT_EQ(AMEDIA_OK, latest());
-    EXPECT_EQ(6, firstByte()) << "one place only: the oldest";
+    ASSERT_EQ(next(), AMEDIA_OK);
+    ASSERT_EQ(latest(), AMEDIA_OK);
+    EXPECT_EQ(firstByte(), 6) << "one place only: the oldest";
     drop();
-    ASSERT_EQ(AMEDIA_OK, next());
-    EXPECT_EQ(7, firstByte()) << "and the rest stays queued";
+    ASSERT_EQ(next(), AMEDIA_OK);
+    EXPECT_EQ(firstByte(), 7) << "and the rest stays queued";
 }
 
 TEST_F(AnImageReader, GivesARefusedFormatBackAndLosesAPlaceToACropOffTheOrigin) {
     make(2);
     for (int i = 0; i < 3; i++) {
-        ASSERT_EQ(NO_ERROR, dequeue(64, 1, HAL_PIXEL_FORMAT_RGBA_8888));
-        ASSERT_EQ(NO_ERROR, queue());
-        EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, next());
+        ASSERT_EQ(dequeue(64, 1, HAL_PIXEL_FORMAT_RGBA_8888), NO_ERROR);
+        ASSERT_EQ(queue(), NO_ERROR);
+        EXPECT_EQ(next(), AMEDIA_ERROR_UNKNOWN);
     }
-    ASSERT_EQ(NO_ERROR, dequeue());
-    ASSERT_EQ(NO_ERROR, queue(Fence::NO_FENCE, Rect(1, 0, 10, 1)));
-    EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, next());
+    ASSERT_EQ(dequeue(), NO_ERROR);
+    ASSERT_EQ(queue(Fence::NO_FENCE, Rect(1, 0, 10, 1)), NO_ERROR);
+    EXPECT_EQ(next(), AMEDIA_ERROR_UNKNOWN);
     frame(1);
-    EXPECT_EQ(AMEDIA_OK, next());
-    EXPECT_EQ(AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED, next()) << "two places, one lost, one out";
+    EXPECT_EQ(next(), AMEDIA_OK);
+    EXPECT_EQ(next(), AMEDIA_IMGREADER_MAX_IMAGES_ACQUIRED) << "two places, one lost, one out";
 }
 
 TEST_F(AnImageReader, WaitsForTheFramesFence) {
     make(2);
     SignalFence written;
-    ASSERT_EQ(NO_ERROR, dequeue());
-    ASSERT_EQ(NO_ERROR, queue(written.fence()));
+    ASSERT_EQ(dequeue(), NO_ERROR);
+    ASSERT_EQ(queue(written.fence()), NO_ERROR);
     std::future<media_status_t> waiting = std::async(std::launch::async, [&] { return next(); });
     EXPECT_EQ(std::future_status::timeout, waiting.wait_for(kBriefly));
     written.signal();
-    EXPECT_EQ(AMEDIA_OK, waiting.get());
+    EXPECT_EQ(waiting.get(), AMEDIA_OK);
 }
 
 TEST_F(AnImageReader, GivesTheOnePlaneOfOneRowFrames) {
     make(3);
     for (const uint32_t width : {16u, static_cast<uint32_t>(2 * kWidth)}) {
-        ASSERT_EQ(NO_ERROR, dequeue(width));
-        ASSERT_EQ(NO_ERROR, queue());
-        ASSERT_EQ(AMEDIA_OK, next()) << "another size than the reader's is no reason to refuse";
-        ASSERT_EQ(AMEDIA_OK, plane());
+        ASSERT_EQ(dequeue(width), NO_ERROR);
+        ASSERT_EQ(queue(), NO_ERROR);
+        ASSERT_EQ(next(), AMEDIA_OK) << "another size than the reader's is no reason to refuse";
+        ASSERT_EQ(plane(), AMEDIA_OK);
         EXPECT_EQ(width, static_cast<uint32_t>(length)) << "the length is the producer's width";
     }
-    ASSERT_EQ(NO_ERROR, dequeue(64, 2));
-    ASSERT_EQ(NO_ERROR, queue());
-    ASSERT_EQ(AMEDIA_OK, next());
-    EXPECT_EQ(AMEDIA_ERROR_UNKNOWN, plane()) << "two rows";
+    ASSERT_EQ(dequeue(64, 2), NO_ERROR);
+    ASSERT_EQ(queue(), NO_ERROR);
+    ASSERT_EQ(next(), AMEDIA_OK);
+    EXPECT_EQ(plane(), AMEDIA_ERROR_UNKNOWN) << "two rows";
 }
 
 TEST_F(AnImageReader, MayGoWhileItsImagesAreDeleted) {
@@ -173,7 +173,7 @@ TEST_F(AnImageReader, MayGoWhileItsImagesAreDeleted) {
         make(4);
         for (int i = 0; i < 3; i++) {
             frame(1);
-            ASSERT_EQ(AMEDIA_OK, next());
+            ASSERT_EQ(next(), AMEDIA_OK);
         }
         std::thread deleting([&] {
             for (AImage* each : images)
