@@ -11,6 +11,10 @@ if(VEL_SANITIZE)
   if(VEL_SANITIZE MATCHES undefined)
     # The product has no type information, which the vptr check needs.
     target_compile_options(vel_base_flags INTERFACE -fno-sanitize=vptr -fno-sanitize-recover=all)
+    if(CMAKE_SYSTEM_PROCESSOR STREQUAL armv7l)
+      # The address of a Thumb function is odd, which g++ takes for misaligned.
+      target_compile_options(vel_base_flags INTERFACE -marm)
+    endif()
   endif()
 endif()
 
