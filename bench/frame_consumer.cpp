@@ -9,7 +9,7 @@
 
 namespace {
 
-using namespace android;  // NOLINT(google-build-using-namespace)
+using namespace android;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 

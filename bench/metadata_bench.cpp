@@ -100,7 +100,7 @@ CameraMetadata makeBuffer(const Tags& tags, bool sorted = false) {
     return buffer;
 }
 
-// So many standard tags, in an order of no meaning but always the same.
+// That many standard tags, in an order of no meaning but always the same.
 Tags anyTags(size_t count) {
     Tags all;
     for (const auto& [first, end] : camera_metadata_section_bounds) {

@@ -30,7 +30,7 @@ class FrameProcessor {
     /**
      * "frames size=1920x1080 [effect=tint] [buffers=16] [hold=N]" configures image substitution, in place of
      * an earlier one, and processes frames from then on; with hold it keeps every frame of either queue
-     * after so many. "frames end" ends it. False, said in an error line, when it cannot be done.
+     * after that many. "frames end" ends it. False, said in an error line, when it cannot be done.
      */
     bool execute(const std::string& line);
 

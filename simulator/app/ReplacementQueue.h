@@ -24,7 +24,7 @@ class ReplacementQueue {
     ReplacementQueue& operator=(const ReplacementQueue&) = delete;
 
     /**
-     * Fills a buffer of one row of so many bytes and queues it. False when there is no buffer within a
+     * Fills a buffer of one row of that many bytes and queues it. False when there is no buffer within a
      * quarter of a second or the HAL refuses; status() then tells why.
      */
     bool send(uint32_t rowBytes, int64_t timestampNs,

@@ -31,7 +31,7 @@ constexpr char kInputLines[] =
     "      a JSON command to send; what begins with no letter is sent as it stands\n"
     "  frames size=WIDTHxHEIGHT [effect=tint|mirror|blur|none] [buffers=16] [hold=N]\n"
     "      configures image substitution and processes its frames; with hold it keeps those\n"
-    "      after so many\n"
+    "      after that number\n"
     "  frames end\n"
     "  help";
 

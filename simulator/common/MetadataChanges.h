@@ -14,7 +14,7 @@ struct MetadataChange {
     const char* name;      // the full name of the tag
     uint32_t tag;          // its id, whose values are int32, or rationals of two
     bool isRequest;        // of requests, else of results
-    uint32_t everyFrames;  // frame 0 and each so many frames later
+    uint32_t everyFrames;  // frame 0, and one at each such distance
     bool isRational;
     std::vector<int32_t> (*values)(uint32_t frame);  // a rational's are numerator and denominator
 

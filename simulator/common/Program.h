@@ -62,8 +62,8 @@ class EndSignals {
     EndSignals();
     /** Whether one of the signals has arrived. */
     bool arrived() const { return wait(0); }
-    /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after so many
-     * milliseconds, when given. */
+    /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after that
+     * many milliseconds, when given. */
     bool wait(int limitMs = -1, int otherFd = -1) const;
     /** Readable once a signal has arrived, for a wait of the caller's own; not to be read from. */
     int fd() const { return mSignals; }

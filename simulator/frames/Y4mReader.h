@@ -16,8 +16,8 @@ struct FrameRate {
     int seconds = 1;
 };
 
-// Where bytes come from: reads at least one byte and at most so many, waiting for them, and returns how many;
-// 0 at the end. Throws std::runtime_error when reading fails.
+// Where bytes come from: reads at least one byte and at most that many, waiting for them, and returns how
+// many; 0 at the end. Throws std::runtime_error when reading fails.
 using ReadBytes = std::function<size_t(void*, size_t)>;
 
 /** Reads from a descriptor that stays the caller's. */

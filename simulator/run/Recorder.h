@@ -27,7 +27,7 @@ class Recorder {
     void add(const std::string& source, const std::string& line);
 
     /**
-     * From now on print() shows only the first so many of the lines that meet the pattern; all are waited for
+     * From now on print() shows of the lines that meet the pattern only that number; all are waited for
      * as before. A line that meets several patterns counts for the one that was given first.
      */
     void printOnlyFirst(const Expectation& pattern, size_t count);
@@ -72,7 +72,7 @@ class Recorder {
     std::condition_variable mChanged;
     std::vector<Entry> mEntries;  // guarded by mLock
     std::vector<Quota> mQuotas;   // guarded by mLock
-    size_t mPrinted = 0;          // guarded by mLock; so many entries were printed
+    size_t mPrinted = 0;          // guarded by mLock; how many entries were printed
     bool mInterrupted = false;    // guarded by mLock
 };
 

@@ -24,7 +24,7 @@
 #include "SignalFence.h"
 #include "WaitUntil.h"
 
-using namespace android;  // NOLINT(google-build-using-namespace)
+using namespace android;
 using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;

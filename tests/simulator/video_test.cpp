@@ -30,7 +30,7 @@ std::string errorOf(Action action) {
     return "(no error)";
 }
 
-// Delivers a text in pieces of at most so many bytes.
+// Delivers a text in pieces of at most that many bytes.
 ReadBytes piecesOf(std::string text, size_t piece) {
     return [text = std::move(text), piece, at = size_t{0}](void* to, size_t count) mutable {
         const size_t given = std::min({piece, count, text.size() - at});

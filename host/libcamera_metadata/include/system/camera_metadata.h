@@ -107,7 +107,7 @@ int validate_camera_metadata_structure(const camera_metadata_t* metadata, const 
 int append_camera_metadata(camera_metadata_t* dst, const camera_metadata_t* src);
 
 /**
- * The bytes that so many values take in a buffer's data area: a multiple of 8, or 0 when they fit in the
+ * The bytes that the values take in a buffer's data area: a multiple of 8, or 0 when they fit in the
  * entry itself (4 bytes) or the type is unknown.
  */
 size_t calculate_camera_metadata_entry_data_size(uint8_t type, size_t data_count);

@@ -28,7 +28,7 @@ struct IBase;
 namespace android::hardware {
 
 namespace details {
-/** / Aborts when a message cannot carry so many bytes or elements. */
+/** Aborts when a message cannot carry that many bytes or elements. */
 void checkLength(size_t length);
 }  // namespace details
 
