@@ -220,7 +220,8 @@ class VEL_EXPORT VelChiDesktopHelper {
      */
     bool connectProducer(uint32_t width, uint32_t height, uint32_t format);
 
-    /** Disconnects from the application's queue and drops it. A lent buffer stays on record. Takes no lock.
+    /**
+     * Disconnects from the application's queue and drops it. A lent buffer stays on record. Takes no lock.
      */
     void disconnectProducer();
 

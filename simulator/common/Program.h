@@ -20,16 +20,22 @@ struct CommonOptions {
     std::optional<int64_t> timeOriginNs;  // steady clock that printed times count from; none: not told
 };
 
-/** Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
- * CLI11, which costs seconds to compile: only a program's main.cpp includes it. */
+/**
+ * Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
+ * CLI11, which costs seconds to compile: only a program's main.cpp includes it.
+ */
 void addCommonOptions(CLI::App& cli, CommonOptions& options);
 
-/** Parses the command line; an exit code when the program is to end with it (help, or words it does not
- * know). */
+/**
+ * Parses the command line; an exit code when the program is to end with it (help, or words it does not
+ * know).
+ */
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
 
-/** Makes the options hold for this process: the bus address and the origin of printed times, which is now
- * when they tell none. Before any thread. */
+/**
+ * Makes the options hold for this process: the bus address and the origin of printed times, which is now
+ * when they tell none. Before any thread.
+ */
 void applyCommonOptions(const CommonOptions& options);
 
 /** The steady clock, in ns, that printed times count from. Any thread. */
@@ -37,8 +43,10 @@ int64_t timeOriginNs();
 /** Counts printed times from another origin from now on. Any thread. */
 void setTimeOrigin(int64_t originNs);
 
-/** Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
- * thread may call. */
+/**
+ * Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
+ * thread may call.
+ */
 void printStamped(const std::string& line);
 
 /** The same of a formatted text. Bytes that are not printable are escaped. */
@@ -62,12 +70,15 @@ class EndSignals {
     EndSignals();
     /** Whether one of the signals has arrived. */
     bool arrived() const { return wait(0); }
-    /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after that
-     * many milliseconds, when given. */
+    /**
+     * Blocks until one of the signals arrives. Also until the descriptor is readable, or false after that
+     * many milliseconds, when given.
+     */
     bool wait(int limitMs = -1, int otherFd = -1) const;
     /** Readable once a signal has arrived, for a wait of the caller's own; not to be read from. */
     int fd() const { return mSignals; }
-    /** Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
+    /**
+     * Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
      */
     bool readLine(std::string& line);
 

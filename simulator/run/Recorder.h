@@ -32,8 +32,10 @@ class Recorder {
      */
     void printOnlyFirst(const Expectation& pattern, size_t count);
 
-    /** Prints the lines that came since the last print, in the order of their times. When they cannot be
-     * written, that interrupts. */
+    /**
+     * Prints the lines that came since the last print, in the order of their times. When they cannot be
+     * written, that interrupts.
+     */
     void print();
 
     /**
