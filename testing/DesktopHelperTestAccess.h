@@ -17,6 +17,11 @@ struct DesktopHelperTestAccess {
         return helper.mDesktopSettings[fwkId];
     }
     static std::mutex& serviceLock(VelChiDesktopHelper& helper) { return helper.mServiceLock; }
+    static std::mutex& settingsLock(VelChiDesktopHelper& helper) { return helper.mSettingsLock; }
+    static void setProxy(VelChiDesktopHelper& helper,
+                         const android::sp<VelChiDesktopHelper::ICameraDesktop>& proxy) {
+        helper.setServiceProxy(proxy);
+    }
     static bool isConnected(VelChiDesktopHelper& helper) { return helper.serviceProxy() != nullptr; }
     static auto& maxStreamSizes(VelChiDesktopHelper& helper) { return helper.mMaxStreamSizes; }
     static int32_t appSlot(VelChiDesktopHelper& helper) { return helper.mAppDequeuedSlot; }

@@ -53,6 +53,11 @@ bool FakeDesktopService::awaitBlocked(const std::string& operation) {
     return mChanged.wait_for(guard, std::chrono::seconds(30), [&] { return mWaiting[operation] > 0; });
 }
 
+void FakeDesktopService::during(const std::string& operation, std::function<void()> action) {
+    std::lock_guard guard(mLock);
+    mActions[operation] = std::move(action);
+}
+
 std::vector<std::string> FakeDesktopService::calls(const std::string& beginning) const {
     std::lock_guard guard(mLock);
     std::vector<std::string> selected;
@@ -100,7 +105,7 @@ std::optional<std::string> FakeDesktopService::sendToCallback(const std::string&
 
 Return<void> FakeDesktopService::registerCallback(ClientType type,
                                                   const sp<ICameraDesktopCallback>& callback) {
-    record("registerCallback", type);
+    record(Operation::REGISTER_CALLBACK, type);
     sp<ICameraDesktopCallback> replaced = callback;
     std::lock_guard guard(mLock);
     std::swap(mCallbacks[type], replaced);
@@ -137,4 +142,7 @@ void FakeDesktopService::record(const std::string& operation, ClientType type, c
     mChanged.notify_all();
     mChanged.wait(guard, [&] { return mBlocked.count(operation) == 0; });
     --mWaiting[operation];
+    const std::function<void()> action = mActions[operation];
+    guard.unlock();
+    if (action) action();
 }

@@ -23,6 +23,7 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
 
     // What the recorded calls begin with.
     struct Operation {
+        static constexpr char REGISTER_CALLBACK[] = "registerCallback";
         static constexpr char SEND_COMMAND[] = "sendCommand";
         static constexpr char SET_SURFACE[] = "setSurface";
         static constexpr char GET_SURFACE[] = "getSurface";
@@ -40,6 +41,9 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
     void unblock(const std::string& operation);
     // Waits, at most for a generous limit, until a call of the operation waits; false when none comes.
     bool awaitBlocked(const std::string& operation);
+
+    // Runs inside every later call of the operation, after it was recorded, on the caller's thread.
+    void during(const std::string& operation, std::function<void()> action);
 
     // The calls so far that begin with the text, oldest first: "registerCallback 2", "setSurface 7 null",
     // "setSurface 7 producer", "getSurface 0", "sendCommand 0 {}".
@@ -80,6 +84,7 @@ class FakeDesktopService : public ::korvanta::hardware::camera::desktop::V2_0::I
     std::map<ClientType, ::android::sp<ICameraDesktopCallback>> mCallbacks;
     std::map<ClientType, ::android::sp<IGraphicBufferProducer>> mSurfaces;
     std::map<ClientType, ReplyFunction> mReplies;
+    std::map<std::string, std::function<void()>> mActions;
     std::set<std::string> mBlocked;
     std::map<std::string, size_t> mWaiting;
 };

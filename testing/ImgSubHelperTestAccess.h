@@ -8,6 +8,8 @@ struct ImgSubHelperTestAccess {
         std::lock_guard<std::mutex> lock(helper.mLock);
         return helper.mDequeuedSlots[streamIndex];
     }
+    static std::mutex& lock(VelImgSubHelper& helper) { return helper.mLock; }
+    static bool isAppConnected(const VelImgSubHelper& helper) { return helper.mImgSubAppConnected; }
     static bool mergesStreams(const VelImgSubHelper& helper) { return helper.mMergeStreams; }
     static uint32_t maxStreamIndex(VelImgSubHelper& helper) { return helper.mMaxStreamIndex; }
     static std::shared_ptr<AImage> received(VelImgSubHelper& helper, uint32_t streamIndex) {

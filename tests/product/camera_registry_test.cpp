@@ -3,6 +3,7 @@
 #include <type_traits>
 
 #include "HelperFixture.h"
+#include "WaitsForLock.h"
 
 namespace {
 
@@ -111,6 +112,23 @@ TEST_F(ARegistry, AsksForASwitchOnceTheRequiredIdDiffersFromTheOpenOne) {
                                       "E needsCameraIdSwitch: Invalid override id 9",
                                       MatchesRegex("E getOriginalFwkIdLocked:[0-9]+ Invalid camera id 30"),
                                       "E needsCameraIdSwitch: Invalid override id 30"));
+}
+
+TEST_F(ARegistry, IsLockedByWhateverReadsOrWritesIt) {
+    uint32_t opened = 0, fwkId = 0;
+    const std::string event = R"({"event":{"isDesktop":true,"id":"0","type":)";
+    expectEachWaitsFor(DesktopHelperTestAccess::settingsLock(*helper),
+                       {{"open", [&] { helper->updateCameraIdOnHalOpen(opened); }},
+                        {"close", [&] { helper->onHalClose(0); }},
+                        {"request", [&] { helper->setRequiredOverrideId(0, 2); }},
+                        {"open event", [&] { send(event + R"("cameraOpen"}})"); }},
+                        {"closed event", [&] { send(event + R"("cameraClosed"}})"); }},
+                        {"get", [&] { send(R"({"get":{"what":"overrideId","originalId":0}})"); }},
+                        {"desktop mode", [&] { helper->isDesktopMode(0, FWK_CAMERA_ID); }},
+                        {"current id", [&] { helper->getCurrentOverrideId(0); }},
+                        {"original id", [&] { helper->getOriginalCameraId(4); }},
+                        {"override", [&] { helper->isCameraInOverride(4); }},
+                        {"switch", [&] { helper->needsCameraIdSwitch(4, fwkId); }}});
 }
 
 TEST_F(ARegistry, RefusesTheOverrideToTheCameraApplicationOnly) {

@@ -4,6 +4,7 @@
 
 #include "HelperFixture.h"
 #include "RepeatedActions.h"
+#include "WaitsForLock.h"
 
 namespace {
 
@@ -84,7 +85,7 @@ TEST_F(ASession, AsksForARestartOnceAndAnnouncesItAtEveryOpenUntilTheClose) {
     ASSERT_TRUE(helper->needsCameraIdSwitch(4, fwkId));
     EXPECT_EQ(open(0), 2u);
     EXPECT_THAT(messages(), ElementsAre(restartDone("2")));
-    EXPECT_EQ(log.count("sendSessionRestartDoneToApp: App replied "), 1u);
+    EXPECT_THAT(logged(), testing::Contains("D sendSessionRestartDoneToApp: App replied "));
     EXPECT_EQ(open(0), 2u);
     EXPECT_EQ(messages().size(), 2u);
 
@@ -102,7 +103,7 @@ TEST_F(ASession, AsksForARestartOnceAndAnnouncesItAtEveryOpenUntilTheClose) {
 
 // The application takes a message and answers late or never, and the message holds the link meanwhile. Before
 // the answer it also asks something back, which needs the registry.
-TEST_F(ASession, ClosesWithoutWaitingForAPeerThatDoesNotAnswer) {
+TEST_F(ASession, OpensAndClosesWithoutWaitingForAPeerThatDoesNotAnswer) {
     open(0);
     open(1);
     record(0).isDesktop = true;
@@ -113,7 +114,8 @@ TEST_F(ASession, ClosesWithoutWaitingForAPeerThatDoesNotAnswer) {
         return "OK_APP";
     });
     service->block(Operation::SEND_COMMAND);
-    std::thread sender([&] { helper->sendSessionRestartDoneToApp(0, 2); });
+    record(0).restartPending = true;
+    open(0);
     ASSERT_TRUE(service->awaitBlocked(Operation::SEND_COMMAND));
 
     helper->onHalClose(0);
@@ -123,7 +125,7 @@ TEST_F(ASession, ClosesWithoutWaitingForAPeerThatDoesNotAnswer) {
     EXPECT_EQ(helper->mImgSubHelper, nullptr);
     EXPECT_THAT(service->calls(Operation::SET_SURFACE), ElementsAre("setSurface 7 null"));
     service->unblock(Operation::SEND_COMMAND);
-    sender.join();
+    awaitThreads();
     EXPECT_EQ(talkedBack, R"({"error":"Unknown"})") << "camera 0 is closed";
 }
 
@@ -138,6 +140,7 @@ TEST_F(ASession, KeepsWhatArrivesDuringTheTeardownOfAClose) {
     std::thread closer([&] { helper->onHalClose(0); });
     ASSERT_TRUE(service->awaitBlocked(Operation::SET_SURFACE));
 
+    EXPECT_FALSE(isFree(DesktopHelperTestAccess::serviceLock(*helper))) << "the link was free for it";
     EXPECT_EQ(record(0).requiredOverrideId, 4u);
     EXPECT_EQ(helper->mImgSubHelper, nullptr);
     EXPECT_EQ(send(R"({"event":{"type":"cameraClosed","id":"0"},"general":{"originalId":0,"overrideId":2}})"),
@@ -146,6 +149,14 @@ TEST_F(ASession, KeepsWhatArrivesDuringTheTeardownOfAClose) {
     closer.join();
     EXPECT_FALSE(record(0).isDesktop);
     EXPECT_EQ(open(0), 2u);
+}
+
+TEST_F(ASession, ClosesWithoutLookingForAService) {
+    record(0).isDesktop = true;
+    vel::host::clearLocalServices();
+    helper->disconnectFromServiceLocked();
+    helper->onHalClose(0);
+    EXPECT_EQ(vel::host::localLookUpCount("default"), 0u);
 }
 
 // Whatever the interleaving, the required id stays valid and a final close leaves the defaults.

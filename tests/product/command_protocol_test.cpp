@@ -57,6 +57,7 @@ TEST_F(ACommand, ThatSaysNothingUsableIsAnsweredAndLoggedWithoutAnEffect) {
          {"OK_HAL", "E handleEventMessage: Failed to parse camera id 16 on close command"}},
         {R"({"general":[]})", {"OK_HAL", "D Found general cmd", "E Invalid cmd"}},
         {R"({"get":"status"})", {invalid, "E Invalid json for get command: status"}},
+        {R"({"get":5})", {invalid, "E Invalid json for get command: not an object"}},
         {R"({"get":{}})", {absent, "E Get command not implemented for "}},
         {R"({"get":{"what":"version"}})", {absent, "E Get command not implemented for version"}},
         {R"({"get":{"what":["overrideId"]}})", {absent, "E Get command not implemented for "}},
@@ -113,21 +114,21 @@ TEST_F(ACommand, RunsEventThenGeneralThenGetEachByTheFirstOfEqualKeys) {
 TEST_F(ACommand, EventOpensADesktopCameraAndTheFirstOneKeepsIt) {
     struct {
         const char* event;
-        bool zero, one;  // the desktop cameras afterwards
+        bool first, last;  // the desktop cameras afterwards
         const char* line;
     } const steps[] = {
         {R"("cameraOpen","id":"0","isDesktop":true)", true, false, "0 is opening - desktop: true"},
-        {R"("cameraOpen","id":"1","isDesktop":true)", true, false, "1 is opening - desktop: false"},
+        {R"("cameraOpen","id":"15","isDesktop":true)", true, false, "15 is opening - desktop: false"},
         {R"("cameraClosed","id":"0")", false, false, "0 has closed - reset desktop settings"},
-        {R"("cameraOpen","id":"1","isDesktop":true)", false, true, "1 is opening - desktop: true"},
+        {R"("cameraOpen","id":"15","isDesktop":true)", false, true, "15 is opening - desktop: true"},
         // A second open of the same camera without a close turns it off.
-        {R"("cameraOpen","id":"1","isDesktop":true)", false, false, "1 is opening - desktop: false"},
+        {R"("cameraOpen","id":"15","isDesktop":true)", false, false, "15 is opening - desktop: false"},
     };
     for (const auto& step : steps) {
         EXPECT_THAT(outcomeOf(std::string(R"({"event":{"type":)") + step.event + "}}"),
                     ElementsAre("OK_HAL", std::string("I handleEventMessage: cameraId ") + step.line));
-        EXPECT_EQ(record(0).isDesktop, step.zero);
-        EXPECT_EQ(record(1).isDesktop, step.one);
+        EXPECT_EQ(record(0).isDesktop, step.first);
+        EXPECT_EQ(record(15).isDesktop, step.last);
     }
 }
 
@@ -138,16 +139,27 @@ TEST_F(ACommand, EventSetsThePermissionByThePackageName) {
     };
     EXPECT_FALSE(open(R"(,"packageName":"com.korvanta.camera.x")"));
     EXPECT_THAT(logged(), testing::Contains("I handleEventMessage: pkg: com.korvanta.camera.x"));
-    send(R"({"event":{"type":"cameraClosed","id":"3"}})");
     EXPECT_FALSE(open("")) << "an open without a readable name keeps the permission";
     EXPECT_FALSE(open(R"(,"packageName":7)"));
     EXPECT_TRUE(open(R"(,"packageName":"")"));
 }
 
+TEST_F(ACommand, EventOfACloseEndsDesktopModeAlone) {
+    auto& settings = record(3);
+    settings.isDesktop = settings.restartPending = true;
+    settings.overrideAllowed = false;
+    settings.currentOverrideId = 5;
+    send(R"({"event":{"type":"cameraClosed","id":"3"}})");
+    EXPECT_FALSE(settings.isDesktop);
+    EXPECT_TRUE(settings.restartPending);
+    EXPECT_FALSE(settings.overrideAllowed);
+    EXPECT_EQ(settings.currentOverrideId, 5u);
+}
+
 TEST_F(ACommand, EventIdMustBeAWholeDecimalTextBelowSixteen) {
     for (const char* id :
          {"\"\"", "\" 1\"", "\"+1\"", "\"-1\"", "\"0x1\"", "\"1 \"", "\"16\"", "\"4294967297\"", "\"65535\"",
-          "\"1\\u0000\"", "\"1a\"", "1", "true", "null", "[\"1\"]"}) {
+          "\"1\\u0000\"", "\"1a\"", "\"a\"", "1", "true", "null", "[\"1\"]"}) {
         SCOPED_TRACE(id);
         log.clear();
         EXPECT_EQ(send(std::string(R"({"event":{"type":"cameraOpen","isDesktop":true,"id":)") + id + "}}"),
