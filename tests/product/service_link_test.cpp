@@ -1,26 +1,105 @@
 #include <gmock/gmock.h>
+#include <unistd.h>
 
-#include <chrono>
+#include <map>
 #include <thread>
 
 #include "HelperFixture.h"
+#include "HelperLifetime.h"
 #include "RepeatedActions.h"
+#include "WaitsForLock.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using std::chrono::steady_clock;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr useconds_t kReconnectPauseUs = 500 * 1000;
+constexpr useconds_t kLeavingPauseUs = 1000;
+constexpr std::chrono::milliseconds kLimit(30000), kMoment(30);
+
+// The helper's pauses, which take no time here but last as long as they are held.
+class Pauses {
+  public:
+    void hold(useconds_t length) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mHeld = length;
+    }
+    void release() { hold(0); }
+    // Runs inside every later pause of the length.
+    void during(useconds_t length, std::function<void()> action) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mActions[length] = std::move(action);
+    }
+    int count(useconds_t length) {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mCounts[length];
+    }
+    void run(useconds_t length) {
+        std::unique_lock<std::mutex> lock(mLock);
+        ++mCounts[length];
+        const std::function<void()> action = mActions[length];
+        lock.unlock();
+        if (action) action();
+        EXPECT_TRUE(waitUntil([&] {
+            std::lock_guard<std::mutex> relock(mLock);
+            return mHeld != length;
+        }));
+    }
+    void reset() {
+        std::lock_guard<std::mutex> lock(mLock);
+        mHeld = 0;
+        mActions.clear();
+        mCounts.clear();
+    }
+
+  private:
+    std::mutex mLock;
+    useconds_t mHeld = 0;
+    std::map<useconds_t, std::function<void()>> mActions;
+    std::map<useconds_t, int> mCounts;
+} gPauses;
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" int usleep(useconds_t length) {
+    gPauses.run(length);
+    return 0;
+}
+
+namespace {
+
+// A service whose calls run and then fail.
+struct FailingService : FakeDesktopService {
+    static android::hardware::Status failure() {
+        return android::hardware::Status::fromStatusT(android::FAILED_TRANSACTION);
+    }
+    android::hardware::Return<void> sendCommand(ClientType, const android::hardware::hidl_string&,
+                                                sendCommand_cb reply) override {
+        reply("late");
+        return failure();
+    }
+    android::hardware::Return<bool> unlinkToDeath(
+        const android::sp<android::hardware::hidl_death_recipient>&) override {
+        return failure();
+    }
+};
 
 class ALink : public HelperFixture {
   protected:
+    ALink() { gPauses.reset(); }
+
     static size_t lookUps() { return vel::host::localLookUpCount("default"); }
     static void failNextCalls(size_t count, const android::hardware::Status& status) {
         vel::host::failNextLocalCalls("default", count, status);
     }
     bool isConnected() { return DesktopHelperTestAccess::isConnected(*helper); }
+    std::mutex& linkLock() { return DesktopHelperTestAccess::serviceLock(*helper); }
+    // What the destructor does first, with the helper still there to be looked at.
+    void end() { helper_lifetime::end(helper.get()); }
     std::string sendToApp() { return helper->setCommandTo(ClientType::CLIENT_APP, "{}"); }
 };
 
@@ -43,7 +122,7 @@ TEST_F(ALink, RegistersAtConstructionClearsTheSurfaceAndDoesNotLookAgain) {
     EXPECT_EQ(helper->setCommandTo(ClientType::CLIENT_CAMERA_SERVICE, std::string("a\0b", 3)),
               std::string("a\0b\0!", 5));
     EXPECT_EQ(lookUps(), before);
-    EXPECT_THAT(logged(), testing::IsEmpty());
+    EXPECT_THAT(logged(), IsEmpty());
     service->forgetCalls();
     helper.reset();
     EXPECT_THAT(service->calls(), ElementsAre("setSurface 7 null"));
@@ -65,23 +144,26 @@ TEST_F(ALink, ReportsAFailedCallWithItsKindAndKeepsTheProxy) {
 
 TEST_F(ALink, SurvivesAServiceThatFailsEveryCallOfTheConnection) {
     service = FakeDesktopService::start();
-    failNextCalls(3, android::hardware::Status::fromStatusT(android::FAILED_TRANSACTION));
+    failNextCalls(3, FailingService::failure());
     remake();
     EXPECT_TRUE(isConnected());
-    vel::host::clearLocalServices();
+    DesktopHelperTestAccess::setProxy(*helper, new FailingService);
+    EXPECT_EQ(sendToApp(), "late") << "a reply that came before the failure counts";
+    EXPECT_EQ(log.count("setCommandTo: Failed during binder call, isDead 0"), 1u);
     helper->disconnectFromServiceLocked();
     EXPECT_FALSE(isConnected());
 }
 
-TEST_F(ALink, IsMadeAgainAfterADeathHalfASecondLaterAtTheEarliest) {
+TEST_F(ALink, IsMadeAgainAfterADeath) {
     start();
-    const auto death = steady_clock::now();
+    gPauses.hold(kReconnectPauseUs);
     kill();
     EXPECT_FALSE(isConnected());
     service = FakeDesktopService::start();
-    ASSERT_TRUE(waitUntil([&] { return isConnected(); }));
-    EXPECT_GE(steady_clock::now() - death, 500ms);
+    gPauses.release();
     awaitThreads();
+    EXPECT_TRUE(isConnected());
+    EXPECT_EQ(gPauses.count(kReconnectPauseUs), 1) << "before the look-up";
     EXPECT_THAT(service->calls(), ElementsAre("registerCallback 2"));
     EXPECT_THAT(logged(), ElementsAre("D Service death, disconnect", "D Trying to get service",
                                       HasSubstr("D Got service for camera desktop ")));
@@ -90,31 +172,132 @@ TEST_F(ALink, IsMadeAgainAfterADeathHalfASecondLaterAtTheEarliest) {
 }
 
 TEST_F(ALink, IsMadeAgainWhenTheServiceDiesBetweenTheLookUpAndTheDeathWatch) {
-    constexpr char kRegisterCallback[] = "registerCallback";
-    const android::sp<FakeDesktopService> first = FakeDesktopService::start();
-    first->block(kRegisterCallback);
-    std::thread connecting([this] { remake(); });
-    EXPECT_TRUE(first->awaitBlocked(kRegisterCallback));
-    kill();
-    service = FakeDesktopService::start();
-    first->unblock(kRegisterCallback);
-    connecting.join();
-    EXPECT_TRUE(waitUntil([&] { return !service->calls(kRegisterCallback).empty(); }));
+    FakeDesktopService::start()->during(Operation::REGISTER_CALLBACK, [this] {
+        kill();
+        EXPECT_EQ(log.count("Service death"), 0u) << "not watched yet";
+        service = FakeDesktopService::start();
+    });
+    remake();
+    vel::host::awaitDeathNotices();
+    awaitThreads();
+    EXPECT_THAT(service->calls(), Contains("registerCallback 2"));
 }
 
 TEST_F(ALink, IsTriedThreeTimesAfterADeathAndThenLeftToTheNextUse) {
     start();
     const size_t before = lookUps();
-    const auto death = steady_clock::now();
     kill();
     awaitThreads();
     EXPECT_EQ(lookUps(), before + 3);
-    EXPECT_GE(steady_clock::now() - death, 1500ms);
+    EXPECT_EQ(gPauses.count(kReconnectPauseUs), 3);
 
     service = FakeDesktopService::start();
     service->setReply(ClientType::CLIENT_APP, "OK");
     EXPECT_EQ(sendToApp(), "OK");
     EXPECT_THAT(service->calls(), Contains("registerCallback 2").Times(1));
+}
+
+TEST_F(ALink, IsNotWatchedOnceItIsLetGo) {
+    start();
+    helper->disconnectFromServiceLocked();
+    kill();
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(ALink, IsHeldDuringEachCall) {
+    start();
+    const std::tuple<const char*, const char*, std::function<void()>> calls[] = {
+        {"command", Operation::SEND_COMMAND, [&] { sendToApp(); }},
+        {"surface", Operation::GET_SURFACE, [&] { helper->getSurface(ClientType::CLIENT_APP); }},
+        {"frames", Operation::GET_SURFACE, [&] { helper->connectProducer(640, 480, 1); }},
+        {"node", Operation::SET_SURFACE, [&] { helper->ImgSubNodeDisconnect(); }}};
+    for (const auto& [name, operation, call] : calls) {
+        bool wasFree = true;
+        service->during(operation, [&] { wasFree = isFree(linkLock()); });
+        call();
+        service->during(operation, nullptr);
+        EXPECT_FALSE(wasFree) << name;
+    }
+}
+
+// --- The end of the helper ---
+
+TEST_F(ALink, IsNotTouchedByWhatWaitsForItWhileTheHelperEnds) {
+    start();
+    service->forgetCalls();
+    expectEachWaitsFor(linkLock(),
+                       {{"command", [&] { EXPECT_EQ(sendToApp(), ""); }},
+                        {"surface", [&] { EXPECT_EQ(helper->getSurface(ClientType::CLIENT_APP), nullptr); }},
+                        {"death", [&] { helper->handleDeathNotification(); }}},
+                       [&] { end(); });
+    EXPECT_TRUE(isConnected());
+    EXPECT_EQ(detached_thread::liveCount(), 0);
+    EXPECT_THAT(service->calls(), IsEmpty());
+    EXPECT_THAT(logged(), ElementsAre("D Service death, disconnect"));
+}
+
+TEST_F(ALink, IsNotMadeAgainForAHelperThatEnds) {
+    for (const bool whileItSleeps : {true, false}) {
+        SCOPED_TRACE(whileItSleeps);
+        start();
+        gPauses.hold(kReconnectPauseUs);
+        kill();
+        EXPECT_TRUE(waitUntil([] { return gPauses.count(kReconnectPauseUs) > 0; }));
+        EXPECT_TRUE(isFree(linkLock())) << "a reconnection that sleeps holds nothing";
+        const size_t before = lookUps();
+        std::unique_lock<std::mutex> lock(linkLock());
+        if (whileItSleeps) {
+            end();
+            EXPECT_EQ(gPauses.count(kLeavingPauseUs), 0) << "nobody is inside";
+        }
+        gPauses.release();
+        EXPECT_EQ(
+            waitUntil([] { return detached_thread::liveCount() == 0; }, whileItSleeps ? kLimit : kMoment),
+            whileItSleeps);
+        end();
+        lock.unlock();
+        awaitThreads();
+        EXPECT_EQ(lookUps(), before);
+        gPauses.reset();
+    }
+}
+
+TEST_F(ALink, IsClosedToLateVisitorsOfAHelperThatEnds) {
+    start();
+    record(0).restartPending = true;
+    uint32_t cameraId = 0;
+    end();
+    EXPECT_EQ(gPauses.count(kLeavingPauseUs), 0) << "there is nobody to wait for";
+    helper->updateCameraIdOnHalOpen(cameraId);
+    helper->setRequiredOverrideId(0, 2);
+    kill();
+    awaitThreads();
+    EXPECT_THAT(logged(), IsEmpty());
+
+    start();
+    const auto next = DesktopHelperTestAccess::create();
+    helper.reset();
+    EXPECT_EQ(service->sendToCallback("{}"), "OK_HAL") << "the next helper's visitors are welcome";
+    helper = DesktopHelperTestAccess::create();
+    helper.reset();
+    EXPECT_EQ(service->sendToCallback("{}"), "") << "nobody's are";
+}
+
+TEST_F(ALink, IsWaitedForByTheEndOfTheHelperUntilTheAnswer) {
+    start();
+    service->block(Operation::SEND_COMMAND);
+    record(0).restartPending = true;
+    uint32_t cameraId = 0;
+    helper->updateCameraIdOnHalOpen(cameraId);
+    EXPECT_TRUE(service->awaitBlocked(Operation::SEND_COMMAND));
+    gPauses.during(kLeavingPauseUs, [&] {
+        service->unblock(Operation::SEND_COMMAND);
+        awaitThreads();
+    });
+    helper.reset();
+    EXPECT_THAT(logged(), ElementsAre("D sendSessionRestartDoneToApp: App replied ",
+                                      "D Calling destructor ~VelChiDesktopHelper"));
+    service->unblock(Operation::SEND_COMMAND);
 }
 
 TEST_F(ALink, RegistersOncePerConnectionHoweverManyThreadsUseIt) {
