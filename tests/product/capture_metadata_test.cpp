@@ -37,6 +37,12 @@ class ACaptureHook : public ConnectedHelperFixture {
     void run(Capture& capture, unsigned cameraId = 4) { helper->handleCaptureMetadata(capture.md, cameraId); }
 };
 
+TEST(DesktopCaptureMetadata, IsLaidOutAsTheHalKnowsIt) {
+    EXPECT_EQ(offsetof(DesktopCaptureMetadata, frameNumber), sizeof(void*));
+    EXPECT_EQ(offsetof(DesktopCaptureMetadata, isRequest), sizeof(void*) + 4);
+    EXPECT_EQ(offsetof(DesktopCaptureMetadata, isMetadataReplaced), sizeof(void*) + 5);
+}
+
 TEST_F(ACaptureHook, SendsEveryFrameEvenWithoutAFilter) {
     Capture result(makeTimestamp(5)), request(nullptr, Capture::REQUEST);
     result.md.frameNumber = 118;
@@ -124,6 +130,11 @@ TEST_F(ACaptureHook, AddsTheStreamSizeOfTheFramesSlotToATimestamp) {
         run(result);
         EXPECT_THAT(lastSent(), HasSubstr(R"("result":{"android.sensor.timestamp":[5]}})"));
     }
+    command(R"({"filter-requests":["android.sensor.timestamp"]})");
+    Capture request(makeTimestamp(5), Capture::REQUEST);
+    request.md.frameNumber = 3;
+    run(request);
+    EXPECT_THAT(lastSent(), HasSubstr(kStreamSizeTag)) << "in a request too";
     EXPECT_EQ(sizes.size(), 3u);
     EXPECT_EQ(sizes.at(6), std::make_pair(0, 0)) << "the slot of frame 38 was made by looking";
 }

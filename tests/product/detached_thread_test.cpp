@@ -1,12 +1,12 @@
 #include "DetachedThread.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
 
 #include <cerrno>
 
 #include "LogCapture.h"
+#include "NextDefinition.h"
 
 namespace {
 bool gRefuses = false;
@@ -18,8 +18,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
                               void* argument) {
     if (attributes != nullptr) pthread_attr_getdetachstate(attributes, &gDetachState);
     if (gRefuses) return EAGAIN;
-    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return real(thread, attributes, body, argument);
+    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
 }
 
 TEST(ADetachedThread, ThatTheSystemRefusesIsLoggedAndNotCounted) {

@@ -8,17 +8,18 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <thread>
 
 #include "DeliberateLeak.h"
 #include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
+#include "NextDefinition.h"
 #include "ProducerSlots.h"
 #include "ReplacementFrame.h"
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
 #include "VelImgSubHelper.h"
+#include "WaitsForLock.h"
 
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
@@ -33,14 +34,38 @@ using testing::StartsWith;
 using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 
 namespace {
-std::atomic<time_t> gWallClockSetBackS{0};
+
+// The time that a test sets, by the clock.
+using Time = std::map<clockid_t, int64_t>;  // ms
+
+const Time* gTime = nullptr;          // null for the machine's
+std::function<void()> gDuringPause;   // in place of the pause
+std::function<void()> gDuringDelete;  // of the reader
+bool gImagesHaveBuffers = true;
+
+}  // namespace
+
+// In place of the libraries' own.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) {
+    if (gTime == nullptr) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    *now = {gTime->at(clock) / 1000, gTime->at(clock) % 1000 * 1000000};
+    return 0;
 }
 
-// In place of the C library's, so that a test can set the wall clock.
-extern "C" int clock_gettime(clockid_t clock, timespec* now) {
-    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec -= gWallClockSetBackS;
-    return result;
+extern "C" int usleep(useconds_t length) {
+    if (!gDuringPause) return nextDefinition<decltype(usleep)>(__func__)(length);
+    gDuringPause();
+    return 0;
+}
+
+extern "C" void AImageReader_delete(AImageReader* reader) {
+    if (gDuringDelete) gDuringDelete();
+    nextDefinition<decltype(AImageReader_delete)>(__func__)(reader);
+}
+
+extern "C" media_status_t AImage_getHardwareBuffer(const AImage* image, AHardwareBuffer** buffer) {
+    if (!gImagesHaveBuffers) return AMEDIA_ERROR_INVALID_OBJECT;
+    return nextDefinition<decltype(AImage_getHardwareBuffer)>(__func__)(image, buffer);
 }
 
 namespace {
@@ -61,6 +86,7 @@ TEST(ReplacementFrame, IsSizedWithASignedProductAndHoldsItsIndexAtAFixedPlace) {
     } rows[] = {{1920, 1080, 3110496, true},
                 {0, 5, 96, true},
                 {3, 3, 112, true},         // the fraction truncated, then rounded up
+                {11, 1, 112, true},        // which is not the same as a fraction rounded
                 {65536, 65536, 96, true},  // the product wraps to 0
                 {-1, -1, 112, true},       // to 1
                 {50000, 50000, 0, false},  // and to a negative number
@@ -330,35 +356,61 @@ TEST_F(AnImgSubHelper, FilesOtherStreamsWhileItWaitsAndHandsTheLastOutAgain) {
     log.clear();
     EXPECT_EQ(acquire(1), 11);
     ASSERT_THAT(logged(), ElementsAre(timeout));
-    EXPECT_GE(std::stoi(logged()[0].substr(logged()[0].find(": ") + 2)), 101);
 }
 
 TEST_F(AConnectedImgSubHelper, TakesAReplacementThatComesDuringTheWait) {
-    // A loaded machine may send a frame too late for its wait, hence several attempts.
-    uint8_t mark = 0;
-    EXPECT_TRUE(waitUntil([&] {
-        acquire(0);
-        mark++;
-        std::thread application([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            lend(1, 1);  // another stream goes on meanwhile
-            sendReplacement(0, mark);
-        });
-        const int acquired = acquire(0);
-        application.join();
-        return acquired == mark;
-    }));
+    gDuringPause = [&] {
+        lend(1, 1);  // another stream goes on meanwhile
+        sendReplacement(0, 5);
+    };
+    EXPECT_EQ(acquire(0), 5);
+    gDuringPause = nullptr;
 }
 
-TEST_F(AConnectedImgSubHelper, WaitEndsThoughTheWallClockIsSetBackAgainAndAgain) {
-    std::future<int> acquired = std::async(std::launch::async, [&] { return acquire(0); });
-    const auto isOver = [&] {
-        gWallClockSetBackS += 3600;
-        return acquired.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    };
-    EXPECT_TRUE(waitUntil(isOver));
-    gWallClockSetBackS = 0;
-    EXPECT_EQ(acquired.get(), -1);
+TEST_F(AConnectedImgSubHelper, WaitsByTheClockThatHasGoneFurther) {
+    const struct {
+        int64_t wallMs, steadyMs;  // how far the clocks go in a pause
+        std::string waited;
+    } rows[] = {{1, 1, "101 ms"}, {-3600000, 1, "101 ms"}, {3600000, 0, "3600000 ms"}};
+    for (const auto& row : rows) {
+        Time time = {{CLOCK_REALTIME, int64_t{1} << 40}, {CLOCK_MONOTONIC, 0}};
+        gTime = &time;
+        gDuringPause = [&] {
+            time[CLOCK_REALTIME] += row.wallMs;
+            time[CLOCK_MONOTONIC] += row.steadyMs;
+        };
+        log.clear();
+        EXPECT_EQ(acquire(0), -1);
+        gTime = nullptr;
+        gDuringPause = nullptr;
+        EXPECT_THAT(logged(), ElementsAre("D Timed out waiting to retrieve replacement frame: " + row.waited,
+                                          "E failed to retrieve replacement frame"));
+    }
+}
+
+TEST_F(AConnectedImgSubHelper, WithoutAHardwareBufferHandsOutNothing) {
+    sendReplacement(0, 1);
+    gImagesHaveBuffers = false;
+    EXPECT_EQ(acquire(0), -1);
+    gImagesHaveBuffers = true;
+    EXPECT_EQ(halImage, nullptr);
+    EXPECT_EQ(Access::held(*imgSub, 0), nullptr);
+    EXPECT_THAT(logged(), ElementsAre("E failed to acquire hw buffer, failed to retrieve replacement frame"));
+}
+
+TEST_F(AConnectedImgSubHelper, LetsItsImagesGoBeforeItsReader) {
+    sendReplacement(0, 1);
+    EXPECT_EQ(acquire(0), 1);
+    const std::weak_ptr<AImage> image = std::exchange(halImage, nullptr);
+    gDuringDelete = [&] { EXPECT_TRUE(image.expired()); };
+    imgSub.reset();
+    gDuringDelete = nullptr;
+}
+
+TEST_F(AConnectedImgSubHelper, IsLockedByEachStep) {
+    expectEachWaitsFor(Access::lock(*imgSub), {{"fill", [&] { imgSub->imgSubGetOutputFrameToFill(0); }},
+                                               {"queue", [&] { imgSub->imgSubQueueOutputFrame(0, 1); }},
+                                               {"cancel", [&] { imgSub->cancelImgSubFrames(0); }}});
 }
 
 TEST_F(AnImgSubHelper, ReaderErrorEndsTheWaitAtOnceWithTheLastReplacement) {
@@ -404,6 +456,7 @@ TEST_F(AnImgSubHelper, OnlyMergedLowerStreamsShareTheHighestStreamsReplacement) 
         make(12, merged);
         connect();
         ASSERT_NE(lend(2, 2), nullptr);
+        ASSERT_NE(lend(1, 1), nullptr);
         sendReplacement(0, 5);
         EXPECT_EQ(acquire(0), 5) << "its own while the highest has none";
         sendReplacement(2, 22);

@@ -6,6 +6,7 @@
 #include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
 #include "RepeatedActions.h"
+#include "ScriptedProducer.h"
 
 namespace {
 
@@ -61,32 +62,36 @@ class AnImgSubConfiguration : public ConnectedHelperFixture {
 
 TEST_F(AnImgSubConfiguration, CreatesTheHelperAndIsAnsweredAloneAndAfterTheFilters) {
     std::string text = command();
-    text.insert(1, R"("general":{"originalId":0,"overrideId":2},"get":{"what":"version"},"event":5,)");
+    text.insert(1, R"("general":{"originalId":0,"overrideId":2},"get":{"what":"version"},"event":5,)"
+                   R"("filter-results":["no.such"],)");
     EXPECT_EQ(send(text), accepted());
     EXPECT_EQ(record(0).requiredOverrideId, 4u);
     EXPECT_NE(helper->mImgSubHelper, nullptr);
     EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null", "setSurface 7 producer"));
     EXPECT_EQ(log.count("handleImgSubStreamConfig called"), 1u);
+    EXPECT_EQ(log.count("Unable to find tag: no.such"), 1u);
     for (const char* value : {"null", "5", "[]", "\"x\""})
         EXPECT_EQ(send(std::string(R"({"imgsub-configure-stream":)") + value + "}"), "error");
 
-    kill();
+    vel::host::clearLocalServices();
+    helper->disconnectFromServiceLocked();
     helper->mImgSubHelper.reset();
     EXPECT_EQ(send(command()), accepted());
     EXPECT_NE(helper->mImgSubHelper, nullptr) << "also without a service";
+    EXPECT_EQ(vel::host::localLookUpCount("default"), 0u) << "which it does not look for";
 }
 
 TEST_F(AnImgSubConfiguration, WithAnUnreadableMemberNamesItAndChangesNothing) {
     send(command());
     const auto before = helper->mImgSubHelper;
     surfaceCalls();
-    for (const char* key : {"version", "image-width", "image-height", "hal-consumer-usage",
-                            "hal-consumer-buffer-count", "hal-consumer-v4l2-format"}) {
-        for (const char* value : {"", "null", "[]", "{}", "1.5", "true"})
-            EXPECT_EQ(send(command({{key, value}})), std::string(key) + " missing") << value;
+    const char* next = "hal-merge-streams";
+    for (const char* key : {"hal-consumer-v4l2-format", "hal-consumer-buffer-count", "hal-consumer-usage",
+                            "image-height", "image-width", "version"}) {
+        for (const char* value : {"", "null", "[]", "{}", "1.5", "true", "4294967296"})
+            EXPECT_EQ(send(command({{key, value}, {next, ""}})), std::string(key) + " missing") << value;
+        next = key;
     }
-    EXPECT_EQ(send(command({{"image-width", "4294967296"}, {"image-height", ""}})), "image-width missing")
-        << "the first unreadable member is named";
     EXPECT_EQ(helper->mImgSubHelper, before);
     EXPECT_THAT(surfaceCalls(), IsEmpty());
 }
@@ -108,22 +113,38 @@ TEST_F(AnImgSubConfiguration, ThatIsRefusedEndsTheEarlierSubstitution) {
         EXPECT_EQ(helper->mImgSubHelper, nullptr);
         EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
     }
-    EXPECT_EQ(log.count("Bad format received: NV12"), 1u);
+    EXPECT_THAT(logged(), testing::Contains("E Bad format received: NV12"));
     EXPECT_EQ(log.count(noReader), cases.size() - 1);
 }
 
-TEST_F(AnImgSubConfiguration, LeavesAHelperThatIsStillHeldWithoutTheApplication) {
+// Whoever still holds the helper may not go on with a surface that the service takes back.
+TEST_F(AnImgSubConfiguration, EndsForTheHelperBeforeItEndsForTheService) {
+    VelChiDesktopHelper* const owner = helper.get();  // during its destructor too
+    const std::pair<const char*, std::function<void()>> ends[] = {{"configuration", [&] { send(command()); }},
+                                                                  {"close", [&] { helper->onHalClose(1); }},
+                                                                  {"exit", [&] { helper.reset(); }}};
     openDesktopCamera();
-    const std::function<void()> ends[] = {[&] { send(command()); }, [&] { helper->onHalClose(1); }};
-    for (const auto& end : ends) {
+    for (const auto& [name, end] : ends) {
+        SCOPED_TRACE(name);
         send(command());
         const auto held = helper->mImgSubHelper;
-        end();
-        EXPECT_NE(helper->mImgSubHelper, held);
         service->forgetCalls();
-        EXPECT_EQ(held->imgSubGetOutputFrameToFill(0), nullptr);
-        EXPECT_THAT(service->calls(), IsEmpty()) << "not even asked for a surface";
+        service->during(Operation::SET_SURFACE, [&, owner] {
+            EXPECT_EQ(owner->mImgSubHelper, nullptr) << "neither the old one nor a new one";
+            EXPECT_FALSE(ImgSubHelperTestAccess::isAppConnected(*held));
+        });
+        end();
+        service->during(Operation::SET_SURFACE, nullptr);
+        EXPECT_THAT(service->calls(), testing::Contains("setSurface 7 null"));
     }
+}
+
+TEST_F(AnImgSubConfiguration, AsksTheApplicationForRowsOfTheReadersShape) {
+    const sp<ScriptedProducer> queue = new ScriptedProducer;
+    send(command());
+    service->offerSurface(ClientType::CLIENT_IMG_SUB, new Wrapper(queue));
+    helper->mImgSubHelper->imgSubGetOutputFrameToFill(0);
+    EXPECT_THAT(queue->calls(), testing::Contains("dequeue 460896x1 format 36 usage 0x30"));
 }
 
 TEST_F(AnImgSubConfiguration, TakesSizesThatWrapToASmallFrame) {
@@ -176,14 +197,9 @@ TEST_F(AnImgSubConfiguration, EndsWithTheNodeUnlessAnotherHolderUsesTheHelper) {
 
     const std::weak_ptr<VelImgSubHelper> watched = frameThreads;
     frameThreads.reset();
-    service->block(Operation::SET_SURFACE);
-    std::thread node([&] { helper->ImgSubNodeDisconnect(); });
-    EXPECT_TRUE(service->awaitBlocked(Operation::SET_SURFACE));
-    EXPECT_FALSE(
-        std::unique_lock(DesktopHelperTestAccess::serviceLock(*helper), std::try_to_lock).owns_lock());
-    service->unblock(Operation::SET_SURFACE);
-    node.join();
-    EXPECT_TRUE(watched.expired());
+    service->during(Operation::SET_SURFACE, [&] { EXPECT_TRUE(watched.expired()); });
+    helper->ImgSubNodeDisconnect();
+    service->during(Operation::SET_SURFACE, nullptr);
     EXPECT_THAT(surfaceCalls(), ElementsAre("setSurface 7 null"));
 }
 

@@ -10,6 +10,7 @@
 #include "AllocationCounter.h"
 #include "DeepText.h"
 #include "JsonUtils.h"
+#include "NeverDestroyed.h"
 
 using android::JsonMessage;
 
@@ -36,6 +37,10 @@ TEST(JsonMessage, WritesWhatWasParsedOrBuiltAndKeepsNothingOfTheMessageBefore) {
     ASSERT_TRUE(message.parse("{\"a\":\"" + std::string(200000, 'x') + "\"}"));
     ASSERT_FALSE(message.parse("{"));
     EXPECT_TRUE(message.root().IsNull());
+    message.reset();
+    EXPECT_EQ(rapidjson::kParseErrorNone, message.errorCode());
+    EXPECT_EQ(0U, message.errorOffset());
+    ASSERT_FALSE(message.parse("{"));
     ASSERT_TRUE(message.parse("{\"b\":1}"));
     EXPECT_EQ(rapidjson::kParseErrorNone, message.errorCode());
     EXPECT_EQ(0U, message.errorOffset());
@@ -119,6 +124,17 @@ TEST(JsonMessage, ReadsEveryTextAsAPlainDocumentDoes) {
     }
 }
 
+int gEnds = 0;
+
+struct Witness {
+    ~Witness() { ++gEnds; }
+};
+
+TEST(NeverDestroyed, OutlivesItsScope) {
+    { android::NeverDestroyed<Witness> global; }
+    EXPECT_EQ(0, gEnds);
+}
+
 TEST(JsonMessage, SmallMessagesLeaveTheHeapAloneAndLargerOnesGrowByOneChunk) {
     if (!AllocationCounter::available()) GTEST_SKIP() << "the sanitizer owns the heap";
     const std::string event =
@@ -133,7 +149,8 @@ TEST(JsonMessage, SmallMessagesLeaveTheHeapAloneAndLargerOnesGrowByOneChunk) {
         ASSERT_EQ(0, JsonUtils::parseValue(message.root()["event"], "isDesktop", isDesktop, -1));
         message.reset();
         message.root().AddMember("general", 1, message.allocator());
-        ASSERT_FALSE(message.parse("{\"a\":"));
+        for (int j = 0; j < 10; ++j)
+            ASSERT_FALSE(message.parse("{\"a\":"));
     }
     EXPECT_EQ(0U, counter.count());
     ASSERT_TRUE(message.parse(event));

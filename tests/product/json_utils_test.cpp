@@ -100,7 +100,7 @@ TEST(JsonUtilsRead, ScalarsAcceptTheirOwnKindAndRangeAndResetOnFailure) {
         {read<float>, "-3", "0 -3"},
         {read<float>, "18446744073709551615", "0 1.84467e+19"},
         {read<float>, "3.4028235e38", "0 3.40282e+38"},
-        {read<float>, "3.4028236e38", "0 inf"},
+        {read<float>, "3.4028235677973366e38", "0 inf"},  // halfway to the next power of two
         {read<float>, "-1e300", "0 -inf"},
         {read<float>, "\"x\"", noReal},
         {read<double>, "1e300", "0 1e+300"},
@@ -230,17 +230,6 @@ TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
     EXPECT_THAT(log.texts(), ElementsAre("E getValue: Error: JSON root is not an object, name: i"));
 }
 
-TEST(JsonUtilsText, EveryByteIsWrittenAsTheDefaultWriterDoes) {
-    for (int byte = 0; byte < 256; ++byte) {
-        const std::string text = {'a', static_cast<char>(byte), 'b'};
-        const rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-        rapidjson::StringBuffer expected;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(expected);
-        ASSERT_TRUE(value.Accept(writer));
-        EXPECT_EQ(JsonUtils::toString(value), expected.GetString()) << byte;
-    }
-}
-
 TEST(JsonUtilsMerge, MergesObjectsAndReplacesTheRest) {
     const struct {
         const char *overrides, *base, *merged;
@@ -267,6 +256,8 @@ TEST(JsonUtilsMerge, MergesObjectsAndReplacesTheRest) {
 TEST(JsonUtilsMerge, MovesOutOfTheOverridesUnlessOnlyTheBaseIsNoObject) {
     rapidjson::Document base = parsed("[1]");
     rapidjson::Document overrides(&base.GetAllocator());
+    overrides.Parse("[2]");
+    EXPECT_EQ(&base, &JsonUtils::overrideJson(overrides, base, base.GetAllocator()));
     overrides.Parse("{\"a\":[1]}");
     EXPECT_EQ(&overrides, &JsonUtils::overrideJson(overrides, base, base.GetAllocator()));
     EXPECT_EQ("[1]", JsonUtils::toString(base));

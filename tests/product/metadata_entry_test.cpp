@@ -1,5 +1,4 @@
 // How single entries get into a capture's buffer, and whose the buffers are.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -11,6 +10,7 @@
 #include "DeepText.h"
 #include "DeliberateLeak.h"
 #include "MetadataFixture.h"
+#include "NextDefinition.h"
 
 using android::JsonMessage;
 
@@ -22,27 +22,22 @@ using ::testing::IsEmpty;
 int gBuffers = 0;  // allocated and not freed; freeing one twice ends the process
 bool gFailAppend = false;
 
-template <typename Function>
-Function next(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 // These stand before the library's own for everything in this program.
 extern "C" camera_metadata_t* allocate_camera_metadata(size_t entries, size_t bytes) {
-    camera_metadata_t* buffer = next<decltype(&allocate_camera_metadata)>(__func__)(entries, bytes);
+    camera_metadata_t* buffer = nextDefinition<decltype(allocate_camera_metadata)>(__func__)(entries, bytes);
     if (buffer) ++gBuffers;
     return buffer;
 }
 
 extern "C" void free_camera_metadata(camera_metadata_t* buffer) {
     if (buffer) --gBuffers;
-    next<decltype(&free_camera_metadata)>(__func__)(buffer);
+    nextDefinition<decltype(free_camera_metadata)>(__func__)(buffer);
 }
 
 extern "C" int append_camera_metadata(camera_metadata_t* to, const camera_metadata_t* from) {
-    return gFailAppend ? 1 : next<decltype(&append_camera_metadata)>(__func__)(to, from);
+    return gFailAppend ? 1 : nextDefinition<decltype(append_camera_metadata)>(__func__)(to, from);
 }
 
 namespace {
@@ -175,6 +170,9 @@ TEST_F(AMetadataEntry, WiderThanItsTagIsFilledFromRoomOfItsOwn) {
     ASSERT_EQ(values.size(), 40u);
     EXPECT_EQ(values.front(), 0x0101010101010101);
     EXPECT_EQ(values.back(), 0);
+
+    import(result, R"({"v.x":[1,1,1]})");
+    EXPECT_THAT(valuesOf<int64_t>(result.current, VENDOR_SECTION_START), ElementsAre(0x010101, 0, 0));
 }
 
 // Takes all of the address space but pieces that are smaller than 1 MiB.

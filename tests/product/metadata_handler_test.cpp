@@ -21,6 +21,7 @@ using android::JsonMessage;
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 constexpr uint32_t kFirstVendorTag = VENDOR_SECTION_START;
@@ -30,7 +31,8 @@ std::string arrayOf(size_t count, const std::string& element) {
     return "[" + repeated(element + ",", count - 1) + element + "]";
 }
 
-bool refuseEveryTag(const char*, const char*, unsigned&) {
+bool refuseEveryTag(const char*, const char*, unsigned& id) {
+    id = 1;
     return false;
 }
 
@@ -136,7 +138,9 @@ TEST_F(AMetadataHandler, ExportsOnlyTheTagsOfTheCapturesFilter) {
 
 // The buffer was filled under another idea of its tags.
 TEST_F(AMetadataHandler, ExportsNoValuesOfAnUnknownTypeNorOfANarrowerOneThanTheTags) {
-    CameraMetadata buffer = makeMetadata(2, 8);
+    CameraMetadata buffer = makeMetadata(5, 8);
+    for (const unsigned tag : {ANDROID_CONTROL_AE_MODE, ANDROID_CONTROL_AF_MODE, ANDROID_FLASH_MODE})
+        addValues<uint8_t>(buffer.get(), tag, {1});
     {
         VendorTags vendor("a", {{"unknown", TYPE_INT64}, {"narrow", TYPE_BYTE}});
         addValues<int64_t>(buffer.get(), kFirstVendorTag, {5});
@@ -147,8 +151,11 @@ TEST_F(AMetadataHandler, ExportsNoValuesOfAnUnknownTypeNorOfANarrowerOneThanTheT
     Capture result(std::move(buffer));
     setResults(R"(["a.unknown"])");
     EXPECT_EQ(exported(result), R"({"a.unknown":[]})");
-    setResults(R"(["a.narrow"])");
-    EXPECT_EQ(exported(result), "{}");
+    setResults(R"(["android.control.aeMode","android.control.afMode","a.narrow","android.flash.mode"])");
+    const std::string others = exported(result);
+    for (const char* name : {"android.control.aeMode", "android.control.afMode", "android.flash.mode"})
+        EXPECT_THAT(others, HasSubstr("\"" + std::string(name) + "\":[1]"));
+    EXPECT_THAT(others, testing::Not(HasSubstr("a.narrow")));
     EXPECT_THAT(logged(), ElementsAre("E Type not defined for tagId: -2147483648!",
                                       "E Type not defined for tagId: -2147483647!"));
 }
@@ -164,6 +171,7 @@ TEST_F(AMetadataHandler, ImportsAndExportsEachTypeInItsJsonForm) {
         {"android.control.aeMode", "[0,255,300,-1,18446744073709551615]", "[0,255,44,255,255]"},
         {"android.control.aeRegions", "[-2147483648,2147483647]", "[-2147483648,2147483647]"},
         {"android.control.aeRegions", arrayOf(32, "-5"), arrayOf(32, "-5")},
+        {"android.sensor.timestamp", arrayOf(32, "-1234567890123"), arrayOf(32, "-1234567890123")},
         {"android.sensor.timestamp", arrayOf(33, "-1234567890123"), arrayOf(33, "-1234567890123")},
         {"android.sensor.timestamp", "[-9223372036854775808,9223372036854775807]",
          "[-9223372036854775808,9223372036854775807]"},

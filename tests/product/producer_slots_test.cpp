@@ -108,11 +108,16 @@ TEST_F(AProducerQueue, LendsWhatItAnswersWithAndIsGivenUpForAnyOtherStatus) {
 }
 
 TEST_F(AProducerQueue, KeepsASlotWhoseRequestItRefuses) {
-    script->onRequest({BAD_VALUE, nullptr});
-    EXPECT_EQ(dequeue({1, 3}), Dequeued::NO_BUFFER);
-    EXPECT_EQ(slot, 2);
-    EXPECT_THAT(script->calls(), ElementsAre(kDequeue, "request 3"));
-    EXPECT_THAT(gEvents, ElementsAre("request failed"));
+    for (const int refused : {3, 2}) {
+        forget();
+        script->onRequest({BAD_VALUE, nullptr});
+        EXPECT_EQ(dequeue({1, refused}), Dequeued::NO_BUFFER);
+        EXPECT_EQ(slot, 2);
+        EXPECT_THAT(script->calls(), ElementsAre(kDequeue, "request " + std::to_string(refused)));
+        EXPECT_THAT(gEvents, ElementsAre("request failed"));
+    }
+    EXPECT_EQ(dequeue({0, 2}), Dequeued::LENT);
+    EXPECT_NE(buffer, nullptr) << "the one it had before";
 }
 
 TEST_F(AProducerQueue, GetsABufferBackWhoseFenceIsLateButItStaysCached) {
