@@ -32,7 +32,6 @@ class HelperFixture : public testing::Test {
         remake();
         log.clear();
     }
-    // The old helper ends first: helpers of one process share whether theirs is over.
     void remake() {
         helper.reset();
         helper = DesktopHelperTestAccess::create();

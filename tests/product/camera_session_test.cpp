@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "HelperFixture.h"
-#include "RepeatedActions.h"
 #include "WaitsForLock.h"
 
 namespace {
@@ -157,25 +156,6 @@ TEST_F(ASession, ClosesWithoutLookingForAService) {
     helper->disconnectFromServiceLocked();
     helper->onHalClose(0);
     EXPECT_EQ(vel::host::localLookUpCount("default"), 0u);
-}
-
-// Whatever the interleaving, the required id stays valid and a final close leaves the defaults.
-TEST_F(ASession, KeepsARecordWholeUnderOpensClosesSwitchesAndRequests) {
-    RepeatedActions others;
-    others.add([&] { EXPECT_LT(open(0), 16u); });
-    others.add([&] { helper->onHalClose(0); });
-    others.add([&] {
-        uint32_t fwkId = 0;
-        (void)helper->needsCameraIdSwitch(2, fwkId);
-    });
-    others.add([&] { send(R"({"event":{"type":"cameraOpen","id":"0","isDesktop":true}})"); });
-    for (uint32_t id = 0; id < 300; ++id)
-        helper->setRequiredOverrideId(0, id % 16);
-    others.stop();
-    helper->onHalClose(0);
-    EXPECT_EQ(record(0).currentOverrideId, kNone);
-    EXPECT_EQ(record(0).requiredOverrideId, 4u);
-    EXPECT_FALSE(record(0).restartPending);
 }
 
 }  // namespace

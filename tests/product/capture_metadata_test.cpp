@@ -1,11 +1,9 @@
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <limits>
 #include <thread>
 
 #include "Capture.h"
-#include "DeepText.h"
 #include "HelperFixture.h"
 
 namespace {
@@ -206,30 +204,6 @@ TEST_F(ACaptureHook, RunsOnSeveralCaptureThreads) {
     other.join();
     EXPECT_EQ(sent().size(), 2 * kFrames);
     EXPECT_EQ(DesktopHelperTestAccess::maxStreamSizes(*helper).size(), 32u);
-}
-
-TEST_F(ACaptureHook, EnduresLargeAndDeepAnswers) {
-    constexpr size_t kMany = 1 << 19, kDepth = 200000;
-    Capture result(makeTimestamp(5));
-    answer(R"({"android.control.aeRegions":[7)" + repeated(",7", kMany) + R"(],"none":)" +
-           repeated("[", kDepth) + repeated("]", kDepth) + R"(,"flat":)" + repeated(R"({"a":)", kDepth) +
-           "1" + repeated("}", kDepth) + "}");
-    run(result);
-    EXPECT_EQ(valuesOf<int32_t>(result.current, ANDROID_CONTROL_AE_REGIONS),
-              std::vector<int32_t>(kMany + 1, 7));
-    EXPECT_THAT(log.texts("MetadataHandler"),
-                ElementsAre("E Unable to find tag: none", "E Expecting array for: flat"));
-}
-
-using ACaptureHookDeathTest = ACaptureHook;
-
-TEST_F(ACaptureHookDeathTest, EndsTheProcessWhenTheAnswerIsNoObject) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (const char* reply : {"[]", "null", "5", R"("x")"}) {
-        answer(reply);
-        Capture result(makeTimestamp(5));
-        EXPECT_EXIT(run(result), testing::KilledBySignal(SIGABRT), "") << reply;
-    }
 }
 
 }  // namespace

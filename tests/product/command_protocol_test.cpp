@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include "DeepText.h"
 #include "HelperFixture.h"
 
 namespace {
@@ -86,15 +85,6 @@ TEST_F(ACommand, ThatSaysNothingUsableIsAnsweredAndLoggedWithoutAnEffect) {
         EXPECT_EQ(send(std::string(R"({"get":)") + text + "}"), invalid);
     }
     EXPECT_TRUE(registryIsUntouched());
-}
-
-TEST_F(ACommand, MayNestAsDeeplyAsItLikesOnASmallStack) {
-    onASmallStack([this] {
-        EXPECT_EQ(send(std::string(1024 * 1024, '[')), "PARSE_ERR");
-        EXPECT_EQ(send(repeated("{\"a\":", 50000) + "1" + repeated("}", 50000)), "OK_HAL");
-        EXPECT_EQ(send("{\"get\":" + repeated("[", 100000) + repeated("]", 100000) + "}"),
-                  R"({"error":"Invalid cmd"})");
-    });
 }
 
 TEST_F(ACommand, RunsEventThenGeneralThenGetEachByTheFirstOfEqualKeys) {

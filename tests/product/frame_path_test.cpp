@@ -3,10 +3,11 @@
 #include <gmock/gmock.h>
 #include <media/NdkImageReader.h>
 
-#include "ConsumerQueue.h"
 #include "HelperFixture.h"
 #include "ScriptedProducer.h"
 #include "SignalFence.h"
+
+#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 using namespace android;
 using Access = DesktopHelperTestAccess;
@@ -149,25 +150,6 @@ TEST_F(AScriptedFramePath, NeedsNoServiceLinkOnceItIsConnected) {
     EXPECT_NE(lend(1), nullptr);
     helper->queueFilledFrame(1);
     helper->disconnectProducer();
-}
-
-TEST_F(AFramePath, ForgottenBuffersOfARealQueueComeBackThroughOneReconnection) {
-    start();
-    const ConsumerQueue queue;
-    offer(queue.producer);
-    ASSERT_TRUE(connect());
-    for (const int64_t timestamp : {1, 2}) {
-        ASSERT_NE(helper->getFrameToFill(), nullptr);
-        helper->queueFilledFrame(timestamp);
-        BufferItem item;
-        ASSERT_EQ(queue.consumer->acquireBuffer(&item, 0), NO_ERROR);
-        EXPECT_EQ(item.mTimestamp, timestamp);
-        queue.consumer->releaseBuffer(item);
-        for (int i = 0; i < 6; i++)
-            ASSERT_NE(helper->getFrameToFill(), nullptr);
-        EXPECT_EQ(helper->getFrameToFill(), nullptr) << "six are lent";
-        EXPECT_EQ(log.count("request dequeue failed with -38"), static_cast<size_t>(timestamp));
-    }
 }
 
 }  // namespace

@@ -2,11 +2,12 @@
 
 #include <thread>
 
-#include "ConsumerQueue.h"
 #include "HelperFixture.h"
 #include "ImgSubHelperTestAccess.h"
 #include "RepeatedActions.h"
 #include "ScriptedProducer.h"
+
+#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace {
 
@@ -222,32 +223,6 @@ TEST_F(AnImgSubConfiguration, KeepsTheEarlierHelperFromTheNewReader) {
     EXPECT_EQ(send(command()), accepted(460896)) << "the busy link does not hold it up";
     service->unblock(Operation::GET_SURFACE);
     frames.join();
-}
-
-// Both use the application's one queue, and the end of the earlier helper disconnects it.
-TEST_F(AnImgSubConfiguration, LosesOneFrameToTheLateEndOfTheEarlierHelper) {
-    const ConsumerQueue queue;
-    const auto configure = [&] {
-        send(command());
-        service->offerSurface(ClientType::CLIENT_IMG_SUB, queue.surface);
-        return helper->mImgSubHelper;
-    };
-    auto earlier = configure();
-    ASSERT_NE(earlier->imgSubGetOutputFrameToFill(0), nullptr);
-    const auto current = configure();
-    ASSERT_NE(current->imgSubGetOutputFrameToFill(0), nullptr) << "although the queue refuses to connect it";
-    earlier->imgSubQueueOutputFrame(0, 1);
-    earlier.reset();
-    current->imgSubQueueOutputFrame(0, 2);
-    EXPECT_EQ(current->imgSubGetOutputFrameToFill(0), nullptr);
-    ASSERT_NE(current->imgSubGetOutputFrameToFill(0), nullptr);
-    current->imgSubQueueOutputFrame(0, 3);
-    for (const char* line : {"queue buffer failed imgsub", "request imgsub dequeue failed with -19",
-                             "Unable to disconnect imgsub producer, -19"})
-        EXPECT_EQ(log.count(line), 1u) << line;
-    BufferItem frame;
-    ASSERT_EQ(queue.consumer->acquireBuffer(&frame, 0), NO_ERROR);
-    EXPECT_EQ(frame.mTimestamp, 3) << "neither helper's earlier frame came through";
 }
 
 // Reconfigured, closed and disconnected at once while a frame thread uses whatever helper there is: each

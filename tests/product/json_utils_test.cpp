@@ -164,19 +164,6 @@ TEST(JsonUtilsRead, MapKeepsWhatItHoldsAndRefusesEveryOtherShape) {
     EXPECT_EQ((Map{{1, 0.5}, {LLONG_MIN, 4.0}}), map) << "up to the bad entry, the first of a key";
 }
 
-TEST(JsonUtilsRead, EveryReaderRefusesARootThatIsNoObject) {
-    for (const auto reader :
-         {read<bool>, read<int>, read<unsigned short>, read<unsigned char>, read<long long>, read<float>,
-          read<double>, read<std::string>, read<const char*>, read<Objects>, read<FloatPairs>, read<IntPairs>,
-          read<Map>}) {
-        for (const char* root : {"[]", "[1]", "null", "5", "\"a\""}) {
-            EXPECT_THAT(
-                reader(root, -1),
-                testing::MatchesRegex("-22 .*; E getValue: Error: JSON root is not an object, name: a"));
-        }
-    }
-}
-
 TEST(JsonUtilsRead, ObjectsAndStringsAreTheDocumentsOwn) {
     const rapidjson::Document document = parsed("{\"a\":[{},{\"b\":1},2,{}],\"n\":\"x\",\"o\":{}}");
     LogCapture log;

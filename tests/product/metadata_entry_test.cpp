@@ -1,18 +1,14 @@
 // How single entries get into a capture's buffer, and whose the buffers are.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <string>
 #include <vector>
 
-#include "AllocationCounter.h"
 #include "DeepText.h"
 #include "DeliberateLeak.h"
 #include "MetadataFixture.h"
 #include "NextDefinition.h"
-
-using android::JsonMessage;
 
 namespace {
 
@@ -173,38 +169,4 @@ TEST_F(AMetadataEntry, WiderThanItsTagIsFilledFromRoomOfItsOwn) {
 
     import(result, R"({"v.x":[1,1,1]})");
     EXPECT_THAT(valuesOf<int64_t>(result.current, VENDOR_SECTION_START), ElementsAre(0x010101, 0, 0));
-}
-
-// Takes all of the address space but pieces that are smaller than 1 MiB.
-void takeAddressSpace() {
-    for (size_t size = SIZE_MAX / 2 + 1; size >= 1 << 20; size /= 2) {
-        while (mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) !=
-               MAP_FAILED) {
-        }
-    }
-}
-
-// In a child process, whose every large allocation fails. No LogCapture here: what it logs is read from its
-// error output.
-TEST(AMetadataHandlerShortOfMemory, GivesUpVendorNamesAndValuesThatDoNotFit) {
-    if (!AllocationCounter::available()) GTEST_SKIP() << "no sanitizer lives within a limit of its memory";
-    constexpr size_t kMoreThanTheHeapHas = 64 << 20;
-    MetadataHandler handler;
-    handler.setVendorTagCallback([](const char*, const char*, unsigned&) { return true; });
-    const std::string name = std::string(kMoreThanTheHeapHas, 'x') + ".y";
-    JsonMessage message;
-    rapidjson::Value values(rapidjson::kArrayType);
-    for (size_t i = 0; i < kMoreThanTheHeapHas / 8; ++i)
-        values.PushBack(0, message.allocator());
-    message.root().AddMember("android.control.aeMode", values, message.allocator());
-    const auto run = [&] {
-        takeAddressSpace();
-        unsigned id = 0;
-        handler.findMetadataTagId(name.c_str(), &id);
-        Capture result;
-        handler.convertToMetadata(result.md, message.root());
-        _exit(0);
-    };
-    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0),
-                "Failed to allocate vendor name(.|\n)*Failed to set metadata for android.control.aeMode");
 }

@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <map>
+#include <atomic>
 #include <thread>
 
 #include "HelperFixture.h"
@@ -17,56 +17,24 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr useconds_t kReconnectPauseUs = 500 * 1000;
-constexpr useconds_t kLeavingPauseUs = 1000;
 constexpr std::chrono::milliseconds kLimit(30000), kMoment(30);
 
-// The helper's pauses, which take no time here but last as long as they are held.
-class Pauses {
-  public:
-    void hold(useconds_t length) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mHeld = length;
-    }
-    void release() { hold(0); }
-    // Runs inside every later pause of the length.
-    void during(useconds_t length, std::function<void()> action) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mActions[length] = std::move(action);
-    }
-    int count(useconds_t length) {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mCounts[length];
-    }
-    void run(useconds_t length) {
-        std::unique_lock<std::mutex> lock(mLock);
-        ++mCounts[length];
-        const std::function<void()> action = mActions[length];
-        lock.unlock();
-        if (action) action();
-        EXPECT_TRUE(waitUntil([&] {
-            std::lock_guard<std::mutex> relock(mLock);
-            return mHeld != length;
-        }));
-    }
-    void reset() {
-        std::lock_guard<std::mutex> lock(mLock);
-        mHeld = 0;
-        mActions.clear();
-        mCounts.clear();
-    }
-
-  private:
-    std::mutex mLock;
-    useconds_t mHeld = 0;
-    std::map<useconds_t, std::function<void()>> mActions;
-    std::map<useconds_t, int> mCounts;
-} gPauses;
+// The helper's pauses, which take no time here.
+std::atomic<int> gReconnectPauses, gLeavingPauses;
+std::atomic<bool> gReconnectionSleeps;  // until this is cleared
+std::function<void()> gWhileLeaving;    // on the thread that ends the helper
 
 }  // namespace
 
 // In place of the C library's.
 extern "C" int usleep(useconds_t length) {
-    gPauses.run(length);
+    if (length == kReconnectPauseUs) {
+        ++gReconnectPauses;
+        EXPECT_TRUE(waitUntil([] { return !gReconnectionSleeps; }));
+    } else {
+        ++gLeavingPauses;
+        if (gWhileLeaving) gWhileLeaving();
+    }
     return 0;
 }
 
@@ -90,7 +58,10 @@ struct FailingService : FakeDesktopService {
 
 class ALink : public HelperFixture {
   protected:
-    ALink() { gPauses.reset(); }
+    ALink() {
+        gReconnectPauses = gLeavingPauses = 0;
+        gWhileLeaving = nullptr;
+    }
 
     static size_t lookUps() { return vel::host::localLookUpCount("default"); }
     static void failNextCalls(size_t count, const android::hardware::Status& status) {
@@ -156,14 +127,14 @@ TEST_F(ALink, SurvivesAServiceThatFailsEveryCallOfTheConnection) {
 
 TEST_F(ALink, IsMadeAgainAfterADeath) {
     start();
-    gPauses.hold(kReconnectPauseUs);
+    gReconnectionSleeps = true;
     kill();
     EXPECT_FALSE(isConnected());
     service = FakeDesktopService::start();
-    gPauses.release();
+    gReconnectionSleeps = false;
     awaitThreads();
     EXPECT_TRUE(isConnected());
-    EXPECT_EQ(gPauses.count(kReconnectPauseUs), 1) << "before the look-up";
+    EXPECT_EQ(gReconnectPauses, 1) << "before the look-up";
     EXPECT_THAT(service->calls(), ElementsAre("registerCallback 2"));
     EXPECT_THAT(logged(), ElementsAre("D Service death, disconnect", "D Trying to get service",
                                       HasSubstr("D Got service for camera desktop ")));
@@ -189,7 +160,7 @@ TEST_F(ALink, IsTriedThreeTimesAfterADeathAndThenLeftToTheNextUse) {
     kill();
     awaitThreads();
     EXPECT_EQ(lookUps(), before + 3);
-    EXPECT_EQ(gPauses.count(kReconnectPauseUs), 3);
+    EXPECT_EQ(gReconnectPauses, 3);
 
     service = FakeDesktopService::start();
     service->setReply(ClientType::CLIENT_APP, "OK");
@@ -240,17 +211,17 @@ TEST_F(ALink, IsNotMadeAgainForAHelperThatEnds) {
     for (const bool whileItSleeps : {true, false}) {
         SCOPED_TRACE(whileItSleeps);
         start();
-        gPauses.hold(kReconnectPauseUs);
+        gReconnectionSleeps = true;
         kill();
-        EXPECT_TRUE(waitUntil([] { return gPauses.count(kReconnectPauseUs) > 0; }));
+        EXPECT_TRUE(waitUntil([] { return gReconnectPauses > 0; }));
         EXPECT_TRUE(isFree(linkLock())) << "a reconnection that sleeps holds nothing";
         const size_t before = lookUps();
         std::unique_lock<std::mutex> lock(linkLock());
         if (whileItSleeps) {
             end();
-            EXPECT_EQ(gPauses.count(kLeavingPauseUs), 0) << "nobody is inside";
+            EXPECT_EQ(gLeavingPauses, 0) << "nobody is inside";
         }
-        gPauses.release();
+        gReconnectionSleeps = false;
         EXPECT_EQ(
             waitUntil([] { return detached_thread::liveCount() == 0; }, whileItSleeps ? kLimit : kMoment),
             whileItSleeps);
@@ -258,7 +229,7 @@ TEST_F(ALink, IsNotMadeAgainForAHelperThatEnds) {
         lock.unlock();
         awaitThreads();
         EXPECT_EQ(lookUps(), before);
-        gPauses.reset();
+        gReconnectPauses = gLeavingPauses = 0;
     }
 }
 
@@ -267,7 +238,7 @@ TEST_F(ALink, IsClosedToLateVisitorsOfAHelperThatEnds) {
     record(0).restartPending = true;
     uint32_t cameraId = 0;
     end();
-    EXPECT_EQ(gPauses.count(kLeavingPauseUs), 0) << "there is nobody to wait for";
+    EXPECT_EQ(gLeavingPauses, 0) << "there is nobody to wait for";
     helper->updateCameraIdOnHalOpen(cameraId);
     helper->setRequiredOverrideId(0, 2);
     kill();
@@ -290,10 +261,10 @@ TEST_F(ALink, IsWaitedForByTheEndOfTheHelperUntilTheAnswer) {
     uint32_t cameraId = 0;
     helper->updateCameraIdOnHalOpen(cameraId);
     EXPECT_TRUE(service->awaitBlocked(Operation::SEND_COMMAND));
-    gPauses.during(kLeavingPauseUs, [&] {
+    gWhileLeaving = [&] {
         service->unblock(Operation::SEND_COMMAND);
         awaitThreads();
-    });
+    };
     helper.reset();
     EXPECT_THAT(logged(), ElementsAre("D sendSessionRestartDoneToApp: App replied ",
                                       "D Calling destructor ~VelChiDesktopHelper"));
