@@ -128,17 +128,19 @@ void DesktopTransport::discard(SessionId session, std::vector<ObjectExporter::Dr
 void DesktopTransport::publish(SessionId session, Kind kind, const std::string& path) {
     mLoop.post(session, [this, kind, path](BusSession& current) {
         current.addObject(path, [&](sdbus::IObject& object) {
-            addReferenceMethods(object, current.id(), path);
+            addReferenceMethods(object, current.id(), kind, path);
             if (kind == Kind::CALLBACK) addCallbackMethods(object, current, path);
             if (kind == Kind::PRODUCER) mProducers.addMethods(object, current, path);
         });
     });
 }
 
-void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session,
+void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session, Kind kind,
                                            const std::string& path) {
     object.registerMethod(bus::kReferenceInterface, bus::kAcquire, "", "",
-                          [this, session, path](const sdbus::MethodCall& call) {
+                          [this, session, kind, path](const sdbus::MethodCall& call) {
+                              if (kind == Kind::CALLBACK)
+                                  throw sdbus::Error(bus::kErrorAccessDenied, "callbacks are not passed on");
                               if (!mExporter.holdAgain(session, call.getSender(), path))
                                   throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
                               call.createReply().send();
@@ -158,6 +160,9 @@ void DesktopTransport::addCallbackMethods(sdbus::IObject& object, BusSession& se
 void DesktopTransport::onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call) {
     const sp<IBase> object = mExporter.find(session.id(), Kind::CALLBACK, path);
     if (object == nullptr) throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
+    // Lent to the process that had the service's name, and never passed on.
+    if (!mExporter.isHeldBy(session.id(), call.getSender(), path))
+        throw sdbus::Error(bus::kErrorAccessDenied, call.getSender() + " is not the desktop service");
     const sp<ICameraDesktopCallback> callback = static_cast<ICameraDesktopCallback*>(object.get());
     mWorkers.post(
         [this, callback, command = WireText::read(call), id = session.id(), ticket = session.park(call)] {

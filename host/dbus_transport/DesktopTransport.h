@@ -66,7 +66,7 @@ class DesktopTransport final : private BusListener {
     void discard(SessionId session, std::vector<ObjectExporter::Dropped> dropped);
 
     void publish(SessionId session, Kind kind, const std::string& path);
-    void addReferenceMethods(sdbus::IObject& object, SessionId session, const std::string& path);
+    void addReferenceMethods(sdbus::IObject& object, SessionId session, Kind kind, const std::string& path);
     void addCallbackMethods(sdbus::IObject& object, BusSession& session, const std::string& path);
     void onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call);
 

@@ -11,7 +11,6 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -335,27 +334,25 @@ TEST_F(ADesktopService, HostileTextsNeverReachTheCallback) {
         return "taken";
     });
     ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, hal).isOk());
-    const auto registered = mProcess->waitForLine("HAL registered");
-    ASSERT_TRUE(registered);
-    std::istringstream object(registered->substr(registered->find(" :")));
-    std::string name, path;
-    object >> name >> path;
     const auto connection = sdbus::createSessionBusConnectionWithAddress(sBus->address());
-    const auto callback = sdbus::createProxy(*connection, name, path);
-    // The reply to a stranger's text, or the name of the error.
+    const auto service =
+        sdbus::createProxy(*connection, vel::desktop_bus::kServiceName, vel::desktop_bus::kServicePath);
+    // The reply to a stranger's text, or the error, which the service passes on.
     const auto call = [&](int fd, uint64_t length) {
         try {
             sdbus::Variant reply;
-            callback->callMethod("OnCommand")
-                .onInterface("korvanta.hardware.camera.desktop.V1_0.ICameraDesktopCallback")
-                .withArguments(sdbus::Variant(sdbus::make_struct(sdbus::UnixFd(fd), length)))
+            service->callMethod(vel::desktop_bus::kSendCommand)
+                .onInterface(vel::desktop_bus::kServiceInterface)
+                .withArguments(static_cast<uint8_t>(ClientType::CLIENT_CAMERA_HAL),
+                               sdbus::Variant(sdbus::make_struct(sdbus::UnixFd(fd), length)))
                 .storeResultsTo(reply);
             return reply.get<std::string>();
         } catch (const sdbus::Error& error) {
-            return error.getName();
+            return error.getMessage();
         }
     };
-    const char* const invalid = "org.freedesktop.DBus.Error.InvalidArgs";
+    const char* const invalid =
+        "HAL failed: org.freedesktop.DBus.Error.InvalidArgs: the command is not acceptable";
 
     const int memory = memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     ASSERT_EQ(ftruncate(memory, 100), 0);
