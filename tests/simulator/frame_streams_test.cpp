@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
+#include <media/NdkImageReader.h>
 
+#include <climits>
 #include <memory>
 
 #include "ConsumerQueue.h"
@@ -12,6 +14,7 @@
 #include "FrameBuffer.h"
 #include "FrameStream.h"
 #include "ReplacementQueue.h"
+#include "ScriptedProducer.h"
 #include "TestPicture.h"
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
@@ -94,6 +97,35 @@ TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
     EXPECT_EQ(counts.wrong, 1u);
     EXPECT_EQ(stream.latency().count(), counts.replaced);
     EXPECT_LT(stream.latency().maxNs(), durationNs);
+}
+
+// A HAL that gives slots that do not exist or were never filled, and buffers of another size.
+TEST(AReplacementQueue, WritesIntoNothingButABufferOfTheSizeThatItAskedFor) {
+    constexpr uint32_t kBytes = 4096;
+    constexpr int kNew = ScriptedProducer::BUFFER_NEEDS_REALLOCATION;
+    const sp<ScriptedProducer> hal = new ScriptedProducer;
+    ReplacementQueue queue(new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(hal));
+    int filled = 0;
+    // requested: the bytes of the buffer that the HAL hands out; 0 when none may be asked for.
+    const auto sends = [&](const ScriptedProducer::Dequeue& answer, uint32_t requested) {
+        hal->onDequeue(answer);
+        if (requested != 0) {
+            hal->onRequest({android::NO_ERROR, new GraphicBuffer(requested, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
+                                                                 GRALLOC_USAGE_SW_WRITE_OFTEN)});
+        }
+        return queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { ++filled; });
+    };
+    for (const int status : {0, kNew}) {
+        for (const int slot : {-3, 64, INT_MAX})
+            EXPECT_FALSE(sends({status, slot}, 0)) << status << " " << slot;
+    }
+    EXPECT_FALSE(sends({0, 5}, 0)) << "never requested";
+    EXPECT_FALSE(sends({kNew, 5}, 16)) << "too small";
+    EXPECT_FALSE(sends({0, 5}, 0)) << "and not kept";
+    EXPECT_EQ(filled, 0);
+    EXPECT_TRUE(sends({kNew, 5}, kBytes));
+    EXPECT_TRUE(sends({0, 5}, 0));
+    EXPECT_EQ(filled, 2);
 }
 
 }  // namespace
