@@ -23,6 +23,11 @@ constexpr nsecs_t kDequeueLimitNs = 250'000'000;
 
 ReplacementQueue::ReplacementQueue(const sp<HidlProducer>& reader)
     : mProducer(new H2BGraphicBufferProducer(reader)) {
+    connect();
+}
+
+void ReplacementQueue::connect() {
+    mBuffers = {};
     IGraphicBufferProducer::QueueBufferOutput output;
     mStatus = mProducer->connect(nullptr, NATIVE_WINDOW_API_CAMERA, false, &output);
     if (mStatus == NO_ERROR) mStatus = mProducer->setMaxDequeuedBufferCount(kMaxDequeuedBuffers);
@@ -36,9 +41,15 @@ ReplacementQueue::~ReplacementQueue() {
 // The HAL may answer anything.
 sp<GraphicBuffer> ReplacementQueue::dequeue(uint32_t rowBytes, int& slot) {
     sp<Fence> fence;
-    const android::status_t answer =
-        mProducer->dequeueBuffer(&slot, &fence, rowBytes, 1, AIMAGE_FORMAT_RAW_PRIVATE,
-                                 GRALLOC_USAGE_SW_WRITE_OFTEN, nullptr, nullptr);
+    const auto ask = [&] {
+        return mProducer->dequeueBuffer(&slot, &fence, rowBytes, 1, AIMAGE_FORMAT_RAW_PRIVATE,
+                                        GRALLOC_USAGE_SW_WRITE_OFTEN, nullptr, nullptr);
+    };
+    android::status_t answer = ask();
+    if (answer == android::NO_INIT) {  // somebody has disconnected the queue
+        connect();
+        answer = ask();
+    }
     const bool isSlot = slot >= 0 && static_cast<size_t>(slot) < mBuffers.size();
     mStatus = answer < NO_ERROR ? answer : NO_ERROR;
     if (mStatus == NO_ERROR && !isSlot) mStatus = android::BAD_INDEX;

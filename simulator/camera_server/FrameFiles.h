@@ -46,22 +46,20 @@ class PictureSource {
 /** The file of replaced frames; gone again unless it was finished. Throws as Y4mWriter does. */
 class OutputFile {
   public:
-    OutputFile(const std::string& file, FrameSize size, FrameRate rate)
-        : mFile(file), mWriter(file, size, rate) {}
+    OutputFile(const std::string& file, FrameSize size, FrameRate rate);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     void write(const ConstFrameView& frame) { mWriter.writeFrame(frame); }
-    void finish() {
-        mWriter.close();
-        mFinished = true;
-    }
+    void finish();
+
+    /** Removes the outputs that are not finished, for a process that ends at once. Any thread. */
+    static void removeUnfinished();
 
   private:
     const std::string mFile;
     Y4mWriter mWriter;
-    bool mFinished = false;
 };
 
 /** Whether both names stand for one regular file. */

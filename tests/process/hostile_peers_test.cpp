@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
+#include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -12,12 +14,14 @@
 #include "DesktopBusNames.h"
 #include "PrivateBus.h"
 #include "Programs.h"
+#include "TemporaryFolder.h"
 #include "WireTypes.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 namespace bus = vel::desktop_bus;
-using testing::HasSubstr;
+using testing::IsEmpty;
 using vel::sim::ChildProcess;
 using vel::sim::PrivateBus;
 
@@ -81,7 +85,7 @@ class Stranger {
     const std::unique_ptr<sdbus::IConnection> mConnection;
 };
 
-class ADesktopServiceAmongStrangers : public testing::Test {
+class AmongStrangers : public testing::Test {
   protected:
     std::unique_ptr<ChildProcess> startApp(const std::string& reply) {
         auto app = startProgram({"desktop_app", "--reply", reply}, bus.address());
@@ -99,7 +103,7 @@ class ADesktopServiceAmongStrangers : public testing::Test {
     Stranger stranger{bus};
 };
 
-TEST_F(ADesktopServiceAmongStrangers, GivesATypeToItsNewestLiveRegistration) {
+TEST_F(AmongStrangers, TheServiceGivesATypeToItsNewestLiveRegistration) {
     const auto one = startApp("ONE");
     const auto two = startApp("TWO");
     EXPECT_TRUE(service->waitForLine("APP replaced "));
@@ -117,7 +121,7 @@ TEST_F(ADesktopServiceAmongStrangers, GivesATypeToItsNewestLiveRegistration) {
     EXPECT_EQ(stranger.send(kApp, "{}"), bus::kErrorNoPeer);
 }
 
-TEST_F(ADesktopServiceAmongStrangers, LetsNobodySpeakForAnother) {
+TEST_F(AmongStrangers, TheServiceLetsNobodySpeakForAnother) {
     const auto app = startApp("OK");
     Stranger owner(bus);
     ASSERT_EQ(owner.give(bus::kSetSurface, kImgSub, owner.name(), "/surface"), "");
@@ -140,6 +144,77 @@ TEST_F(ADesktopServiceAmongStrangers, LetsNobodySpeakForAnother) {
     (void)stranger.reference(callback, bus::kAcquire);
     EXPECT_EQ(stranger.command(callback), kDenied) << "with a reference, too";
     EXPECT_EQ(stranger.send(kApp, "{}"), "OK");
+}
+
+TEST_F(AmongStrangers, TheCameraServerWaitsForNobody) {
+    const auto camera = startProgram({"camera_server"}, bus.address());
+    ASSERT_TRUE(service->waitForLine("HAL registered"));
+    const auto app = startApp("");
+    app->kill(SIGSTOP);
+    const auto does = [&](const char* command, const char* line) {
+        return camera->writeLine(command) && camera->waitForLine(line, 10s);
+    };
+    ASSERT_TRUE(does("open 0", "open 0 -> camera 4"));
+    ASSERT_TRUE(camera->writeLine("capture 0 9 30"));
+    ASSERT_TRUE(service->waitForLine("HAL -> APP"));
+    EXPECT_TRUE(does("open 1", "open 1 -> camera 1"));
+    EXPECT_TRUE(does("close 0", "close 0"));
+    EXPECT_TRUE(does("capture 0 1 1", "error camera 0 is not open"));
+    camera->kill(SIGTERM);
+    EXPECT_TRUE(camera->wait(10s));
+}
+
+// --- Exhausted and closed
+// ----------------------------------------------------------------------------------------------
+
+// The program, as the shell starts it: before and behind its name stands what its surroundings are.
+std::unique_ptr<ChildProcess> startInShell(const std::string& before, const std::string& program,
+                                           const std::string& behind, const PrivateBus& bus) {
+    return startProgram({"/bin/sh", "-c", before + " exec '" + programPath(program) + "' " + behind},
+                        bus.address());
+}
+
+TEST_F(AmongStrangers, TheCameraServerTellsThatItHasNoDescriptorsAndGoesOnWhereItCan) {
+    for (int limit = 4; limit < 16; ++limit) {
+        const auto camera =
+            startInShell("ulimit -n " + std::to_string(limit) + ";", "camera_server", "", bus);
+        camera->closeInput();
+        EXPECT_GE(camera->wait().value_or(-1), 0) << limit;
+    }
+    const auto camera = startProgram({"camera_server"}, bus.address());
+    ASSERT_TRUE(camera->waitForLine("registered"));
+    rlimit before{};
+    ASSERT_EQ(prlimit(camera->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit none = {4, before.rlim_max};  // as few as it polls
+    ASSERT_EQ(prlimit(camera->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    camera->writeLine("frames 0 size=64x48 streams=1");
+    EXPECT_TRUE(camera->waitForLine("error no descriptor for the frames"));
+    ASSERT_EQ(prlimit(camera->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    camera->writeLine("frames 0 size=64x48 streams=1");
+    EXPECT_TRUE(camera->waitForLine("frames of 64x48 ready"));
+}
+
+TEST_F(AmongStrangers, NoDescriptorTakesThePlaceOfAClosedStandardStream) {
+    const auto camera = startInShell("", "camera_server", ">&- 2>&-", bus);
+    const auto app = startInShell("", "desktop_app", "<&- >&- 2>&-", bus);
+    ASSERT_TRUE(service->waitForLine("HAL registered"));
+    ASSERT_TRUE(service->waitForLine("APP registered"));
+    for (const pid_t pid : {camera->pid(), app->pid()}) {
+        for (const char* stream : {"1", "2"}) {
+            const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + stream;
+            EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null") << link;
+        }
+    }
+}
+
+TEST_F(AmongStrangers, TheCameraServerLeavesNoOutputWhenItsReaderGoes) {
+    const TemporaryFolder folder;
+    const auto camera = startProgram(
+        {"/bin/sh", "-c", "'" + programPath("camera_server") + "' | grep -m1 ready"}, bus.address());
+    camera->writeLine("frames 0 size=64x48 output=" + folder.path("replaced.y4m"));
+    EXPECT_TRUE(camera->waitForLine("ready"));
+    EXPECT_TRUE(camera->wait());
+    EXPECT_THAT(folder.names(), IsEmpty());
 }
 
 }  // namespace
