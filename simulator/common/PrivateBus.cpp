@@ -99,4 +99,8 @@ void PrivateBus::kill() {
     (void)mDaemon->wait();
 }
 
+void PrivateBus::suspend() {
+    mDaemon->kill(SIGSTOP);
+}
+
 }  // namespace vel::sim

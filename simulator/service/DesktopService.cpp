@@ -18,6 +18,9 @@ using korvanta::hardware::camera::desktop::V2_0::ClientType;
 
 namespace {
 
+// Of one sender's commands: each holds a thread of its receiver.
+constexpr size_t kMaxUnderWay = 32;
+
 constexpr auto kTypeHal = static_cast<uint8_t>(ClientType::CLIENT_CAMERA_HAL);
 
 const std::map<uint8_t, std::string> kTypeNames = {
@@ -128,16 +131,26 @@ void DesktopService::sendCommand(sdbus::MethodCall& call) {
         mTrace.message(nameOf(call.getSender()), typeName(type), peekText(call));
         (void)readType(call);  // peeking has gone back to the beginning
     }
+    const std::string sender = call.getSender();
+    if (const auto count = mUnderWay.find(sender);
+        count != mUnderWay.end() && count->second == kMaxUnderWay) {
+        refuse(call, type,
+               sdbus::Error(bus::kErrorLimitsExceeded, "too many commands wait for their answers"));
+        return;
+    }
     const InterfaceObject receiver = newestOf(type);
     if (receiver.isNull()) {
         refuse(call, type,
                sdbus::Error(bus::kErrorNoPeer, typeName(type) + " has not registered a callback"));
         return;
     }
+    ++mUnderWay[sender];
     mCalls.begin(
         receiver, bus::kCallbackInterface, bus::kOnCommand,
         [&call](sdbus::MethodCall& onCommand) { call.copyTo(onCommand, false); },
         [this, call, type, receiver](sdbus::MethodReply* reply, const sdbus::Error* error) {
+            const auto count = mUnderWay.find(call.getSender());
+            if (--count->second == 0) mUnderWay.erase(count);
             answerCommand(call, type, receiver, reply, error);
         });
 }

@@ -70,8 +70,9 @@ class DesktopService {
 
     sdbus::IConnection& mConnection;
     const Trace& mTrace;
-    vel::desktop_bus::AsyncCalls mCalls;
+    std::map<std::string, size_t> mUnderWay;       // commands that wait for their answers, by sender
     std::map<uint8_t, Registrations> mCallbacks;   // no type without a registration
     std::map<uint8_t, InterfaceObject> mSurfaces;  // no null ones
+    vel::desktop_bus::AsyncCalls mCalls;  // ends its calls when it goes, which uses the members above
     std::unique_ptr<sdbus::IObject> mObject;
 };
