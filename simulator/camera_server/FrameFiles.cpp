@@ -35,7 +35,12 @@ FrameStream::Draw PictureSource::drawing(uint32_t stream) {
 }
 
 bool PictureSource::drawVideo(const FrameView& frame) {
-    if (mFirst.empty()) return mVideo->readFrame(frame);
+    if (mFirst.empty()) {
+        mIsWaiting = true;
+        const bool isRead = mVideo->readFrame(frame);
+        mIsWaiting = false;
+        return isRead;
+    }
     copyFrame(ConstFrameView(mFirst.data(), size()), frame);
     mFirst = {};
     return true;

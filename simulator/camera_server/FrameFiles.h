@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,8 @@ class PictureSource {
     void readFirst();
     /** Draws the frames of a stream, in order, from then on. */
     FrameStream::Draw drawing(uint32_t stream);
+    /** Whether the next frame of the input is waited for. Any thread. */
+    bool isWaiting() const { return mIsWaiting; }
     /** What the input's decoder complained about although it went on; empty as a rule. */
     std::string complaint() const { return mVideo ? mVideo->complaint() : ""; }
 
@@ -40,6 +43,7 @@ class PictureSource {
     const FrameSize mSize;
     const FrameRate mRate;
     std::unique_ptr<VideoInput> mVideo;
+    std::atomic<bool> mIsWaiting{false};
     std::vector<uint8_t> mFirst;  // the input's first frame, until it is drawn
 };
 

@@ -42,11 +42,12 @@ FrameCounts total(const Streams& streams) {
     return sum;
 }
 
-void printProgress(const Streams& streams) {
+void printProgress(const Streams& streams, bool isWaitingForInput) {
     const FrameCounts sum = total(streams);
     printLine("frames so far: %" PRIu64 " sent, %" PRIu64 " replaced in time, %" PRIu64 " repeated, %" PRIu64
-              " late, %" PRIu64 " dropped",
-              sum.sent, sum.replaced, sum.repeated, sum.late, sum.dropped);
+              " late, %" PRIu64 " dropped%s",
+              sum.sent, sum.replaced, sum.repeated, sum.late, sum.dropped,
+              isWaitingForInput ? ", waiting for input" : "");
 }
 
 void printTable(const Streams& streams, uint64_t previewFrames) {
@@ -152,7 +153,7 @@ void FrameSession::streamToTheEnd() {
     }
     for (auto next = StopSignal::Clock::now() + kReportEvery; mStreamsEnd.waitUntil(next);
          next += kReportEvery)
-        printProgress(mStreams);
+        printProgress(mStreams, mSource->isWaiting());
     for (std::thread& thread : threads)
         thread.join();
 }

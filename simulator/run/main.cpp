@@ -121,6 +121,11 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
                    "what the application does to them: tint (default), mirror, blur or none")
         ->type_name("EFFECT")
         ->check(CLI::IsMember({"tint", "mirror", "blur", "none"}));
+    cli.add_option("--patience", options.frames.patience,
+                   "seconds without progress until frames are given up (default 45); an input that gives "
+                   "nothing does not count")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 3600));
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
