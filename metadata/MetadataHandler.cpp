@@ -54,7 +54,7 @@ bool findTagInSection(size_t section, const char* tagName, unsigned* id) {
     const unsigned end = camera_metadata_section_bounds[section][1];
     for (unsigned tag = camera_metadata_section_bounds[section][0]; tag < end; ++tag) {
         const char* name = get_camera_metadata_tag_name(tag);
-        if (!name || std::strcmp(name, tagName) != 0) continue;
+        if (name == nullptr || std::strcmp(name, tagName) != 0) continue;
         *id = tag;
         return true;
     }
@@ -324,7 +324,7 @@ void MetadataHandler::convertMember(DesktopCaptureMetadata& md, const std::strin
         return;
     }
     ValueBuffer buffer(values.Size());
-    const bool set = buffer.data() && readValues(values, id, buffer.data()) &&
+    const bool set = buffer.data() != nullptr && readValues(values, id, buffer.data()) &&
                      setMetadataEntry(md, id, buffer.data(), values.Size());
     if (!set) VEL_LOGE("Failed to set metadata for %s", name.c_str());
 }
@@ -341,7 +341,7 @@ bool MetadataHandler::resolveTagId(const std::string& name, unsigned* id) {
 }
 
 bool MetadataHandler::findMetadataTagId(const char* name, unsigned* id) {
-    if (!name || !id) return false;
+    if (name == nullptr || id == nullptr) return false;
     const std::string_view text(name);
     size_t split;
     const size_t section = findSection(text, &split);

@@ -248,7 +248,7 @@ int add_camera_metadata_entry(camera_metadata_t* dst, uint32_t tag, const void* 
     const int type = get_camera_metadata_tag_type(tag);
     if (!dst || type < 0 || type >= NUM_TYPES) return kError;
     if (dst->entryCount == dst->entryCapacity) return kError;
-    if (data_count && !data) return kError;
+    if (data_count && data == nullptr) return kError;
     const uint64_t size = calculate_camera_metadata_entry_data_size(type, data_count);
     if (dst->dataCount + size > dst->dataCapacity) return kError;
 
@@ -275,7 +275,7 @@ int find_camera_metadata_ro_entry(const camera_metadata_t* src, uint32_t tag,
 int update_camera_metadata_entry(camera_metadata_t* dst, size_t index, const void* data, size_t data_count,
                                  camera_metadata_entry_t* updated_entry) {
     if (!dst || index >= dst->entryCount) return kError;
-    if (data_count && !data) return kError;
+    if (data_count && data == nullptr) return kError;
     Entry& entry = entriesOf(dst)[index];
     const size_t oldSize = dataSize(entry);
     const uint64_t newSize = calculate_camera_metadata_entry_data_size(entry.type, data_count);

@@ -39,11 +39,11 @@ const char* get_camera_metadata_section_name(uint32_t tag) {
 const char* get_camera_metadata_tag_name(uint32_t tag) {
     if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_tag_name(gVendorOps, tag) : nullptr;
     const TagInfo* info = findStandardTag(tag);
-    return info ? info->name : nullptr;
+    return info != nullptr ? info->name : nullptr;
 }
 
 int get_camera_metadata_tag_type(uint32_t tag) {
     if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_tag_type(gVendorOps, tag) : -1;
     const TagInfo* info = findStandardTag(tag);
-    return info ? info->type : -1;
+    return info != nullptr ? info->type : -1;
 }

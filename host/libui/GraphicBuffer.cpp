@@ -65,7 +65,7 @@ GraphicBuffer::GraphicBuffer(uint32_t w, uint32_t h, PixelFormat format, uint32_
 }
 
 GraphicBuffer::~GraphicBuffer() {
-    if (mMapping) munmap(mMapping, mByteCount);
+    if (mMapping != nullptr) munmap(mMapping, mByteCount);
     if (!handle) return;
     native_handle_close(handle);
     native_handle_delete(const_cast<native_handle_t*>(handle));
@@ -156,14 +156,14 @@ status_t GraphicBuffer::lock(uint32_t cpuUsage, void** vaddr, int32_t* outBytesP
 
 status_t GraphicBuffer::lock(uint32_t cpuUsage, const Rect& rect, void** vaddr, int32_t* outBytesPerPixel,
                              int32_t* outBytesPerStride) {
-    if (!vaddr || !handle || !contains(getBounds(), rect) || !allowsCpuAccess(usage, cpuUsage))
+    if (vaddr == nullptr || !handle || !contains(getBounds(), rect) || !allowsCpuAccess(usage, cpuUsage))
         return BAD_VALUE;
     BufferLayout layout;
     const status_t status = describeLayout(getWidth(), getHeight(), getLayerCount(), format, &layout);
     if (status != NO_ERROR) return status;
 
     std::lock_guard<std::mutex> lock(mMappingLock);
-    if (!mMapping) {
+    if (mMapping == nullptr) {
         void* mapping = mmap(nullptr, mByteCount, PROT_READ | PROT_WRITE, MAP_SHARED, handle->data[0], 0);
         if (mapping == MAP_FAILED) return NO_MEMORY;
         mMapping = mapping;

@@ -83,7 +83,7 @@ struct hidl_handle {
 struct hidl_string {
     hidl_string() = default;
     /** / Null makes an empty string. */
-    hidl_string(const char* text) : hidl_string(text, text ? strlen(text) : 0) {}
+    hidl_string(const char* text) : hidl_string(text, text != nullptr ? strlen(text) : 0) {}
     /** / Copies `length` bytes. */
     hidl_string(const char* text, size_t length) { copyFrom(text, length); }
     hidl_string(const std::string& text) : hidl_string(text.data(), text.size()) {}

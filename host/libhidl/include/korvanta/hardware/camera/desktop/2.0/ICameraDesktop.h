@@ -85,7 +85,7 @@ struct ICameraDesktop : public ::android::hidl::base::V1_0::IBase {
     static ::android::sp<ICameraDesktop> tryGetService(const std::string& serviceName = "default",
                                                        bool getStub = false);
     static ::android::sp<ICameraDesktop> tryGetService(const char serviceName[], bool getStub = false) {
-        return tryGetService(std::string(serviceName ? serviceName : ""), getStub);
+        return tryGetService(std::string(serviceName != nullptr ? serviceName : ""), getStub);
     }
     static ::android::sp<ICameraDesktop> tryGetService(const ::android::hardware::hidl_string& serviceName,
                                                        bool getStub = false) {
@@ -99,7 +99,7 @@ struct ICameraDesktop : public ::android::hidl::base::V1_0::IBase {
     static ::android::sp<ICameraDesktop> getService(const std::string& serviceName = "default",
                                                     bool getStub = false);
     static ::android::sp<ICameraDesktop> getService(const char serviceName[], bool getStub = false) {
-        return getService(std::string(serviceName ? serviceName : ""), getStub);
+        return getService(std::string(serviceName != nullptr ? serviceName : ""), getStub);
     }
     static ::android::sp<ICameraDesktop> getService(const ::android::hardware::hidl_string& serviceName,
                                                     bool getStub = false) {
