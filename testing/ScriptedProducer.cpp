@@ -61,7 +61,7 @@ status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w
     if (action) action();
     *slot = answer.slot;
     *fence = answer.fence;
-    if (outBufferAge) *outBufferAge = 0;
+    if (outBufferAge != nullptr) *outBufferAge = 0;
     return answer.status;
 }
 

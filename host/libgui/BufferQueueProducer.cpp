@@ -171,7 +171,8 @@ status_t BufferQueueProducer::dequeueBuffer(int* outSlot, sp<Fence>* outFence, u
     slot.state = BufferSlot::State::DEQUEUED;
     *outSlot = found;
     *outFence = std::exchange(slot.fence, Fence::NO_FENCE);
-    if (outBufferAge) *outBufferAge = slot.frameNumber ? mCore->frameCounter + 1 - slot.frameNumber : 0;
+    if (outBufferAge != nullptr)
+        *outBufferAge = slot.frameNumber ? mCore->frameCounter + 1 - slot.frameNumber : 0;
     return flags;
 }
 

@@ -67,7 +67,7 @@ status_t H2BGraphicBufferProducer::dequeueBuffer(int* slot, sp<Fence>* fence, ui
                                                  uint64_t* outBufferAge,
                                                  android::FrameEventHistoryDelta* outTimestamps) {
     *fence = new Fence;
-    if (outBufferAge) *outBufferAge = 0;
+    if (outBufferAge != nullptr) *outBufferAge = 0;
     status_t replied = UNKNOWN_ERROR;
     const Return<void> result =
         mBase->dequeueBuffer(w, h, static_cast<common::V1_0::PixelFormat>(format),

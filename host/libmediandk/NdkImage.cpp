@@ -13,7 +13,7 @@ constexpr char kTag[] = "NdkImage";
 
 // Locks the buffer at the first call, for the rest of the image's life.
 bool lockForReading(AImage* image) {
-    if (image->data) return true;
+    if (image->data != nullptr) return true;
     void* address = nullptr;
     if (image->item.mGraphicBuffer->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address) != android::NO_ERROR)
         return false;
@@ -25,7 +25,7 @@ bool lockForReading(AImage* image) {
 
 void ImageQueue::closeLocked(AImage* image) {
     if (image->isClosed) return;
-    if (image->data) image->item.mGraphicBuffer->unlock();
+    if (image->data != nullptr) image->item.mGraphicBuffer->unlock();
     image->data = nullptr;
     consumer->releaseBuffer(image->item, Fence::NO_FENCE);
     image->item = android::BufferItem();

@@ -58,6 +58,6 @@ int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence,
 
 int AHardwareBuffer_unlock(AHardwareBuffer* buffer, int32_t* fence) {
     if (buffer == nullptr) return -EINVAL;
-    if (fence) *fence = -1;
+    if (fence != nullptr) *fence = -1;
     return GraphicBuffer::fromAHardwareBuffer(buffer)->unlock();
 }
