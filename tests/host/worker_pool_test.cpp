@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
+#include <memory>
 #include <vector>
 
 #include "NextDefinition.h"
@@ -63,9 +64,9 @@ TEST(AWorkerPool, BoundsThePeersAndShrinksThoughItIsNeverIdle) {
     gate.open();
     // One after the other, without a pause.
     EXPECT_TRUE(waitUntil([] {
-        std::promise<void> done;
-        EXPECT_TRUE(pool.postFor(":1.1", [&] { done.set_value(); }));
-        done.get_future().wait();
+        const auto done = std::make_shared<std::promise<void>>();
+        if (!pool.postFor(":1.1", [done] { done->set_value(); })) return false;
+        done->get_future().wait();
         return gWorkers <= 2;
     }));
 }

@@ -182,7 +182,8 @@ TEST_F(AmongStrangers, TheCameraServerTellsThatItHasNoDescriptorsAndGoesOnWhereI
         EXPECT_GE(camera->wait().value_or(-1), 0) << limit;
     }
     const auto camera = startProgram({"camera_server"}, bus.address());
-    ASSERT_TRUE(camera->waitForLine("registered"));
+    camera->writeLine("status 0");
+    ASSERT_TRUE(camera->waitForLine("status 0: camera 0"));
     rlimit before{};
     ASSERT_EQ(prlimit(camera->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
     const rlimit none = {4, before.rlim_max};  // as few as it polls
