@@ -25,7 +25,7 @@ using testing::IsEmpty;
 using vel::sim::ChildProcess;
 using vel::sim::PrivateBus;
 
-constexpr uint8_t kApp = 0, kCameraService = 1, kHal = 2, kImgSub = 7;
+constexpr uint8_t kApp = 0, kCameraService = 1, kImgSub = 7;
 constexpr char kInvalid[] = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr char kDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 
