@@ -1,6 +1,12 @@
 # What every target of the project shares. Flags live on interface targets; nothing is set globally.
 find_package(Threads REQUIRED)
 
+# Where things are installed. The platform's libraries have names that a system may use for others, so they lie in a
+# folder of their own.
+include(GNUInstallDirs)
+set(VEL_PLATFORM_LIBDIR ${CMAKE_INSTALL_LIBDIR}/${PROJECT_NAME})
+set(VEL_PLATFORM_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/${PROJECT_NAME}/platform)
+
 # Warnings and sanitizers, for every target.
 add_library(vel_base_flags INTERFACE)
 target_compile_options(vel_base_flags INTERFACE -Wall -Wextra -Werror -Wformat=2)
@@ -37,6 +43,19 @@ target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBU
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
 add_library(rapidjson_headers INTERFACE)
 target_include_directories(rapidjson_headers SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+
+# vel_platform_library(<target> <include folder> ...)
+# Makes a shared library of the platform known as platform::<target>, with its headers here and where it is installed.
+function(vel_platform_library target)
+  add_library(platform::${target} ALIAS ${target})
+  foreach(folder ${ARGN})
+    target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${folder}>)
+    install(DIRECTORY ${folder}/ DESTINATION ${VEL_PLATFORM_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+  endforeach()
+  target_include_directories(${target} PUBLIC $<INSTALL_INTERFACE:${VEL_PLATFORM_INCLUDEDIR}>)
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${target} EXPORT platform LIBRARY DESTINATION ${VEL_PLATFORM_LIBDIR})
+endfunction()
 
 # vel_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TIMEOUT seconds] [ARGS ...])
 # One executable a subject, run as one shuffled test.
