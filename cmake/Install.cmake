@@ -3,7 +3,7 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
 
 install(TARGETS vel_chi_desktop_helper EXPORT product LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-set_target_properties(vel_chi_desktop_helper PROPERTIES INSTALL_RPATH "$ORIGIN/${PROJECT_NAME}")
+set_target_properties(vel_chi_desktop_helper PROPERTIES INSTALL_RPATH "$ORIGIN/${PROJECT_NAME};${ANDROID_LIBDIR}")
 install(FILES
   helper/VelChiDesktopHelper.h imgsub/Export.h imgsub/VelImgSubHelper.h metadata/DesktopCaptureMetadata.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${PROJECT_NAME})
@@ -11,7 +11,7 @@ install(FILES
 set(programs camera_server desktop_app desktop_run desktop_service)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR} OUTPUT_VARIABLE lib_from_bin)
 set_target_properties(${programs} PROPERTIES
-  INSTALL_RPATH "$ORIGIN/${lib_from_bin};$ORIGIN/${lib_from_bin}/${PROJECT_NAME}")
+  INSTALL_RPATH "$ORIGIN/${lib_from_bin};$ORIGIN/${lib_from_bin}/${PROJECT_NAME};${ANDROID_LIBDIR}")
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # The CMake package: the product as vel::vel_chi_desktop_helper, the platform as platform::ui and so on.

@@ -37,6 +37,7 @@ target_include_directories(platform_debian SYSTEM INTERFACE ${ANDROID_INCLUDE_DI
 find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED)
 find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED)
 find_library(ANDROID_LIBCUTILS cutils PATH_SUFFIXES android REQUIRED)
+cmake_path(GET ANDROID_LIBLOG PARENT_PATH ANDROID_LIBDIR)  # not where the loader looks by itself
 target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBUTILS} ${ANDROID_LIBCUTILS})
 
 # RapidJSON is header-only; a system include keeps its own warnings out of ours.
@@ -53,7 +54,7 @@ function(vel_platform_library target)
     install(DIRECTORY ${folder}/ DESTINATION ${VEL_PLATFORM_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
   endforeach()
   target_include_directories(${target} PUBLIC $<INSTALL_INTERFACE:${VEL_PLATFORM_INCLUDEDIR}>)
-  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN;${ANDROID_LIBDIR}")
   install(TARGETS ${target} EXPORT platform LIBRARY DESTINATION ${VEL_PLATFORM_LIBDIR})
 endfunction()
 
