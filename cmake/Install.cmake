@@ -5,7 +5,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
 install(TARGETS vel_chi_desktop_helper EXPORT product LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vel_chi_desktop_helper PROPERTIES INSTALL_RPATH "$ORIGIN/${PROJECT_NAME};${ANDROID_LIBDIR}")
 install(FILES
-  helper/VelChiDesktopHelper.h imgsub/Export.h imgsub/VelImgSubHelper.h metadata/DesktopCaptureMetadata.h
+  helper/VelChiDesktopHelper.h imgsub/Export.h imgsub/VelImgSubHelper.h libveljsonutils/ThreadSafety.h metadata/DesktopCaptureMetadata.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${PROJECT_NAME})
 
 set(programs camera_server desktop_app desktop_run desktop_service)
