@@ -1,0 +1,79 @@
+#include "Packet.h"
+
+#include <cutils/native_handle.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vel::queue_channel {
+namespace {
+
+using android::hardware::hidl_handle;
+
+// A message with room for the packet and a descriptor.
+struct Message : msghdr {
+    Message(void* packet, size_t size) : msghdr(), bytes{packet, size} {
+        msg_iov = &bytes;
+        msg_iovlen = 1;
+        msg_control = control;
+        msg_controllen = sizeof(control);
+    }
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+
+    iovec bytes;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+};
+
+// Keeps one descriptor and closes others; false unless there is at most one, and nothing else.
+bool takeDescriptor(Message& message, hidl_handle* handle) {
+    size_t taken = 0;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+        const bool isRights = header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS;
+        if (!isRights) taken = 2;
+        for (size_t at = CMSG_LEN(0); isRights && at < header->cmsg_len; at += sizeof(int), ++taken) {
+            native_handle_t* const native = native_handle_create(1, 0);
+            std::memcpy(native->data, reinterpret_cast<char*>(header) + at, sizeof(int));
+            handle->setTo(native, true);
+        }
+    }
+    return taken <= 1;
+}
+
+}  // namespace
+
+int send(int socket, const void* packet, size_t size, const hidl_handle& handle, int flags) {
+    Message message(const_cast<void*>(packet), size);
+    const native_handle_t* const native = handle.getNativeHandle();
+    if (native == nullptr || native->numFds + native->numInts == 0) {
+        message.msg_controllen = 0;
+    } else if (native->numFds != 1 || native->numInts != 0) {
+        return EINVAL;
+    } else {
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        *header = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        std::memcpy(CMSG_DATA(header), native->data, sizeof(int));
+    }
+    ssize_t count;
+    do {
+        count = sendmsg(socket, &message, MSG_NOSIGNAL | flags);
+    } while (count < 0 && errno == EINTR);
+    if (count >= 0) return 0;
+    return errno == ECONNRESET ? EPIPE : errno;
+}
+
+Received receive(int socket, void* packet, size_t size, hidl_handle* handle) {
+    Message message(packet, size);
+    ssize_t count;
+    do {
+        count = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) return Received::END;
+    const bool isComplete = takeDescriptor(message, handle) && count == static_cast<ssize_t>(size) &&
+                            (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+    if (isComplete) return Received::PACKET;
+    return count == 0 ? Received::END : Received::MALFORMED;
+}
+
+}  // namespace vel::queue_channel
