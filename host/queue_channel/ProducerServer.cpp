@@ -84,7 +84,7 @@ void ProducerServer::serve() {
         hidl_handle fence;
         const Received received = receive(mSocket, &request, &fence);
         if (received != Received::PACKET)
-            return end(received == Received::MALFORMED ? "a packet made no sense" : nullptr);
+            return end(received == Received::MALFORMED ? "a packet makes no sense" : nullptr);
         const bool mayWait = leaveReader();
         carryOut(request, fence, mayWait);
     } while (becomeReader());
@@ -217,7 +217,8 @@ bool ProducerServer::respond(Answer& answer, int32_t status, const hidl_handle& 
     answer.reply.status = status;
     int error = EPIPE;
     if (mClient->isAlive) error = send(mSocket, &answer.reply, sizeof(answer.reply), handle, MSG_DONTWAIT);
-    if (error != 0) end(error == EPIPE ? nullptr : strerror(error));
+    if (error != 0)
+        end(error == EPIPE ? nullptr : error == EAGAIN ? "its replies are left unread" : strerror(error));
     return error == 0;
 }
 
