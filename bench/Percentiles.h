@@ -6,7 +6,7 @@
 #include <chrono>
 #include <vector>
 
-// Runs the work once an iteration and reports the median and the 99th percentile of its time.
+/** Runs the work once an iteration and reports the median and the 99th percentile of its time. */
 template <typename Work>
 void measureEach(benchmark::State& state, Work work) {
     std::vector<double> microseconds;

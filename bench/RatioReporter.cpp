@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 
 namespace {
 
@@ -19,6 +20,18 @@ double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     const size_t middle = values.size() / 2;
     return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+// What writeRatios() wrote; nothing when there is no such file.
+std::map<std::string, double> readRatios(const std::string& path) {
+    std::map<std::string, double> ratios;
+    std::ifstream file(path);
+    std::string key;
+    while (std::getline(file, key, '\t')) {
+        file >> ratios[key];
+        file.ignore();
+    }
+    return ratios;
 }
 
 // "subject/product/repeats:5" and the like: what the benchmark was registered as.
@@ -48,24 +61,46 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
     }
 }
 
-int RatioReporter::printRatios() const {
-    int above = 0;
-    std::printf("\n%-28s %-8s %12s %12s %8s %8s\n", "subject", "figure", "product", "floor", "ratio", "aim");
+std::vector<RatioReporter::Measured> RatioReporter::measured() const {
+    std::vector<Measured> result;
     for (const Aim& aim : aims()) {
         const auto product = mFigures.find(aim.subject + "/" + aim.product);
         const auto floor = mFigures.find(aim.subject + "/" + aim.floor);
         if (product == mFigures.end() || floor == mFigures.end()) continue;
-        const double ours = median(product->second.at(aim.figure));
-        const double theirs = median(floor->second.at(aim.figure));
-        const double ratio = ours / theirs;
-        if (ratio > aim.ratio) ++above;
-        std::printf("%-28s %-8s %12.1f %12.1f %8.2f ", aim.subject.c_str(), aim.figure.c_str(), ours, theirs,
-                    ratio);
+        result.push_back({aim, median(product->second.at(aim.figure)), median(floor->second.at(aim.figure))});
+    }
+    return result;
+}
+
+bool RatioReporter::writeRatios(const std::string& path) const {
+    std::ofstream file(path);
+    for (const Measured& row : measured())
+        file << row.key() << '\t' << row.ratio() << '\n';
+    return file.flush().good();
+}
+
+int RatioReporter::printRatios(const std::string& otherBuild) const {
+    const std::map<std::string, double> others = readRatios(otherBuild);
+    int above = 0;
+    std::printf("\n%-28s %-8s %12s %12s %8s %8s %8s\n", "subject", "figure", "product", "floor", "ratio",
+                "device", "aim");
+    for (const Measured& row : measured()) {
+        const Aim& aim = row.aim;
+        std::printf("%-28s %-8s %12.1f %12.1f %8.2f ", aim.subject.c_str(), aim.figure.c_str(), row.product,
+                    row.floor, row.ratio());
+        const auto other = others.find(row.key());
+        const double otherRatio = other == others.end() ? 0 : other->second;
+        if (other == others.end())
+            std::printf("%8s ", "-");
+        else
+            std::printf("%8.2f ", otherRatio);
         if (aim.ratio == kNoAim) {
             std::printf("%8s\n", aim.floor.c_str());
-        } else {
-            std::printf("%8.2f%s\n", aim.ratio, ratio > aim.ratio ? "  above" : "");
+            continue;
         }
+        const bool isAbove = row.ratio() > aim.ratio || otherRatio > aim.ratio;
+        if (isAbove) ++above;
+        std::printf("%8.2f%s\n", aim.ratio, isAbove ? "  above" : "");
     }
     return above;
 }

@@ -2,7 +2,8 @@
 
 #include <cstdlib>
 
-using vel::sim::ChildProcess;
+#include "DesktopBusNames.h"
+#include "Programs.h"
 
 ServicePeers& ServicePeers::get() {
     static ServicePeers peers;
@@ -10,20 +11,15 @@ ServicePeers& ServicePeers::get() {
 }
 
 ServicePeers::ServicePeers() {
-    setenv("VEL_DESKTOP_BUS_ADDRESS", mBus.address().c_str(), 1);
-    const std::string programs = VEL_PROGRAM_DIR;
-    start(programs + "/desktop_service", {"--bus", mBus.address(), "--trace"}, "ready");
-    start(programs + "/desktop_app", {"--bus", mBus.address(), "--stay", "--quiet"}, "registered");
-    start(VEL_FRAME_CONSUMER, {}, "ready");
+    setenv(vel::desktop_bus::kAddressVariable, mBus.address().c_str(), 1);
+    mPeers.push_back(startService(mBus.address()));
+    start({"desktop_app", "--stay", "--quiet"}, "registered");
+    start({VEL_FRAME_CONSUMER}, "ready");
     mHelper = DesktopHelperTestAccess::create();
     mService = ICameraDesktop::tryGetService("default", false);
 }
 
-void ServicePeers::start(const std::string& program, std::vector<std::string> arguments,
-                         const char* readyLine) {
-    ChildProcess::Options options;
-    options.command = std::move(arguments);
-    options.command.insert(options.command.begin(), program);
-    mPeers.push_back(std::make_unique<ChildProcess>(std::move(options)));
+void ServicePeers::start(std::vector<std::string> command, const char* readyLine) {
+    mPeers.push_back(startProgram(std::move(command), mBus.address()));
     if (!mPeers.back()->waitForLine(readyLine)) std::abort();
 }

@@ -10,7 +10,9 @@
 #include "DesktopHelperTestAccess.h"
 #include "PrivateBus.h"
 
-// A private bus with the service and this process's helper on it, started once and ended with the program.
+/**
+ * A private bus with the service and this process's helper on it, started once and ended with the program.
+ */
 class ServicePeers {
   public:
     using ICameraDesktop = korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
@@ -22,8 +24,8 @@ class ServicePeers {
 
   private:
     ServicePeers();
-    // Starts a program of the build and waits until it says that it is ready; ends this one otherwise.
-    void start(const std::string& program, std::vector<std::string> arguments, const char* readyLine);
+    /** Starts a program and waits until it says that it is ready; ends this one otherwise. */
+    void start(std::vector<std::string> command, const char* readyLine);
 
     vel::sim::PrivateBus mBus;
     std::vector<std::unique_ptr<vel::sim::ChildProcess>> mPeers;

@@ -4,8 +4,6 @@
 // is timed: the consumer's turn stands outside.
 
 #include <benchmark/benchmark.h>
-#include <gui/BufferItemConsumer.h>
-#include <gui/BufferQueue.h>
 #include <hardware/gralloc.h>
 #include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
@@ -21,6 +19,7 @@
 #include <utility>
 
 #include "AllocationCounter.h"
+#include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "RatioReporter.h"
@@ -28,14 +27,12 @@
 #include "VelImgSubHelper.h"
 
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 
 namespace {
 
 using namespace android;
 using hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
-using Wrapper = TWGraphicBufferProducer<HGraphicBufferProducer>;
 
 constexpr uint32_t kImageWidth = 640;
 constexpr uint32_t kImageHeight = 480;
@@ -69,15 +66,9 @@ void measure(benchmark::State& state, Before before, Path path, After after) {
 
 void nothing() {}
 
-// A queue of the application with its consumer, as the service hands it out.
-struct Queue {
-    Queue() {
-        sp<IGraphicBufferProducer> local;
-        sp<IGraphicBufferConsumer> end;
-        BufferQueue::createBufferQueue(&local, &end);
-        consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 2);
-        handle = new Wrapper(local);
-    }
+// A queue of the application with its consumer.
+struct Queue : ConsumerQueue {
+    Queue() : ConsumerQueue(2) {}
     void consume() {
         BufferItem item;
         require(consumer->acquireBuffer(&item, 0) == NO_ERROR);
@@ -93,8 +84,6 @@ struct Queue {
         }
         measure(state, nothing, frame, consumeIt);
     }
-    sp<HGraphicBufferProducer> handle;
-    sp<BufferItemConsumer> consumer;
 };
 
 sp<IGraphicBufferProducer> connected(const sp<HGraphicBufferProducer>& handle) {
@@ -164,7 +153,7 @@ struct Desktop {
 void appFrameProduct(benchmark::State& state) {
     Desktop desktop;
     Queue queue;
-    desktop.service->offerSurface(ClientType::CLIENT_APP, queue.handle);
+    desktop.service->offerSurface(ClientType::CLIENT_APP, queue.surface);
     require(desktop.helper->connectProducer(kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888));
     queue.measureFrames(state, [&] {
         require(desktop.helper->getFrameToFill() != nullptr);
@@ -175,7 +164,7 @@ void appFrameProduct(benchmark::State& state) {
 void appFrameFloor(benchmark::State& state) {
     Queue frames;
     SlotCache cache;
-    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    const sp<IGraphicBufferProducer> producer = connected(frames.surface);
     frames.measureFrames(state, [&] {
         const Lent lent = dequeue(*producer, kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888,
                                   GRALLOC_USAGE_SW_WRITE_RARELY);
@@ -187,7 +176,7 @@ void appFrameFloor(benchmark::State& state) {
 
 void appFrameBare(benchmark::State& state) {
     Queue frames;
-    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    const sp<IGraphicBufferProducer> producer = connected(frames.surface);
     frames.measureFrames(state, [&] {
         dequeueAndQueue(*producer, kImageWidth, kImageHeight, HAL_PIXEL_FORMAT_YCBCR_420_888,
                         GRALLOC_USAGE_SW_WRITE_RARELY);
@@ -206,7 +195,7 @@ struct Substitution {
     void makeHelper() {
         helper = std::make_shared<VelImgSubHelper>(handle, reader, kRowBytes, 1, kFormat, kImageWidth,
                                                    kImageHeight, true, false);
-        desktop.service->offerSurface(ClientType::CLIENT_IMG_SUB, outbound.handle);
+        desktop.service->offerSurface(ClientType::CLIENT_IMG_SUB, outbound.surface);
         sendOutbound();  // connects
         outbound.consume();
     }
@@ -235,7 +224,7 @@ void outboundFloor(benchmark::State& state) {
     Queue frames;
     SlotCache cache;
     std::mutex lock;
-    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    const sp<IGraphicBufferProducer> producer = connected(frames.surface);
     frames.measureFrames(state, [&] {
         Lent lent;
         sp<GraphicBuffer> buffer;
@@ -252,7 +241,7 @@ void outboundFloor(benchmark::State& state) {
 
 void outboundBare(benchmark::State& state) {
     Queue frames;
-    const sp<IGraphicBufferProducer> producer = connected(frames.handle);
+    const sp<IGraphicBufferProducer> producer = connected(frames.surface);
     frames.measureFrames(
         state, [&] { dequeueAndQueue(*producer, kRowBytes, 1, kFormat, GRALLOC_USAGE_SW_WRITE_OFTEN); });
 }

@@ -1,17 +1,15 @@
 // The application's end of a buffer queue: takes each frame and gives it back at once. Prints "ready" once
 // the queue is set at the service and ends with its input.
 
-#include <gui/BufferItemConsumer.h>
-#include <gui/BufferQueue.h>
-#include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
-#include <hardware/gralloc.h>
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
 
 #include <cstdio>
 
+#include "ConsumerQueue.h"
+
 namespace {
 
-using namespace android;  // NOLINT(google-build-using-namespace)
+using namespace android;
 using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 
@@ -27,18 +25,13 @@ struct GiveBack : BufferItemConsumer::FrameAvailableListener {
 }  // namespace
 
 int main() {
-    sp<IGraphicBufferProducer> producer;
-    sp<IGraphicBufferConsumer> end;
-    BufferQueue::createBufferQueue(&producer, &end);
-    const sp<BufferItemConsumer> consumer = new BufferItemConsumer(end, GRALLOC_USAGE_SW_READ_OFTEN, 2);
-    const sp<GiveBack> listener = new GiveBack(consumer);
-    consumer->setFrameAvailableListener(listener);
+    const ConsumerQueue queue(2);
+    const sp<GiveBack> listener = new GiveBack(queue.consumer);
+    queue.consumer->setFrameAvailableListener(listener);
 
     const sp<ICameraDesktop> service = ICameraDesktop::tryGetService("default", false);
     if (service == nullptr) return 1;
-    const auto set = service->setSurface(ClientType::CLIENT_APP,
-                                         new TWGraphicBufferProducer<HGraphicBufferProducer>(producer));
-    if (!set.isOk()) return 1;
+    if (!service->setSurface(ClientType::CLIENT_APP, queue.surface).isOk()) return 1;
     std::puts("ready");
     std::fflush(stdout);
     while (std::getchar() != EOF) {

@@ -165,7 +165,7 @@ class GstreamerSender {
         fs::remove_all(mDirectory, ignored);
     }
 
-    // Starts the receiving end; it ends after so many frames.
+    // Starts the receiving end; it ends after that many frames.
     std::unique_ptr<ChildProcess> startReceiver(int frames) const {
         const auto limit = std::chrono::steady_clock::now() + kGstreamerLimit;
         while (!fs::exists(socket()) && std::chrono::steady_clock::now() < limit)
@@ -208,7 +208,7 @@ struct Cost {
     double cpuSeconds = 0;
 };
 
-// What so many frames cost with the start of the receiving end.
+// What that many frames cost with the start of the receiving end.
 Cost receive(const Size& size, int frames) {
     const GstreamerSender sender(size);
     const auto start = std::chrono::steady_clock::now();

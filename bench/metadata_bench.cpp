@@ -19,6 +19,8 @@
 #include "JsonMessage.h"
 #include "RatioReporter.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::hardware::hidl_string;
@@ -98,7 +100,7 @@ CameraMetadata makeBuffer(const Tags& tags, bool sorted = false) {
     return buffer;
 }
 
-// So many standard tags, in an order of no meaning but always the same.
+// That many standard tags, in an order of no meaning but always the same.
 Tags anyTags(size_t count) {
     Tags all;
     for (const auto& [first, end] : camera_metadata_section_bounds) {
@@ -293,7 +295,7 @@ void exportProduct(benchmark::State& state, const Tags& filter, const Tags& tags
     Capture capture(makeBuffer(tags, sorted));
     AllocationCounter allocations;
     for (auto _ : state) {
-        JsonMessage message;
+        JSON_UNCLEARED JsonMessage message;
         handler.convertFromMetadata(capture.md, message.root(), message.allocator());
         benchmark::DoNotOptimize(message.root().MemberCount());
     }

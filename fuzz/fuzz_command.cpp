@@ -1,27 +1,12 @@
 // Any text that a peer may send as a command: it is answered, and the registry stays within its bounds.
 
-#include <android/log.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "DesktopHelperTestAccess.h"
+#include "FuzzTarget.h"
 #include "VelImgSubHelper.h"
 
-namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool kSilent =
-        (__android_log_set_logger([](const __android_logger_data*, const char*) {}), true);
-    (void)kSilent;
     static VelChiDesktopHelper* const helper = DesktopHelperTestAccess::create().release();
 
     const std::string command(reinterpret_cast<const char*>(data), size);

@@ -1,19 +1,17 @@
 // Any text that a peer may send: it is parsed as a plain document would, every reader is tried on it, and it
 // is written back.
 
-#include <android/log.h>
-
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "FuzzTarget.h"
 #include "JsonMessage.h"
 #include "JsonUtils.h"
+
+using android::JsonMessage;
 
 namespace {
 
@@ -22,10 +20,6 @@ using rapidjson::Value;
 
 // The walks below recurse; texts with more brackets are only parsed and read.
 constexpr auto kMaxBrackets = 1000;
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 bool isShallow(const std::string& text) {
     return std::count_if(text.begin(), text.end(), [](char c) { return c == '{' || c == '['; }) <=
@@ -76,12 +70,6 @@ void checkAgainstDocument(const JsonMessage& message, const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
-        return true;
-    }();
-    (void)quiet;
-
     const std::string text(reinterpret_cast<const char*>(data), size);
     JsonMessage message;
     const bool parsed = message.parse(text);

@@ -1,25 +1,19 @@
 // Any object that an application may answer with: it is written into captures with and without metadata, and
 // what the captures then hold is exported, imported and compared.
 
-#include <android/log.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <set>
 #include <string>
 
 #include "Capture.h"
+#include "FuzzTarget.h"
 #include "JsonMessage.h"
 #include "MetadataHandler.h"
+
+using android::JsonMessage;
 
 namespace {
 
 using rapidjson::Value;
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 // Short names for every type, and one that no type fits.
 const VendorTags& vendorTags() {
@@ -97,10 +91,7 @@ void checkRoundTrip(MetadataHandler& handler, JsonMessage& exported) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static MetadataHandler handler;
     static const CameraMetadata filled = [] {
-        __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
-        handler.setVendorTagCallback(
-            [](const char* s, const char* t, unsigned& id) { return vendorTags().find(s, t, id); });
-        vendorTags();
+        handler.setVendorTagCallback(vendorTags().resolver());
         CameraMetadata buffer = makeMetadata(3, 64);
         addValues<int64_t>(buffer.get(), ANDROID_SENSOR_TIMESTAMP, {1});
         addValues<uint8_t>(buffer.get(), VENDOR_SECTION_START, {1, 2});

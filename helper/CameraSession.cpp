@@ -7,12 +7,13 @@
 #include "ProtocolKeys.h"
 #include "VelChiDesktopHelper.h"
 
+using android::JsonMessage;
 using rapidjson::Value;
 
 void VelChiDesktopHelper::updateCameraIdOnHalOpen(uint32_t& cameraId) {
     const uint32_t fwkId = cameraId;
     if (!isValidCameraId(fwkId)) {
-        HELPER_LOGE("%s: Invalid camera id %u", "updateCameraIdOnHalOpen", fwkId);
+        VEL_LOGE("%s: Invalid camera id %u", "updateCameraIdOnHalOpen", fwkId);
         return;
     }
     std::lock_guard<std::mutex> lock(mSettingsLock);
@@ -30,7 +31,7 @@ void VelChiDesktopHelper::updateCameraIdOnHalOpen(uint32_t& cameraId) {
 
 void VelChiDesktopHelper::onHalClose(uint32_t cameraId) {
     if (!isValidCameraId(cameraId)) {
-        HELPER_LOGE("%s:%d Invalid camera id %u", "onHalClose", __LINE__, cameraId);
+        VEL_LOGE("%s:%d Invalid camera id %u", "onHalClose", __LINE__, cameraId);
         return;
     }
     bool wasDesktop = false;
@@ -66,7 +67,7 @@ void VelChiDesktopHelper::setRequiredOverrideId(uint32_t fwkId, uint32_t overrid
 }
 
 void VelChiDesktopHelper::triggerSessionRestart(uint32_t fwkId) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     // Text here and a number in the restart notice: each peer reads the form that it is used to.
     const std::string idText = std::to_string(fwkId);
@@ -75,11 +76,11 @@ void VelChiDesktopHelper::triggerSessionRestart(uint32_t fwkId) {
     message.root().AddMember(Value(keys::kRestartNeeded), restart, allocator);
 
     const std::string reply = setCommandTo(ClientType::CLIENT_CAMERA_SERVICE, message.toText());
-    HELPER_LOGD("%s: CameraService replied %s", "triggerSessionRestart", reply.c_str());
+    VEL_LOGD("%s: CameraService replied %s", "triggerSessionRestart", reply.c_str());
 }
 
 void VelChiDesktopHelper::sendSessionRestartDoneToApp(uint32_t originalId, uint32_t overrideId) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     Value event(rapidjson::kObjectType);
     event.AddMember(Value(keys::kType), Value(keys::kSessionRestartDone), allocator);
@@ -90,5 +91,5 @@ void VelChiDesktopHelper::sendSessionRestartDoneToApp(uint32_t originalId, uint3
     message.root().AddMember(Value(keys::kCameraIds), ids, allocator);
 
     const std::string reply = setCommandTo(ClientType::CLIENT_APP, message.toText());
-    HELPER_LOGD("%s: App replied %s", "sendSessionRestartDoneToApp", reply.c_str());
+    VEL_LOGD("%s: App replied %s", "sendSessionRestartDoneToApp", reply.c_str());
 }

@@ -10,6 +10,7 @@
 #include "ProtocolKeys.h"
 #include "VelChiDesktopHelper.h"
 
+using android::JsonMessage;
 using rapidjson::StringRef;
 using rapidjson::Value;
 
@@ -23,7 +24,7 @@ constexpr char kMaxStreamSizeTag[] = "com.brisel.zint.velc2d.MaxStreamSize";
 constexpr uint32_t kStreamSizeSlotMask = 31;
 
 // Capture threads may look a frame's slot up at once, and the look-up inserts a missing one. A leaf.
-NeverDestroyed<std::mutex> gStreamSizesLock;
+android::NeverDestroyed<std::mutex> gStreamSizesLock;
 
 StreamSize lookUpStreamSize(std::map<int, StreamSize>& sizes, uint32_t frameNumber) {
     std::lock_guard<std::mutex> lock(gStreamSizesLock.get());
@@ -58,7 +59,7 @@ void dropNonFinite(Value& metadata) {
 std::string toText(JsonMessage& message, const char* kind, uint32_t frameNumber) {
     std::string text;
     if (message.serialise(text)) return text;
-    HELPER_LOGE("%s: left non-finite values out of frame %u", "handleCaptureMetadata", frameNumber);
+    VEL_LOGE("%s: left non-finite values out of frame %u", "handleCaptureMetadata", frameNumber);
     dropNonFinite(message.root()[kind]);
     return message.toText();
 }
@@ -67,7 +68,7 @@ std::string toText(JsonMessage& message, const char* kind, uint32_t frameNumber)
 
 void VelChiDesktopHelper::handleCaptureMetadata(DesktopCaptureMetadata& md, unsigned cameraId) {
     const char* const kind = md.isRequest ? keys::kRequest : keys::kResult;
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     Allocator& allocator = message.allocator();
     Value cameraIds(rapidjson::kObjectType);
     cameraIds.AddMember(Value(keys::kOriginalId), Value(getOriginalCameraId(cameraId)), allocator);
@@ -83,8 +84,8 @@ void VelChiDesktopHelper::handleCaptureMetadata(DesktopCaptureMetadata& md, unsi
     const std::string reply = setCommandTo(ClientType::CLIENT_APP, toText(message, kind, md.frameNumber));
     if (reply.empty()) return;
     if (!message.parse(reply)) {
-        HELPER_LOGE("%s: failed to parse result from %s: err=%d at %zu: for str: %s", "handleCaptureMetadata",
-                    kind, static_cast<int>(message.errorCode()), message.errorOffset(), reply.c_str());
+        VEL_LOGE("%s: failed to parse result from %s: err=%d at %zu: for str: %s", "handleCaptureMetadata",
+                 kind, static_cast<int>(message.errorCode()), message.errorOffset(), reply.c_str());
         return;
     }
     mMetadataHandler->convertToMetadata(md, message.root());

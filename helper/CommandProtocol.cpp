@@ -7,6 +7,7 @@
 #include "ProtocolKeys.h"
 #include "VelChiDesktopHelper.h"
 
+using android::JsonMessage;
 using android::JsonUtils;
 using rapidjson::Value;
 
@@ -46,19 +47,24 @@ bool readCameraId(const Value& object, const char* name, uint32_t& id) {
     return true;
 }
 
-std::string errorAnswer(const char* error) {
-    JsonMessage answer;
-    answer.root().AddMember(Value(keys::kError), Value(rapidjson::StringRef(error)), answer.allocator());
-    return answer.toText();
+// An answer of one member. The value is JSON text already: a number or a quoted word of our own.
+std::string answerText(const char* key, const std::string& value) {
+    std::string text = "{\"";
+    text.append(key).append("\":").append(value).append("}");
+    return text;
+}
+
+std::string errorAnswer(const std::string& error) {
+    return answerText(keys::kError, '"' + error + '"');
 }
 
 }  // namespace
 
 std::string VelChiDesktopHelper::handleCommand(const std::string& command) {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     if (!message.parse(command)) {
-        HELPER_LOGE("%s: failed to parse command: err=%d at %zu", "handleCommand",
-                    static_cast<int>(message.errorCode()), message.errorOffset());
+        VEL_LOGE("%s: failed to parse command: err=%d at %zu", "handleCommand",
+                 static_cast<int>(message.errorCode()), message.errorOffset());
         return kReplyParseError;
     }
     const Value& root = message.root();
@@ -68,7 +74,7 @@ std::string VelChiDesktopHelper::handleCommand(const std::string& command) {
     if (const Value* filter = findMember(root, keys::kFilterResults)) {
         mMetadataHandler->setResultsOfInterest(*filter);
     }
-    if (exists(root, keys::kSurfaceConfig)) HELPER_LOGD("Found surface configuration");
+    if (exists(root, keys::kSurfaceConfig)) VEL_LOGD("Found surface configuration");
     if (exists(root, keys::kImgSubConfigureStream)) {
         const Value* config = findMember(root, keys::kImgSubConfigureStream);
         if (config != nullptr) return handleImgSubStreamConfig(*config);
@@ -88,7 +94,7 @@ void VelChiDesktopHelper::handleEventMessage(const Value& event) {
     } else if (type == keys::kCameraClosed) {
         handleCameraClosedEvent(event);
     } else {
-        HELPER_LOGE("Unknown event type %s", type.c_str());
+        VEL_LOGE("Unknown event type %s", type.c_str());
     }
 }
 
@@ -99,7 +105,7 @@ void VelChiDesktopHelper::handleCameraOpenEvent(const Value& event) {
     const bool isDesktopRead = JsonUtils::parseValue(event, keys::kIsDesktop, isDesktop, -1) == 0;
     const uint32_t id = idRead ? cameraIdFromText(idText) : INVALID_CAMERA_ID;
     if (!isDesktopRead || !isValidCameraId(id)) {
-        HELPER_LOGE("%s: Failed to parse open command - cameraId %s", "handleEventMessage", idText.c_str());
+        VEL_LOGE("%s: Failed to parse open command - cameraId %s", "handleEventMessage", idText.c_str());
         return;
     }
 
@@ -108,11 +114,11 @@ void VelChiDesktopHelper::handleCameraOpenEvent(const Value& event) {
     // One desktop camera at a time, and the first one keeps it. The camera's own record counts: a second
     // desktop open without a close between turns its flag off.
     settings.isDesktop = isDesktop && !isAnyCameraDesktopLocked();
-    HELPER_LOGI("%s: cameraId %u is opening - desktop: %s", "handleEventMessage", id,
-                settings.isDesktop ? "true" : "false");
+    VEL_LOGI("%s: cameraId %u is opening - desktop: %s", "handleEventMessage", id,
+             settings.isDesktop ? "true" : "false");
     std::string packageName;
     if (JsonUtils::parseValue(event, keys::kPackageName, packageName, -1) != 0) return;
-    HELPER_LOGI("%s: pkg: %s", "handleEventMessage", packageName.c_str());
+    VEL_LOGI("%s: pkg: %s", "handleEventMessage", packageName.c_str());
     settings.overrideAllowed = isOverrideAllowedForPackage(packageName);
 }
 
@@ -126,24 +132,23 @@ bool VelChiDesktopHelper::isAnyCameraDesktopLocked() const {
 void VelChiDesktopHelper::handleCameraClosedEvent(const Value& event) {
     std::string idText;
     if (JsonUtils::parseValue(event, keys::kId, idText, -1) != 0) {
-        HELPER_LOGE("%s: Failed to parse close command - cameraId %s", "handleEventMessage", idText.c_str());
+        VEL_LOGE("%s: Failed to parse close command - cameraId %s", "handleEventMessage", idText.c_str());
         return;
     }
     const uint32_t id = cameraIdFromText(idText);
     if (!isValidCameraId(id)) {
-        HELPER_LOGE("%s: Failed to parse camera id %s on close command", "handleEventMessage",
-                    idText.c_str());
+        VEL_LOGE("%s: Failed to parse camera id %s on close command", "handleEventMessage", idText.c_str());
         return;
     }
-    HELPER_LOGI("%s: cameraId %u has closed - reset desktop settings", "handleEventMessage", id);
+    VEL_LOGI("%s: cameraId %u has closed - reset desktop settings", "handleEventMessage", id);
     std::lock_guard<std::mutex> lock(mSettingsLock);
     mDesktopSettings[id].isDesktop = false;
 }
 
 void VelChiDesktopHelper::handleGeneralCommand(const Value& general) {
-    HELPER_LOGD("Found general cmd");
+    VEL_LOGD("Found general cmd");
     if (!general.IsObject()) {
-        HELPER_LOGE("Invalid cmd");
+        VEL_LOGE("Invalid cmd");
         return;
     }
     uint32_t originalId = INVALID_CAMERA_ID;
@@ -151,19 +156,19 @@ void VelChiDesktopHelper::handleGeneralCommand(const Value& general) {
     if (!readCameraId(general, keys::kOriginalId, originalId) || !isValidCameraId(originalId)) return;
     if (!readCameraId(general, keys::kOverrideId, overrideId) || !isValidCameraId(overrideId)) return;
 
-    HELPER_LOGD("setRequiredOverrideId %u -> %u", originalId, overrideId);
+    VEL_LOGD("setRequiredOverrideId %u -> %u", originalId, overrideId);
     setRequiredOverrideId(originalId, overrideId);
 }
 
 std::string VelChiDesktopHelper::handleGetCommand(const Value& get) {
     if (!get.IsObject()) {
-        HELPER_LOGE("Invalid json for get command: %s", get.IsString() ? get.GetString() : "not an object");
+        VEL_LOGE("Invalid json for get command: %s", get.IsString() ? get.GetString() : "not an object");
         return errorAnswer("Invalid cmd");
     }
     std::string what;
     (void)JsonUtils::parseValue(get, keys::kWhat, what, -1);  // unreadable is as unknown as any other word
     if (what != keys::kOverrideId) {
-        HELPER_LOGE("Get command not implemented for %s", what.c_str());
+        VEL_LOGE("Get command not implemented for %s", what.c_str());
         return errorAnswer("Not implemented");
     }
     return answerOverrideId(get);
@@ -173,19 +178,17 @@ std::string VelChiDesktopHelper::answerOverrideId(const Value& get) {
     int originalId = 0;
     std::string clientName;
     const bool idRead = JsonUtils::parseValue(get, keys::kOriginalId, originalId, -1) == 0;
-    if (!idRead) HELPER_LOGE("Failed to parse originalId");
+    if (!idRead) VEL_LOGE("Failed to parse originalId");
     if (JsonUtils::parseValue(get, keys::kClientName, clientName, -1) != 0) {
-        HELPER_LOGE("Failed to parse clientName");
+        VEL_LOGE("Failed to parse clientName");
     }
     const uint32_t answer =
         idRead ? overrideIdForClient(static_cast<uint32_t>(originalId), clientName) : INVALID_CAMERA_ID;
     if (!isValidCameraId(answer)) {
-        HELPER_LOGE("Missing or invalid info %i, %s", originalId, clientName.c_str());
+        VEL_LOGE("Missing or invalid info %i, %s", originalId, clientName.c_str());
         return errorAnswer("Unknown");
     }
-    JsonMessage message;
-    message.root().AddMember(Value(keys::kOverrideId), Value(answer), message.allocator());
-    return message.toText();
+    return answerText(keys::kOverrideId, std::to_string(answer));
 }
 
 // What the HAL has open for the camera, or what it would open for this client; INVALID_CAMERA_ID when neither

@@ -43,7 +43,7 @@ void start(const char* purpose, Body body) {
     gLiveCount.fetch_add(1);
     if (const int error = createDetached(owned.get())) {
         gLiveCount.fetch_sub(1);
-        HELPER_LOGE("No thread for %s: error %d", purpose, error);
+        VEL_LOGE("No thread for %s: error %d", purpose, error);
         return;
     }
     (void)owned.release();  // the thread's now

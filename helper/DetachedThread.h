@@ -2,8 +2,10 @@
 
 #include <functional>
 
-// Short-lived threads that nobody joins. Their bodies may outlive the call that started them, so they carry
-// copies, and they touch the helper only during a helper_lifetime::Visit.
+/**
+ * Short-lived threads that nobody joins. Their bodies may outlive the call that started them, so they carry
+ * copies, and they touch the helper only during a helper_lifetime::Visit.
+ */
 namespace detached_thread {
 
 /**

@@ -20,13 +20,14 @@ namespace {
 constexpr int32_t kNoSlot = -1;
 
 constexpr producer_slots::Log kLog = {
-    [] { HELPER_LOGE("request dequeue failed, max slots reached"); },
-    [] { HELPER_LOGE("request buffer failed"); },
-    [](int slot) { HELPER_LOGD("Got re-alloc request for slot %d", slot); },
-    [](android::status_t status) { HELPER_LOGE("request dequeue failed with %d", status); },
-    [] { HELPER_LOGW("Fence hasn't been signaled yet"); },
-    [] { HELPER_LOGE("queue buffer failed"); },
-    [](android::status_t status) { HELPER_LOGE("Unable to disconnect producer, %d", status); },
+    /*slotsExhausted=*/[] { VEL_LOGE("request dequeue failed, max slots reached"); },
+    /*requestFailed=*/[] { VEL_LOGE("request buffer failed"); },
+    /*reallocated=*/[](int slot) { VEL_LOGD("Got re-alloc request for slot %d", slot); },
+    /*dequeueFailed=*/[](android::status_t status) { VEL_LOGE("request dequeue failed with %d", status); },
+    /*fenceLate=*/[] { VEL_LOGW("Fence hasn't been signaled yet"); },
+    /*queueFailed=*/[] { VEL_LOGE("queue buffer failed"); },
+    /*disconnectFailed=*/
+    [](android::status_t status) { VEL_LOGE("Unable to disconnect producer, %d", status); },
 };
 
 }  // namespace
@@ -34,7 +35,7 @@ constexpr producer_slots::Log kLog = {
 bool VelChiDesktopHelper::connectProducer(uint32_t width, uint32_t height, uint32_t format) {
     std::lock_guard<std::mutex> lock(mServiceLock);
     if (!connectToServiceLocked()) {
-        HELPER_LOGE("Service is not available");
+        VEL_LOGE("Service is not available");
         return false;
     }
     mAppWidth = width;
@@ -47,7 +48,7 @@ bool VelChiDesktopHelper::connectProducer(uint32_t width, uint32_t height, uint3
     if (surface == nullptr) return false;
 
     mAppProducer = new H2BGraphicBufferProducer(surface);
-    HELPER_LOGD("Got producer %p", static_cast<void*>(mAppProducer.get()));
+    VEL_LOGD("Got producer %p", static_cast<void*>(mAppProducer.get()));
     producer_slots::connect(*mAppProducer);
     return true;
 }
@@ -81,12 +82,12 @@ void VelChiDesktopHelper::queueFilledFrame(int64_t timestamp) {
 
 sp<VelChiDesktopHelper::HidlProducer> VelChiDesktopHelper::getIGraphicBufferProducer(AImageReader* reader) {
     if (reader == nullptr) {
-        HELPER_LOGE("%s failed: invalid AImageReader", "getIGraphicBufferProducer");
+        VEL_LOGE("%s failed: invalid AImageReader", "getIGraphicBufferProducer");
         return nullptr;
     }
     ANativeWindow* window = nullptr;
     if (AImageReader_getWindow(reader, &window) != AMEDIA_OK) {
-        HELPER_LOGE("Failed to get ANativeWindow");
+        VEL_LOGE("Failed to get ANativeWindow");
         return nullptr;
     }
     const sp<android::Surface> surface = static_cast<android::Surface*>(window);

@@ -10,6 +10,7 @@
 #include "VelChiDesktopHelper.h"
 #include "VelImgSubHelper.h"
 
+using android::JsonMessage;
 using android::JsonUtils;
 using android::sp;
 using rapidjson::Value;
@@ -69,7 +70,7 @@ AImageReader* createReader(const StreamRequest& request, uint32_t rowBytes) {
 
 // What the application is to produce.
 std::string acceptance(uint32_t rowBytes) {
-    JsonMessage reply;
+    JSON_UNCLEARED JsonMessage reply;
     auto& allocator = reply.allocator();
     reply.root().AddMember(Value(keys::kAppConsumerWidth), Value(rowBytes), allocator);
     reply.root().AddMember(Value(keys::kAppConsumerHeight), Value(kRowCount), allocator);
@@ -82,7 +83,7 @@ std::string acceptance(uint32_t rowBytes) {
 }  // namespace
 
 std::string VelChiDesktopHelper::handleImgSubStreamConfig(const Value& config) {
-    HELPER_LOGD("%s called", "handleImgSubStreamConfig");
+    VEL_LOGD("%s called", "handleImgSubStreamConfig");
     StreamRequest request;
     std::string failure = readRequest(config, request);
     if (!failure.empty()) return failure;
@@ -91,13 +92,13 @@ std::string VelChiDesktopHelper::handleImgSubStreamConfig(const Value& config) {
     replaceImgSubHelper(nullptr);
     setImgSubSurface(nullptr);
     if (request.format != kSupportedFormat) {
-        HELPER_LOGE("Bad format received: %s", request.format.c_str());
+        VEL_LOGE("Bad format received: %s", request.format.c_str());
         return "Invalid format";
     }
     const uint32_t rowBytes = replacement_frame::rowBytes(request.imageWidth, request.imageHeight);
     AImageReader* const reader = createReader(request, rowBytes);
     if (reader == nullptr) {
-        HELPER_LOGE(kNoReader);
+        VEL_LOGE(kNoReader);
         return kNoReader;
     }
     const sp<HidlProducer> producer = getIGraphicBufferProducer(reader);
@@ -124,7 +125,7 @@ void VelChiDesktopHelper::setImgSubSurface(const sp<HidlProducer>& producer) {
 }
 
 void VelChiDesktopHelper::sendImgSubHalReadyToApp() {
-    JsonMessage message;
+    JSON_UNCLEARED JsonMessage message;
     auto& allocator = message.allocator();
     Value limits(rapidjson::kObjectType);
     limits.AddMember(Value(keys::kMaxWidth), Value(0), allocator);  // no limits
@@ -134,7 +135,7 @@ void VelChiDesktopHelper::sendImgSubHalReadyToApp() {
     message.root().AddMember(Value(keys::kImgSubEvent), event, allocator);
 
     const std::string reply = setCommandTo(ClientType::CLIENT_APP, message.toText());
-    HELPER_LOGD("%s: App replied %s", "sendImgSubHalReadyToApp", reply.c_str());
+    VEL_LOGD("%s: App replied %s", "sendImgSubHalReadyToApp", reply.c_str());
 }
 
 void VelChiDesktopHelper::ImgSubNodeDisconnect() {

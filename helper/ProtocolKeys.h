@@ -1,7 +1,9 @@
 #pragma once
 
-// The words of the JSON messages, in both directions. Arrays, not pointers: RapidJSON then refers to the text
-// itself and knows its length.
+/**
+ * The words of the JSON messages, in both directions. Arrays, not pointers: RapidJSON then refers to the text
+ * itself and knows its length.
+ */
 namespace keys {
 
 // Top level of a command.

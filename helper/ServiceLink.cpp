@@ -21,7 +21,7 @@ constexpr useconds_t kReconnectPauseUs = 500 * 1000;
 
 // Makes copying and replacing mCameraDesktop safe where mServiceLock cannot be had: a command that arrives
 // inside an outgoing call must not wait for the lock that this call holds. A leaf, never held over a call.
-NeverDestroyed<std::mutex> gProxyLock;
+android::NeverDestroyed<std::mutex> gProxyLock;
 
 }  // namespace
 
@@ -42,7 +42,7 @@ sp<VelChiDesktopHelper::ICameraDesktop> VelChiDesktopHelper::serviceProxy() cons
 bool VelChiDesktopHelper::connectToServiceLocked() {
     if (mCameraDesktop != nullptr) return true;
 
-    HELPER_LOGD("Trying to get service");
+    VEL_LOGD("Trying to get service");
     const sp<ICameraDesktop> service = ICameraDesktop::tryGetService("default", false);
     setServiceProxy(service);
     if (service != nullptr) {
@@ -51,7 +51,7 @@ bool VelChiDesktopHelper::connectToServiceLocked() {
         (void)service->registerCallback(ClientType::CLIENT_CAMERA_HAL, mCallback).isOk();
         (void)service->linkToDeath(sp<hidl_death_recipient>(mCallback), 0).isOk();
     }
-    HELPER_LOGD("Got service for camera desktop %p", static_cast<void*>(service.get()));
+    VEL_LOGD("Got service for camera desktop %p", static_cast<void*>(service.get()));
     return service != nullptr;
 }
 
@@ -63,7 +63,7 @@ void VelChiDesktopHelper::disconnectFromServiceLocked() {
 }
 
 void VelChiDesktopHelper::handleDeathNotification() {
-    HELPER_LOGD("Service death, disconnect");
+    VEL_LOGD("Service death, disconnect");
     std::lock_guard<std::mutex> lock(mServiceLock);
     const helper_lifetime::Visit visit(this);
     if (!visit) return;
@@ -88,7 +88,7 @@ std::string VelChiDesktopHelper::setCommandTo(ClientType type, const std::string
     const helper_lifetime::Visit visit(this);
     if (!visit) return reply;
     if (!connectToServiceLocked()) {
-        HELPER_LOGE("Service not available");
+        VEL_LOGE("Service not available");
         return reply;
     }
     // A reference of our own: at process exit the member may go while this call is under way.
@@ -98,7 +98,7 @@ std::string VelChiDesktopHelper::setCommandTo(ClientType type, const std::string
     const Return<void> result = service->sendCommand(
         type, text, [&reply](const hidl_string& answer) { reply.assign(answer.c_str(), answer.size()); });
     if (!result.isOk()) {
-        HELPER_LOGE("%s: Failed during binder call, isDead %d", "setCommandTo", result.isDeadObject());
+        VEL_LOGE("%s: Failed during binder call, isDead %d", "setCommandTo", result.isDeadObject());
     }
     return reply;
 }
@@ -108,7 +108,7 @@ sp<VelChiDesktopHelper::HidlProducer> VelChiDesktopHelper::getSurface(ClientType
     const helper_lifetime::Visit visit(this);
     if (!visit) return nullptr;
     if (!connectToServiceLocked()) {
-        HELPER_LOGE("Service not available");
+        VEL_LOGE("Service not available");
         return nullptr;
     }
     const sp<ICameraDesktop> service = mCameraDesktop;

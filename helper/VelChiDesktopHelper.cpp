@@ -28,7 +28,7 @@ VelChiDesktopHelper* VelChiDesktopHelper::getInstance() {
 VelChiDesktopHelper::VelChiDesktopHelper()
     : mCallback(new CamDesktopCallback(this)), mMetadataHandler(new MetadataHandler()) {
     helper_lifetime::begin(this);
-    HELPER_LOGD("Calling constructor %s", "VelChiDesktopHelper");
+    VEL_LOGD("Calling constructor %s", "VelChiDesktopHelper");
     fillDesktopSettings();
     connectToServiceLocked();
     setImgSubSurface(nullptr);
@@ -36,7 +36,7 @@ VelChiDesktopHelper::VelChiDesktopHelper()
 
 VelChiDesktopHelper::~VelChiDesktopHelper() {
     helper_lifetime::end(this);
-    HELPER_LOGD("Calling destructor %s", "~VelChiDesktopHelper");
+    VEL_LOGD("Calling destructor %s", "~VelChiDesktopHelper");
     replaceImgSubHelper(nullptr);
     setImgSubSurface(nullptr);
 }
@@ -56,7 +56,7 @@ bool VelChiDesktopHelper::isValidCameraId(uint32_t id) const {
 
 bool VelChiDesktopHelper::isDesktopMode(uint32_t id, DesktopCamIdType type) {
     if (!isValidCameraId(id)) {
-        HELPER_LOGE("Invalid camera id %u", id);
+        VEL_LOGE("Invalid camera id %u", id);
         return false;
     }
     if (type != FWK_CAMERA_ID && type != OVERRIDE_CAMERA_ID) return false;
@@ -68,7 +68,7 @@ bool VelChiDesktopHelper::isDesktopMode(uint32_t id, DesktopCamIdType type) {
 
 uint32_t VelChiDesktopHelper::getOriginalFwkIdLocked(uint32_t overrideId) const {
     if (!isValidCameraId(overrideId)) {
-        HELPER_LOGE("%s:%d Invalid camera id %u", "getOriginalFwkIdLocked", __LINE__, overrideId);
+        VEL_LOGE("%s:%d Invalid camera id %u", "getOriginalFwkIdLocked", __LINE__, overrideId);
         return INVALID_CAMERA_ID;
     }
     for (uint32_t fwkId = 0; fwkId < kCameraCount; ++fwkId) {
@@ -81,7 +81,7 @@ uint32_t VelChiDesktopHelper::getCurrentOverrideIdLocked(uint32_t fwkId) const {
     if (isValidCameraId(fwkId) && isValidCameraId(mDesktopSettings[fwkId].currentOverrideId)) {
         return mDesktopSettings[fwkId].currentOverrideId;
     }
-    HELPER_LOGE("%s: Invalid framework id %u", "getCurrentOverrideIdLocked", fwkId);
+    VEL_LOGE("%s: Invalid framework id %u", "getCurrentOverrideIdLocked", fwkId);
     return INVALID_CAMERA_ID;
 }
 
@@ -107,7 +107,7 @@ bool VelChiDesktopHelper::needsCameraIdSwitch(uint32_t overrideId, uint32_t& fwk
     std::lock_guard<std::mutex> lock(mSettingsLock);
     fwkId = getOriginalFwkIdLocked(overrideId);
     if (!isValidCameraId(fwkId) || !mDesktopSettings[fwkId].overrideAllowed) {
-        HELPER_LOGE("%s: Invalid override id %u", "needsCameraIdSwitch", overrideId);
+        VEL_LOGE("%s: Invalid override id %u", "needsCameraIdSwitch", overrideId);
         return false;
     }
     DesktopSettings& settings = mDesktopSettings[fwkId];

@@ -44,7 +44,7 @@ class MetadataHandler;
 class VelImgSubHelper;
 struct DesktopCaptureMetadata;
 
-// What kind of id VelChiDesktopHelper::isDesktopMode() is given.
+/** What kind of id VelChiDesktopHelper::isDesktopMode() is given. */
 enum DesktopCamIdType : uint8_t {
     FWK_CAMERA_ID = 0,       // the id that the camera framework asked for
     OVERRIDE_CAMERA_ID = 1,  // the id that the HAL has open in its place
@@ -79,7 +79,7 @@ class VEL_EXPORT VelChiDesktopHelper {
     // "No camera", in every field, argument and result.
     static const uint32_t INVALID_CAMERA_ID = 65535;
 
-    // The state of one framework camera. Guarded by mSettingsLock.
+    /** The state of one framework camera. Guarded by mSettingsLock. */
     struct DesktopSettings {
         bool isDesktop = false;       // open in desktop mode; set and cleared by the camera events
         bool overrideAllowed = true;  // whether another camera may be opened in its place
@@ -220,7 +220,8 @@ class VEL_EXPORT VelChiDesktopHelper {
      */
     bool connectProducer(uint32_t width, uint32_t height, uint32_t format);
 
-    /** Disconnects from the application's queue and drops it. A lent buffer stays on record. Takes no lock.
+    /**
+     * Disconnects from the application's queue and drops it. A lent buffer stays on record. Takes no lock.
      */
     void disconnectProducer();
 
@@ -363,5 +364,6 @@ class VEL_EXPORT VelChiDesktopHelper {
     std::shared_ptr<VelImgSubHelper> mImgSubHelper;
 
   private:
-    std::map<int, std::pair<int, int>> mMaxStreamSizes;  // stream size by frame number modulo 32
+    // Stream size by frame number modulo 32. Nothing in the library fills it: it is there for a later source.
+    std::map<int, std::pair<int, int>> mMaxStreamSizes;
 };

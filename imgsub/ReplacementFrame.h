@@ -3,8 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// The layout of a replacement frame: one row of bytes, a multiple of 16, that begins with the pixels at 1.5
-// bytes each and ends with a private header block.
+/**
+ * The layout of a replacement frame: one row of bytes, a multiple of 16, that begins with the pixels at 1.5
+ * bytes each and ends with a private header block.
+ */
 namespace replacement_frame {
 
 /**

@@ -1,6 +1,5 @@
 #include "VelImgSubHelper.h"
 
-#include <android/log.h>
 #include <hardware/gralloc.h>
 #include <media/NdkImageReader.h>
 #include <unistd.h>
@@ -11,19 +10,18 @@
 #include "DesktopHelperLink.h"
 #include "ProducerSlots.h"
 #include "ReplacementFrame.h"
+#include "VelLog.h"
 
 // Last: a platform header that brings many names.
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
-
-#define IMGSUB_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, "VelImgSubHelper", __VA_ARGS__)
-#define IMGSUB_LOGW(...) __android_log_print(ANDROID_LOG_WARN, "VelImgSubHelper", __VA_ARGS__)
-#define IMGSUB_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "VelImgSubHelper", __VA_ARGS__)
 
 using android::GraphicBuffer;
 using android::sp;
 using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 
 namespace {
+
+constexpr char kLogTag[] = "VelImgSubHelper";
 
 constexpr int32_t kNoSlot = -1;
 constexpr int64_t kReplacementWaitMs = 101;
@@ -33,13 +31,15 @@ constexpr useconds_t kPollIntervalUs = 2000;
 constexpr int kMaxImagesPerDrain = 64;
 
 constexpr producer_slots::Log kLog = {
-    [] { IMGSUB_LOGE("request imgsub dequeue failed, max slots reached"); },
-    [] { IMGSUB_LOGE("request imgsub buffer failed"); },
-    [](int slot) { IMGSUB_LOGD("Got re-alloc request for imgsub slot %d", slot); },
-    [](android::status_t status) { IMGSUB_LOGE("request imgsub dequeue failed with %d", status); },
-    [] { IMGSUB_LOGW("imgsub Fence hasn't been signaled yet"); },
-    [] { IMGSUB_LOGE("queue buffer failed imgsub"); },
-    [](android::status_t status) { IMGSUB_LOGE("Unable to disconnect imgsub producer, %d", status); },
+    /*slotsExhausted=*/[] { VEL_LOGE("request imgsub dequeue failed, max slots reached"); },
+    /*requestFailed=*/[] { VEL_LOGE("request imgsub buffer failed"); },
+    /*reallocated=*/[](int slot) { VEL_LOGD("Got re-alloc request for imgsub slot %d", slot); },
+    /*dequeueFailed=*/
+    [](android::status_t status) { VEL_LOGE("request imgsub dequeue failed with %d", status); },
+    /*fenceLate=*/[] { VEL_LOGW("imgsub Fence hasn't been signaled yet"); },
+    /*queueFailed=*/[] { VEL_LOGE("queue buffer failed imgsub"); },
+    /*disconnectFailed=*/
+    [](android::status_t status) { VEL_LOGE("Unable to disconnect imgsub producer, %d", status); },
 };
 
 // Gives an image back to its reader; knows nothing of the helper, which it may outlive.
@@ -80,12 +80,12 @@ VelImgSubHelper::VelImgSubHelper(const sp<HidlProducer>& readerProducer, AImageR
       mImgSubAppConnected(appConnected),
       mMergeStreams(mergeStreams) {
     std::fill(std::begin(mDequeuedSlots), std::end(mDequeuedSlots), kNoSlot);
-    IMGSUB_LOGD("%s: constuctor called. Line: %d", "VelImgSubHelper", __LINE__);
+    VEL_LOGD("%s: constuctor called. Line: %d", "VelImgSubHelper", __LINE__);
     mHelper = desktop_helper_link::instance();
 }
 
 VelImgSubHelper::~VelImgSubHelper() {
-    IMGSUB_LOGD("%s: destructor called. Line: %d", "~VelImgSubHelper", __LINE__);
+    VEL_LOGD("%s: destructor called. Line: %d", "~VelImgSubHelper", __LINE__);
     disconnectImgSubProducer_locked();
     mReaderProducer = nullptr;
     std::fill(std::begin(mReceivedImages), std::end(mReceivedImages), nullptr);
@@ -94,7 +94,7 @@ VelImgSubHelper::~VelImgSubHelper() {
 }
 
 bool VelImgSubHelper::connectImgSubProducer_locked() {
-    IMGSUB_LOGD("%s: called. Line: %d", "connectImgSubProducer_locked", __LINE__);
+    VEL_LOGD("%s: called. Line: %d", "connectImgSubProducer_locked", __LINE__);
     if (!mImgSubAppConnected || mReaderProducer == nullptr) return false;
     if (mImgSubProducer != nullptr) return true;
 
@@ -103,17 +103,17 @@ bool VelImgSubHelper::connectImgSubProducer_locked() {
     if (surface == nullptr || !mImgSubAppConnected) return false;
     if (surface == mReaderProducer) {
         // What the service was given for the application to fill, not yet replaced by the application's own.
-        IMGSUB_LOGD("%s: No app surface yet provided. Line: %d", "connectImgSubProducer_locked", __LINE__);
+        VEL_LOGD("%s: No app surface yet provided. Line: %d", "connectImgSubProducer_locked", __LINE__);
         return false;
     }
     mImgSubProducer = new H2BGraphicBufferProducer(surface);
-    IMGSUB_LOGD("mImgSubProducer: %p", static_cast<void*>(mImgSubProducer.get()));
+    VEL_LOGD("mImgSubProducer: %p", static_cast<void*>(mImgSubProducer.get()));
     producer_slots::connect(*mImgSubProducer);
     return true;
 }
 
 void VelImgSubHelper::disconnectImgSubProducer_locked() {
-    IMGSUB_LOGD("%s: called. Line: %d", "disconnectImgSubProducer_locked", __LINE__);
+    VEL_LOGD("%s: called. Line: %d", "disconnectImgSubProducer_locked", __LINE__);
     producer_slots::disconnect(mImgSubProducer, kLog);
 }
 
@@ -147,7 +147,7 @@ void VelImgSubHelper::imgSubQueueOutputFrame(uint32_t streamIndex, int64_t times
 }
 
 void VelImgSubHelper::cancelImgSubFrames(uint32_t streamIndex) {
-    IMGSUB_LOGD("%s: called. Line: %d", "cancelImgSubFrames", __LINE__);
+    VEL_LOGD("%s: called. Line: %d", "cancelImgSubFrames", __LINE__);
     if (streamIndex >= kStreamCount) return;
 
     std::lock_guard<std::mutex> lock(mLock);
@@ -179,8 +179,8 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
         if (isNew() || readerStatus != AMEDIA_IMGREADER_NO_BUFFER_AVAILABLE) break;
         const int64_t elapsedMs = waitTime.elapsedMs();
         if (elapsedMs >= kReplacementWaitMs) {
-            IMGSUB_LOGD("Timed out waiting to retrieve replacement frame: %lld ms",
-                        static_cast<long long>(elapsedMs));
+            VEL_LOGD("Timed out waiting to retrieve replacement frame: %lld ms",
+                     static_cast<long long>(elapsedMs));
             break;
         }
         lock.unlock();
@@ -188,7 +188,7 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
         lock.lock();
     } while (!isNew());
     if (received == nullptr) {
-        IMGSUB_LOGE("failed to retrieve replacement frame");
+        VEL_LOGE("failed to retrieve replacement frame");
         return nullptr;
     }
     return handOut_locked(streamIndex, received, outImage);
@@ -197,7 +197,7 @@ sp<GraphicBuffer> VelImgSubHelper::imgSubAcquireFrame(uint32_t streamIndex,
 bool VelImgSubHelper::mayWaitForImage_locked() const {
     if (!mImgSubAppConnected || mImgSubProducer == nullptr) return false;
     if (mImageReader != nullptr) return true;
-    IMGSUB_LOGE("%s failed: invalid AImageReader", "imgSubAcquireFrame");
+    VEL_LOGE("%s failed: invalid AImageReader", "imgSubAcquireFrame");
     return false;
 }
 
@@ -232,7 +232,7 @@ sp<GraphicBuffer> VelImgSubHelper::handOut_locked(uint32_t streamIndex, const st
                                                   std::shared_ptr<AImage>& outImage) {
     AHardwareBuffer* hardwareBuffer = nullptr;
     if (AImage_getHardwareBuffer(image.get(), &hardwareBuffer) != AMEDIA_OK || hardwareBuffer == nullptr) {
-        IMGSUB_LOGE("failed to acquire hw buffer, failed to retrieve replacement frame");
+        VEL_LOGE("failed to acquire hw buffer, failed to retrieve replacement frame");
         return nullptr;
     }
     outImage = image;

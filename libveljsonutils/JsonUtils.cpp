@@ -1,13 +1,12 @@
 #include "JsonUtils.h"
 
-#include <android/log.h>
 #include <errno.h>
 #include <stdint.h>
 
 #include <cstdlib>
 
-#include "JsonWriter.h"
 #include "NarrowToFloat.h"
+#include "VelLog.h"
 
 namespace android {
 
@@ -16,7 +15,7 @@ namespace {
 using rapidjson::SizeType;
 using rapidjson::Value;
 
-constexpr char kTag[] = "JsonUtils";
+constexpr char kLogTag[] = "JsonUtils";
 constexpr char kGetValue[] = "getValue";
 constexpr char kParseValue[] = "parseValue";
 
@@ -26,13 +25,12 @@ constexpr int kUnset = INT32_MIN;
 // The result code of reading that element, which is not negative, of the value.
 int testElement(const Value& value, const char* name, int index) {
     if (!value.IsArray()) {
-        __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s: '%s' parameter not found, or is not an array",
-                            kGetValue, name);
+        VEL_LOGD("%s: '%s' parameter not found, or is not an array", kGetValue, name);
         return -ENOENT;
     }
     if (value.Size() <= static_cast<SizeType>(index)) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' array insufficient size=%d, index=%d",
-                            kGetValue, name, static_cast<int>(value.Size()), index);
+        VEL_LOGE("%s: '%s' array insufficient size=%d, index=%d", kGetValue, name,
+                 static_cast<int>(value.Size()), index);
         return -EOVERFLOW;
     }
     return 0;
@@ -59,10 +57,7 @@ int readInt(const Value& root, const char* name, Integer& out, int index) {
     return read(
         root, name, index, &Value::IsInt,
         [&](const Value& value) { out = static_cast<Integer>(value.GetInt()); },
-        [&] {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not of type int", kParseValue,
-                                name);
-        });
+        [&] { VEL_LOGE("%s: '%s' parameter is not of type int", kParseValue, name); });
 }
 
 template <typename Real>
@@ -70,18 +65,13 @@ int readReal(const Value& root, const char* name, Real& out, int index, Real (*c
     out = 0.0;
     return read(
         root, name, index, &Value::IsNumber, [&](const Value& value) { out = convert(value.GetDouble()); },
-        [&] {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: %s=%f (real Value)", kParseValue, name,
-                                static_cast<double>(out));
-        });
+        [&] { VEL_LOGE("%s: %s=%f (real Value)", kParseValue, name, static_cast<double>(out)); });
 }
 
 template <typename Store>
 int readString(const Value& root, const char* name, int index, Store store) {
-    return read(root, name, index, &Value::IsString, store, [&] {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not of type String", kParseValue,
-                            name);
-    });
+    return read(root, name, index, &Value::IsString, store,
+                [&] { VEL_LOGE("%s: '%s' parameter is not of type String", kParseValue, name); });
 }
 
 // Finds the array and hands its elements to readElement(element, position) until one gives a code other than
@@ -121,18 +111,15 @@ int readPairs(const Value& root, const char* name, std::vector<std::pair<float, 
     out.clear();
     return readElements(root, name, index, ignoreNonArray, [&](const Value& element, SizeType) {
         if (!isPair(element)) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not a two elements array",
-                                kParseValue, name);
+            VEL_LOGE("%s: '%s' parameter is not a two elements array", kParseValue, name);
             return 0;
         }
         if (!element[0].IsNumber()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: incorrect value type for element 0 of '%s'",
-                                kParseValue, name);
+            VEL_LOGE("%s: incorrect value type for element 0 of '%s'", kParseValue, name);
             return -EINVAL;
         }
         if (!element[1].IsNumber()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: incorrect value type for element 1 of '%s'",
-                                kParseValue, name);
+            VEL_LOGE("%s: incorrect value type for element 1 of '%s'", kParseValue, name);
             return -EINVAL;
         }
         out.emplace_back(narrowToFloat(element[0].GetDouble()), secondOf(element, Second()));
@@ -146,7 +133,7 @@ int readNumbers(const char* operation, const Value& root, const char* name, int 
                 Store store) {
     return readElements(root, name, index, ignoreNonArray, [&](const Value& element, SizeType i) {
         if (!(element.*accepts)()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s:   incorrect value type", operation);
+            VEL_LOGE("%s:   incorrect value type", operation);
             return -EINVAL;
         }
         store(i, element);
@@ -157,7 +144,7 @@ int readNumbers(const char* operation, const Value& root, const char* name, int 
 }  // namespace
 
 void rapidJsonAssertFailed(const char* expression, const char* file, int line) {
-    __android_log_print(ANDROID_LOG_FATAL, kTag, "%s:%d: JSON precondition broken: %s", file, line,
+    __android_log_print(ANDROID_LOG_FATAL, kLogTag, "%s:%d: JSON precondition broken: %s", file, line,
                         expression);
     std::abort();
 }
@@ -172,8 +159,7 @@ bool JsonUtils::checkExists(const Value& obj, const std::string& name) {
 
 const JsonUtils::Value& JsonUtils::getValue(int& err, const Value& root, const char* name, int index) {
     if (!root.IsObject()) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: Error: JSON root is not an object, name: %s",
-                            kGetValue, name);
+        VEL_LOGE("%s: Error: JSON root is not an object, name: %s", kGetValue, name);
         err = -EINVAL;
         return root;
     }
@@ -192,10 +178,7 @@ int JsonUtils::parseValue(const Value& root, const char* name, bool& out, int in
     out = false;
     return read(
         root, name, index, &Value::IsBool, [&](const Value& value) { out = value.IsTrue(); },
-        [&] {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not of type bool",
-                                kParseValue, name);
-        });
+        [&] { VEL_LOGE("%s: '%s' parameter is not of type bool", kParseValue, name); });
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, int& out, int index) {
@@ -214,10 +197,7 @@ int JsonUtils::parseValue(const Value& root, const char* name, long long& out, i
     out = 0;
     return read(
         root, name, index, &Value::IsInt64, [&](const Value& value) { out = value.GetInt64(); },
-        [&] {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not of type int64",
-                                kParseValue, name);
-        });
+        [&] { VEL_LOGE("%s: '%s' parameter is not of type int64", kParseValue, name); });
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, float& out, int index) {
@@ -240,22 +220,19 @@ int JsonUtils::parseValue(const Value& root, const char* name, const char*& out,
 int JsonUtils::parseValue(const Value& root, const char* name, const Value** out, int index) {
     return read(
         root, name, index, &Value::IsObject, [&](const Value& value) { *out = &value; },
-        [&] {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not of type obj", kParseValue,
-                                name);
-        });
+        [&] { VEL_LOGE("%s: '%s' parameter is not of type obj", kParseValue, name); });
 }
 
 int JsonUtils::parseValue(const Value& root, const char* name, std::vector<const Value*>& out, int index) {
     out.clear();
     const auto logNonArray = [&] {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: '%s' parameter is not an array", kParseValue, name);
+        VEL_LOGE("%s: '%s' parameter is not an array", kParseValue, name);
         return 0;
     };
     return readElements(root, name, index, logNonArray, [&](const Value& element, SizeType i) {
         if (!element.IsObject()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: incorrect value type for element %d of '%s'",
-                                kParseValue, static_cast<int>(i), name);
+            VEL_LOGE("%s: incorrect value type for element %d of '%s'", kParseValue, static_cast<int>(i),
+                     name);
             return -EINVAL;
         }
         out.push_back(&element);
@@ -276,18 +253,16 @@ int JsonUtils::parseValue(const Value& root, const char* name, std::vector<std::
 int JsonUtils::parseValue(const Value& root, const char* name, std::unordered_map<long long, double>& out,
                           int index) {
     const auto refuseNonArray = [&] {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: expected array type for %s", kParseValue, name);
+        VEL_LOGE("%s: expected array type for %s", kParseValue, name);
         return -EINVAL;
     };
     return readElements(root, name, index, refuseNonArray, [&](const Value& entry, SizeType) {
         if (!isPair(entry)) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: entry is not key/value pair: %s", kParseValue,
-                                name);
+            VEL_LOGE("%s: entry is not key/value pair: %s", kParseValue, name);
             return -EINVAL;
         }
         if (!entry[0].IsNumber() || !entry[1].IsNumber()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: incorrect value type for entry '%s'",
-                                kParseValue, name);
+            VEL_LOGE("%s: incorrect value type for entry '%s'", kParseValue, name);
             return -EINVAL;
         }
         out.emplace(entry[0].GetInt64(), entry[1].GetDouble());
@@ -307,9 +282,10 @@ int JsonUtils::parseFloatArr(const Value& root, const char* name, float* out, in
 }
 
 std::string JsonUtils::toString(const Value& v) {
-    std::string text;
-    (void)writeJson(v, text);
-    return text;
+    rapidjson::StringBuffer text;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+    v.Accept(writer);
+    return std::string(text.GetString(), text.GetSize());
 }
 
 // Keeps its own stack of levels, so that deep values cannot exhaust the thread's.

@@ -6,8 +6,10 @@
 
 namespace android {
 
-// The float nearest to the number, which is an infinity for numbers beyond float's range. Rounds as the
-// hardware does, without relying on an out-of-range conversion.
+/**
+ * The float nearest to the number, which is an infinity for numbers beyond float's range. Rounds as the
+ * hardware does, without relying on an out-of-range conversion.
+ */
 inline float narrowToFloat(double value) {
     constexpr double kMax = std::numeric_limits<float>::max();
     constexpr float kInfinity = std::numeric_limits<float>::infinity();

@@ -1,7 +1,11 @@
 #pragma once
 
-// A global for threads that may outlive the static destructors, as those of a HAL do when its process exits:
-// it exists before any code runs, and nothing ends it. T needs a constexpr constructor without arguments.
+namespace android {
+
+/**
+ * A global for threads that may outlive the static destructors, as those of a HAL do when its process exits:
+ * it exists before any code runs, and nothing ends it. T needs a constexpr constructor without arguments.
+ */
 template <typename T>
 class NeverDestroyed {
   public:
@@ -17,3 +21,5 @@ class NeverDestroyed {
         T mValue;
     };
 };
+
+}  // namespace android

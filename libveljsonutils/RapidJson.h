@@ -23,7 +23,7 @@
 
 namespace android {
 
-// Logs the broken precondition at FATAL priority under the tag "JsonUtils" and ends the process.
+/** Logs the broken precondition at FATAL priority under the tag "JsonUtils" and ends the process. */
 [[noreturn]] void rapidJsonAssertFailed(const char* expression, const char* file, int line);
 
 }  // namespace android

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// What the HAL passes for one capture request or result. The HAL owns the record and shares this layout.
+/** What the HAL passes for one capture request or result. The HAL owns the record and shares this layout. */
 struct DesktopCaptureMetadata {
     // Where the HAL keeps the pointer to the capture's metadata buffer, which may be null. A buffer that was
     // created or grown is stored here; the one that it replaces stays the HAL's to free.

@@ -1,7 +1,5 @@
 #include "MetadataHandler.h"
 
-#include <android/log.h>
-
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -11,10 +9,11 @@
 
 #include "NarrowToFloat.h"
 #include "NeverDestroyed.h"
-
-#define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "MetadataHandler", __VA_ARGS__)
+#include "VelLog.h"
 
 namespace {
+
+constexpr char kLogTag[] = "MetadataHandler";
 
 using rapidjson::Value;
 using Allocator = rapidjson::Document::AllocatorType;
@@ -27,7 +26,7 @@ constexpr size_t kMaxValueBytes = 8;  // of one value, whatever its type
 constexpr size_t kTagNameBytes = 63;  // enough for any standard tag
 
 // Guards the vendor tag callback while it is copied or replaced. A leaf.
-NeverDestroyed<std::mutex> gVendorTagCallbackLock;
+android::NeverDestroyed<std::mutex> gVendorTagCallbackLock;
 
 // --- Tag names ---
 
@@ -103,7 +102,7 @@ Value toJsonArray(const camera_metadata_entry_t& entry, unsigned tag, int type, 
         case TYPE_RATIONAL:
             return toJsonArray(entry.data.r, entry.count, alloc);
         default:
-            LOGE("Type not defined for tagId: %d!", static_cast<int>(tag));
+            VEL_LOGE("Type not defined for tagId: %d!", static_cast<int>(tag));
             return Value(rapidjson::kArrayType);
     }
 }
@@ -143,7 +142,7 @@ bool fromJson(const Value& element, double& out) {
 
 bool fromJson(const Value& element, camera_metadata_rational_t& out) {
     if (!element.IsArray() || element.Size() != 2) {
-        LOGE("rational parse failed, not expected array");
+        VEL_LOGE("rational parse failed, not expected array");
         return false;
     }
     out = {element[0].GetInt(), element[1].GetInt()};
@@ -175,7 +174,7 @@ bool readValues(const Value& array, unsigned tag, void* out) {
         case TYPE_RATIONAL:
             return readValues<camera_metadata_rational_t>(array, out);
         default:
-            LOGE("Type not defined for tagId: %d!", static_cast<int>(tag));
+            VEL_LOGE("Type not defined for tagId: %d!", static_cast<int>(tag));
             return false;
     }
 }
@@ -211,9 +210,9 @@ size_t dataSizeOf(unsigned tag, unsigned count) {
 // Whether the status of an add or update is good; logs it otherwise.
 bool isSet(int status, const camera_metadata_t* buffer, unsigned tag, unsigned count) {
     if (status == 0) return true;
-    LOGE("DTM: failed (rc=%d) to add tag %d size %zu, data_count %zu, data_size %zu", status,
-         static_cast<int>(tag), dataSizeOf(tag, count), get_camera_metadata_data_count(buffer),
-         get_camera_metadata_data_capacity(buffer));
+    VEL_LOGE("DTM: failed (rc=%d) to add tag %d size %zu, data_count %zu, data_size %zu", status,
+             static_cast<int>(tag), dataSizeOf(tag, count), get_camera_metadata_data_count(buffer),
+             get_camera_metadata_data_capacity(buffer));
     return false;
 }
 
@@ -221,7 +220,7 @@ bool isSet(int status, const camera_metadata_t* buffer, unsigned tag, unsigned c
 bool createBuffer(DesktopCaptureMetadata& md, size_t dataSize) {
     if (md.metadata) *md.metadata = allocate_camera_metadata(1, dataSize);
     if (!bufferOf(md)) {
-        LOGE("DTM: metadata is still null");
+        VEL_LOGE("DTM: metadata is still null");
         return false;
     }
     md.isMetadataReplaced = true;
@@ -234,12 +233,12 @@ bool growBuffer(DesktopCaptureMetadata& md, size_t dataSize) {
     camera_metadata_t* grown = allocate_camera_metadata(get_camera_metadata_entry_count(old) + 1,
                                                         get_camera_metadata_data_count(old) + dataSize);
     if (grown && append_camera_metadata(grown, old) != 0) {
-        LOGE("metadata failed to append");
+        VEL_LOGE("metadata failed to append");
         free_camera_metadata(grown);
         return false;
     }
     if (validate_camera_metadata_structure(grown, nullptr) != 0) {  // so is a failed allocation
-        LOGE("metadata struct not vaild");
+        VEL_LOGE("metadata struct not vaild");
         return false;
     }
     md.isMetadataReplaced = true;
@@ -277,7 +276,7 @@ void MetadataHandler::setTagsOfInterest(TagIds& filter, const Value& list) {
         if (findMetadataTagId(name, &id)) {
             filter[name] = id;
         } else {
-            LOGE("Unable to find tag: %s", name);
+            VEL_LOGE("Unable to find tag: %s", name);
         }
     }
 }
@@ -291,11 +290,12 @@ void MetadataHandler::convertFromMetadata(DesktopCaptureMetadata& md, Value& out
         entry.type = static_cast<uint8_t>(type);  // what holds when find does not tell
         if (find_camera_metadata_entry(bufferOf(md), id, &entry) != 0) continue;
         if (isNarrower(entry.type, type)) {
-            LOGE("Type not defined for tagId: %d!", static_cast<int>(id));
+            VEL_LOGE("Type not defined for tagId: %d!", static_cast<int>(id));
             continue;
         }
         Value array = toJsonArray(entry, id, type, alloc);
-        out.AddMember(Value(name.c_str(), alloc), array, alloc);
+        Value key(name.data(), static_cast<rapidjson::SizeType>(name.size()), alloc);
+        out.AddMember(key, array, alloc);
     }
 }
 
@@ -315,18 +315,18 @@ void MetadataHandler::convertToMetadata(DesktopCaptureMetadata& md, Value& in) {
 void MetadataHandler::convertMember(DesktopCaptureMetadata& md, const std::string& name,
                                     const Value& values) {
     if (!values.IsArray()) {
-        LOGE("Expecting array for: %s", name.c_str());
+        VEL_LOGE("Expecting array for: %s", name.c_str());
         return;
     }
     unsigned id = 0;
     if (!resolveTagId(name, &id)) {
-        LOGE("Unable to find tag: %s", name.c_str());
+        VEL_LOGE("Unable to find tag: %s", name.c_str());
         return;
     }
     ValueBuffer buffer(values.Size());
     const bool set = buffer.data() && readValues(values, id, buffer.data()) &&
                      setMetadataEntry(md, id, buffer.data(), values.Size());
-    if (!set) LOGE("Failed to set metadata for %s", name.c_str());
+    if (!set) VEL_LOGE("Failed to set metadata for %s", name.c_str());
 }
 
 bool MetadataHandler::resolveTagId(const std::string& name, unsigned* id) {
@@ -358,17 +358,17 @@ bool MetadataHandler::findVendorTag(const char* name, size_t sectionLength, unsi
         callback = mVendorTagCallback;
     }
     if (!callback) {
-        LOGE("vendor tag not initalized yet");
+        VEL_LOGE("vendor tag not initalized yet");
         return false;
     }
     const std::unique_ptr<char, Free> section(strndup(name, sectionLength));
     if (!section) {
-        LOGE("Failed to allocate vendor name");
+        VEL_LOGE("Failed to allocate vendor name");
         return false;
     }
     unsigned found = 0;
     if (!callback(section.get(), name + sectionLength + 1, found)) {
-        LOGE("Failed to get vendor tag");
+        VEL_LOGE("Failed to get vendor tag");
         return false;
     }
     *id = found;

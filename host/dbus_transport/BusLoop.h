@@ -15,54 +15,60 @@
 
 namespace vel::dbus_transport {
 
-// An object of another process. Unique bus names start anew with each bus, hence the session.
+/** An object of another process. Unique bus names start anew with each bus, hence the session. */
 struct RemoteObject {
     SessionId session = 0;
     desktop_bus::InterfaceObject object;
 };
 
-// A session and this process's unique name on its bus.
+/** A session and this process's unique name on its bus. */
 struct OpenSession {
     SessionId id = 0;
     std::string ownName;
 };
 
-// Hears of deaths, on the loop's thread: it must not block and not wait for a call.
+/** Hears of deaths, on the loop's thread: it must not block and not wait for a call. */
 class BusListener {
   public:
     virtual void onPeerDied(SessionId session, const std::string& busName) = 0;
-    // The connection has ended; every call in flight has failed already.
+    /** The connection has ended; every call in flight has failed already. */
     virtual void onSessionEnded(SessionId session) = 0;
 
   protected:
     ~BusListener() = default;
 };
 
-// The process's one connection to the bus and the thread on which everything about it happens; other threads
-// hand their wishes over. One connection gives the process one unique name, which is its identity; one thread
-// keeps the library's locks out of the way of calls that nest.
-//
-// Never destroyed: its thread runs until the process ends, which waits for nothing.
+/**
+ * The process's one connection to the bus and the thread on which everything about it happens; other threads
+ * hand their wishes over. One connection gives the process one unique name, which is its identity; one thread
+ * keeps the library's locks out of the way of calls that nest.
+ *
+ * Never destroyed: its thread runs until the process ends, which waits for nothing.
+ */
 class BusLoop {
   public:
     using WriteArguments = desktop_bus::AsyncCalls::WriteArguments;
     using ReadReply = std::function<void(sdbus::MethodReply&)>;
 
-    // The listener is borrowed for good.
+    /** The listener is borrowed for good. */
     explicit BusLoop(BusListener& listener);
     BusLoop(const BusLoop&) = delete;
     BusLoop& operator=(const BusLoop&) = delete;
 
-    // The session in progress, else a new one with the bus at the address; id 0 when that fails (logged) or
-    // takes longer than the limit, in which case the attempt goes on for a later call to find.
+    /**
+     * The session in progress, else a new one with the bus at the address; id 0 when that fails (logged) or
+     * takes longer than the limit, in which case the attempt goes on for a later call to find.
+     */
     OpenSession open(const std::string& address, std::chrono::milliseconds limit);
 
-    // Calls and waits for the outcome, without limit. The functions run on the loop's thread while the caller
-    // waits. From any thread but the loop's; no lock is held meanwhile.
+    /**
+     * Calls and waits for the outcome, without limit. The functions run on the loop's thread while the caller
+     * waits. From any thread but the loop's; no lock is held meanwhile.
+     */
     CallStatus call(const RemoteObject& target, const char* interface, const char* method,
                     const WriteArguments& writeArguments, const ReadReply& readReply);
 
-    // Runs on the loop's thread if the session still lasts by then. From any thread; does not block.
+    /** Runs on the loop's thread if the session still lasts by then. From any thread; does not block. */
     void post(SessionId session, std::function<void(BusSession&)> work);
 
   private:

@@ -13,8 +13,10 @@
 
 namespace vel::dbus_transport {
 
-// What the interfaces of this process need to reach other processes and be reached by them: the loop, the
-// workers, the objects exported and the deaths watched. One a process, never destroyed. Any thread.
+/**
+ * What the interfaces of this process need to reach other processes and be reached by them: the loop, the
+ * workers, the objects exported and the deaths watched. One a process, never destroyed. Any thread.
+ */
 class DesktopTransport final : private BusListener {
   public:
     using IBase = android::hidl::base::V1_0::IBase;
@@ -24,28 +26,34 @@ class DesktopTransport final : private BusListener {
 
     BusLoop& loop() { return mLoop; }
 
-    // The owner of a bus name; the status is DEAD when it has none.
+    /** The owner of a bus name; the status is DEAD when it has none. */
     CallStatus getNameOwner(SessionId session, const std::string& name, std::string* owner);
 
-    // A reference to a local object, for a call to the peer that will hold it; null for null. It must be
-    // taken back when the call fails.
+    /**
+     * A reference to a local object, for a call to the peer that will hold it; null for null. It must be
+     * taken back when the call fails.
+     */
     desktop_bus::InterfaceObject lend(const RemoteObject& peer, const OpenSession& session, Kind kind,
                                       const android::sp<IBase>& object);
     void takeBack(const RemoteObject& peer, const desktop_bus::InterfaceObject& reference);
 
-    // A reference of this process to an object that a third process has told it of. When the object is gone
-    // there is none, and giving it back has no effect.
+    /**
+     * A reference of this process to an object that a third process has told it of. When the object is gone
+     * there is none, and giving it back has no effect.
+     */
     void acquire(const RemoteObject& object);
-    // From any thread; does not block.
+    /** From any thread; does not block. */
     void giveBack(const RemoteObject& object);
 
-    // The local object behind a path of this process, null when it has none such.
+    /** The local object behind a path of this process, null when it has none such. */
     android::sp<IBase> findLocal(SessionId session, Kind kind, const std::string& path) const {
         return mExporter.find(session, kind, path);
     }
 
-    // Has the links notified of the peer's death on a worker, at once when it is dead already. Blocks until
-    // the bus has answered.
+    /**
+     * Has the links notified of the peer's death on a worker, at once when it is dead already. Blocks until
+     * the bus has answered.
+     */
     void watch(const RemoteObject& peer, DeathWatch::Watcher watcher);
 
   private:

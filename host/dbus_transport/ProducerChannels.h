@@ -12,20 +12,24 @@
 
 namespace vel::dbus_transport {
 
-// Which processes use which producers of this one, each over channels of its own. A process that dies while
-// it is connected to a producer is disconnected from it, so that its slots are free and another may connect.
-// The queue itself would not notice: it sees all processes as this one. Any thread; nothing blocks.
+/**
+ * Which processes use which producers of this one, each over channels of its own. A process that dies while
+ * it is connected to a producer is disconnected from it, so that its slots are free and another may connect.
+ * The queue itself would not notice: it sees all processes as this one. Any thread; nothing blocks.
+ */
 class ProducerChannels {
   public:
     using IGraphicBufferProducer = queue_channel::IGraphicBufferProducer;
 
-    // The pool is borrowed for good.
+    /** The pool is borrowed for good. */
     explicit ProducerChannels(WorkerPool& workers) : mWorkers(workers) {}
     ProducerChannels(const ProducerChannels&) = delete;
     ProducerChannels& operator=(const ProducerChannels&) = delete;
 
-    // A new channel to the producer for a process on the bus: the end that it is to get, or, when there are
-    // no descriptors or threads left, one below 0.
+    /**
+     * A new channel to the producer for a process on the bus: the end that it is to get, or, when there are
+     * no descriptors or threads left, one below 0.
+     */
     android::base::unique_fd open(SessionId session, const std::string& busName,
                                   const android::sp<IGraphicBufferProducer>& producer);
 

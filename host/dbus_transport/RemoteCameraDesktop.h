@@ -6,12 +6,14 @@
 
 namespace vel::dbus_transport {
 
-// The desktop service in another process. Addresses the process that had the service's name at the look-up: a
-// service that starts again is another object, found by another look-up.
-//
-// Calls block until the service answers or dies; they hold no lock and may come from any thread, several at a
-// time. A call fails with DEAD_OBJECT once the service or the bus is gone, with an exception when the service
-// answers with an error of its own, and with FAILED_TRANSACTION otherwise.
+/**
+ * The desktop service in another process. Addresses the process that had the service's name at the look-up: a
+ * service that starts again is another object, found by another look-up.
+ *
+ * Calls block until the service answers or dies; they hold no lock and may come from any thread, several at a
+ * time. A call fails with DEAD_OBJECT once the service or the bus is gone, with an exception when the service
+ * answers with an error of its own, and with FAILED_TRANSACTION otherwise.
+ */
 class RemoteCameraDesktop final : public korvanta::hardware::camera::desktop::V2_0::ICameraDesktop {
   public:
     using IBase = DesktopTransport::IBase;
@@ -33,7 +35,7 @@ class RemoteCameraDesktop final : public korvanta::hardware::camera::desktop::V2
         return mLink.unlinkToDeath(recipient);
     }
 
-    // The service at the other end has no such operations: UNKNOWN_TRANSACTION.
+    /** The service at the other end has no such operations: UNKNOWN_TRANSACTION. */
     Return<void> reserved1() override { return unknownOperation(); }
     Return<void> reserved2() override { return unknownOperation(); }
     Return<void> reserved3() override { return unknownOperation(); }
@@ -43,10 +45,14 @@ class RemoteCameraDesktop final : public korvanta::hardware::camera::desktop::V2
                                   const android::sp<ICameraDesktopCallback>& callback) override;
     Return<void> sendCommand(ClientType type, const android::hardware::hidl_string& command,
                              sendCommand_cb _hidl_cb) override;
-    // A local surface is served to whichever process the service hands it to, for as long as any holds it.
+    /**
+     * A local surface is served to whichever process the service hands it to, for as long as any holds it.
+     */
     Return<void> setSurface(ClientType type, const android::sp<IGraphicBufferProducer>& producer) override;
-    // This process's own object when it is one, else a new proxy; the proxy of a process that has died
-    // meanwhile is as good as any other of a dead process.
+    /**
+     * This process's own object when it is one, else a new proxy; the proxy of a process that has died
+     * meanwhile is as good as any other of a dead process.
+     */
     Return<android::sp<IGraphicBufferProducer>> getSurface(ClientType type) override;
 
   private:

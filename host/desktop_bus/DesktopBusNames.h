@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// The desktop service as it stands on the bus. Both ends are written against these names.
+/** The desktop service as it stands on the bus. Both ends are written against these names. */
 namespace vel::desktop_bus {
 
 // Environment variable with the bus's address, for example "unix:path=/tmp/bus".

@@ -109,6 +109,8 @@ bool isEntryValid(const camera_metadata_t& metadata, const Entry& entry) {
     if (entry.tag < VENDOR_SECTION_START && entry.type != get_camera_metadata_tag_type(entry.tag))
         return false;
     if (entry.count == 0) return entry.data.offset == 0;
+    // Only where size_t has 32 bits can the size of the values exceed it.
+    if (entry.count > (SIZE_MAX - kAlignment) / camera_metadata_type_size[entry.type]) return false;
     const size_t size = dataSize(entry);
     if (size == 0) return true;
     const uint64_t position = uint64_t{metadata.dataStart} + entry.data.offset;
@@ -146,12 +148,15 @@ int find(const camera_metadata_t* metadata, uint32_t tag, PublicEntry* out) {
 }  // namespace
 
 camera_metadata_t* allocate_camera_metadata(size_t entry_capacity, size_t data_capacity) {
-    if (entry_capacity > UINT32_MAX || data_capacity > UINT32_MAX) return nullptr;
-    const uint64_t dataStart = alignUp(sizeof(camera_metadata) + uint64_t{entry_capacity} * sizeof(Entry));
-    const uint64_t size = alignUp(dataStart + data_capacity);
-    if (size > UINT32_MAX) return nullptr;
+    const uint64_t entries = entry_capacity;
+    const uint64_t dataBytes = data_capacity;
+    if (entries > UINT32_MAX || dataBytes > UINT32_MAX) return nullptr;
+    const uint64_t dataStart = alignUp(sizeof(camera_metadata) + entries * sizeof(Entry));
+    const uint64_t size = alignUp(dataStart + dataBytes);
+    // Where size_t has 32 bits the size wraps below, as on the device.
+    if (sizeof(size_t) > sizeof(uint32_t) && size > UINT32_MAX) return nullptr;
 
-    auto* metadata = static_cast<camera_metadata_t*>(calloc(1, size));
+    auto* metadata = static_cast<camera_metadata_t*>(calloc(1, static_cast<size_t>(size)));
     if (!metadata) return nullptr;
     metadata->size = size;
     metadata->version = kVersion;

@@ -32,7 +32,8 @@ int set_camera_metadata_vendor_ops(const vendor_tag_ops_t* ops) {
 
 const char* get_camera_metadata_section_name(uint32_t tag) {
     if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_section_name(gVendorOps, tag) : nullptr;
-    return findStandardTag(tag) ? camera_metadata_section_names[tag >> 16] : nullptr;
+    const uint32_t section = tag >> 16;
+    return section < ANDROID_SECTION_COUNT ? camera_metadata_section_names[section] : nullptr;
 }
 
 const char* get_camera_metadata_tag_name(uint32_t tag) {

@@ -2,7 +2,7 @@
 
 #include <system/camera_metadata.h>
 
-// What is known of a standard tag besides its id.
+/** What is known of a standard tag besides its id. */
 struct TagInfo {
     const char* name;  // within its section
     uint8_t type;

@@ -12,13 +12,13 @@ status_t BufferQueueConsumer::acquireBuffer(BufferItem* item, nsecs_t expectedPr
     if (expectedPresent != 0) abortAbsent("acquireBuffer for a present time");
     std::lock_guard<std::mutex> lock(mCore->mutex);
     // One more than the maximum, so that a consumer can take the next frame before it gives back the last.
-    if (mCore->countLocked(BufferSlot::State::Acquired) >= mCore->maxAcquired + 1) return INVALID_OPERATION;
+    if (mCore->countLocked(BufferSlot::State::ACQUIRED) >= mCore->maxAcquired + 1) return INVALID_OPERATION;
     if (mCore->queue.empty()) return NO_BUFFER_AVAILABLE;
 
     *item = std::move(mCore->queue.front());
     mCore->queue.pop_front();
     if (!item->mIsStale) {
-        mCore->slots[item->mSlot].state = BufferSlot::State::Acquired;
+        mCore->slots[item->mSlot].state = BufferSlot::State::ACQUIRED;
         mCore->slots[item->mSlot].fence = Fence::NO_FENCE;
     }
     mCore->dequeueCondition.notify_all();
@@ -31,7 +31,7 @@ status_t BufferQueueConsumer::releaseBuffer(int slot, uint64_t frameNumber, cons
     {
         std::lock_guard<std::mutex> lock(mCore->mutex);
         if (mCore->slots[slot].frameNumber != frameNumber) return STALE_BUFFER_SLOT;
-        if (mCore->slots[slot].state != BufferSlot::State::Acquired) return BAD_VALUE;
+        if (mCore->slots[slot].state != BufferSlot::State::ACQUIRED) return BAD_VALUE;
         mCore->releaseSlotLocked(slot, releaseFence);
         listener = mCore->producerListener;
     }
@@ -87,7 +87,7 @@ status_t BufferQueueConsumer::setMaxAcquiredBufferCount(int maxAcquiredBuffers) 
         if (mCore->isAbandoned) return NO_INIT;
         const int delta = maxAcquiredBuffers - mCore->maxAcquired;
         if (delta == 0) return NO_ERROR;
-        if (mCore->countLocked(BufferSlot::State::Acquired) > maxAcquiredBuffers) return BAD_VALUE;
+        if (mCore->countLocked(BufferSlot::State::ACQUIRED) > maxAcquiredBuffers) return BAD_VALUE;
         if (mCore->minUndequeuedCountLocked() + delta + mCore->maxDequeued > mCore->maxBufferCount)
             return BAD_VALUE;
         if (!mCore->adjustAvailableSlotsLocked(delta)) return BAD_VALUE;

@@ -6,7 +6,7 @@
 
 namespace android {
 
-// The taking end of a queue.
+/** The taking end of a queue. */
 class BufferQueueConsumer : public IGraphicBufferConsumer {
   public:
     explicit BufferQueueConsumer(const sp<BufferQueueCore>& core);

@@ -67,7 +67,7 @@ void BufferQueueCore::freeAllBuffersLocked() {
     freeSlots.insert(freeBuffers.begin(), freeBuffers.end());
     freeBuffers.clear();
     for (int slot = 0; slot < kSlotCount; slot++) {
-        if (slots[slot].state != BufferSlot::State::Free) freeSlots.insert(slot);
+        if (slots[slot].state != BufferSlot::State::FREE) freeSlots.insert(slot);
         clearSlotLocked(slot);
     }
     for (BufferItem& item : queue)
@@ -75,7 +75,7 @@ void BufferQueueCore::freeAllBuffersLocked() {
 }
 
 void BufferQueueCore::releaseSlotLocked(int slot, const sp<Fence>& fence) {
-    slots[slot].state = BufferSlot::State::Free;
+    slots[slot].state = BufferSlot::State::FREE;
     slots[slot].fence = fence;
     freeBuffers.push_back(slot);
     dequeueCondition.notify_all();

@@ -22,10 +22,12 @@
 
 namespace android {
 
-// The state that both ends of a queue work on. Every member is guarded by mutex; methods expect it held.
-//
-// A slot is in use (its state is not Free), or in exactly one of three lists: freeBuffers (it has a buffer,
-// oldest release first), freeSlots (it has none), unusedSlots (beyond the present limits).
+/**
+ * The state that both ends of a queue work on. Every member is guarded by mutex; methods expect it held.
+ *
+ * A slot is in use (its state is not Free), or in exactly one of three lists: freeBuffers (it has a buffer,
+ * oldest release first), freeSlots (it has none), unusedSlots (beyond the present limits).
+ */
 struct BufferQueueCore : public RefBase {
     static constexpr int kSlotCount = BufferQueueDefs::NUM_BUFFER_SLOTS;
     static constexpr int kMaxMaxAcquired = kSlotCount - 2;
@@ -33,22 +35,26 @@ struct BufferQueueCore : public RefBase {
 
     BufferQueueCore();
 
-    // How many slots the limits allow, for the given modes or the present ones.
+    /** How many slots the limits allow, for the given modes or the present ones. */
     int maxBufferCountLocked(bool async, bool cannotBlock, int limit) const;
     int maxBufferCountLocked() const {
         return maxBufferCountLocked(asyncMode, dequeueCannotBlock, maxBufferCount);
     }
-    // How many of them a producer can never have.
+    /** How many of them a producer can never have. */
     int minUndequeuedCountLocked() const;
     int countLocked(BufferSlot::State state) const;
 
-    // Adds or drops delta usable slots; false, with nothing changed, when there are too few to add or drop.
+    /**
+     * Adds or drops delta usable slots; false, with nothing changed, when there are too few to add or drop.
+     */
     bool adjustAvailableSlotsLocked(int delta);
-    // Takes the buffer from the slot; to the slot's user it becomes stale. The lists are the caller's duty.
+    /**
+     * Takes the buffer from the slot; to the slot's user it becomes stale. The lists are the caller's duty.
+     */
     void clearSlotLocked(int slot);
-    // Empties every slot in whatever state; queued frames stay, marked stale.
+    /** Empties every slot in whatever state; queued frames stay, marked stale. */
     void freeAllBuffersLocked();
-    // Ends a slot's use: it goes to the end of the free buffers, to be written after the fence.
+    /** Ends a slot's use: it goes to the end of the free buffers, to be written after the fence. */
     void releaseSlotLocked(int slot, const sp<Fence>& fence);
 
     const uint64_t uniqueId;

@@ -38,7 +38,7 @@ status_t BufferQueueProducer::checkUsableLocked() const {
 
 status_t BufferQueueProducer::checkDequeuedLocked(int slot) const {
     if (slot < 0 || slot >= BufferQueueCore::kSlotCount) return BAD_VALUE;
-    return mCore->slots[slot].state == BufferSlot::State::Dequeued ? NO_ERROR : BAD_VALUE;
+    return mCore->slots[slot].state == BufferSlot::State::DEQUEUED ? NO_ERROR : BAD_VALUE;
 }
 
 void BufferQueueProducer::fillOutputLocked(QueueBufferOutput* output) const {
@@ -65,7 +65,7 @@ status_t BufferQueueProducer::setMaxDequeuedBufferCount(int maxDequeuedBuffers) 
         std::lock_guard<std::mutex> lock(mCore->mutex);
         if (mCore->isAbandoned) return NO_INIT;
         if (maxDequeuedBuffers == mCore->maxDequeued) return NO_ERROR;
-        if (maxDequeuedBuffers < std::max(1, mCore->countLocked(BufferSlot::State::Dequeued)))
+        if (maxDequeuedBuffers < std::max(1, mCore->countLocked(BufferSlot::State::DEQUEUED)))
             return BAD_VALUE;
         if (maxDequeuedBuffers > mCore->maxBufferCount - mCore->minUndequeuedCountLocked()) return BAD_VALUE;
         const int delta = maxDequeuedBuffers - mCore->maxDequeued;
@@ -114,7 +114,7 @@ status_t BufferQueueProducer::waitForFreeSlotLocked(std::unique_lock<std::mutex>
     for (;;) {
         if (mCore->isAbandoned) return NO_INIT;
         // Before its first frame a producer may take every slot there is.
-        if (mCore->hasQueued && mCore->countLocked(BufferSlot::State::Dequeued) >= mCore->maxDequeued)
+        if (mCore->hasQueued && mCore->countLocked(BufferSlot::State::DEQUEUED) >= mCore->maxDequeued)
             return INVALID_OPERATION;
 
         // Frames of earlier connections hold memory without holding slots.
@@ -132,7 +132,7 @@ status_t BufferQueueProducer::waitForFreeSlotLocked(std::unique_lock<std::mutex>
 
         // A consumer that holds one more than its maximum is about to give one back: that is waited for.
         const bool mayFail = mCore->dequeueCannotBlock || mCore->asyncMode;
-        if (mayFail && mCore->countLocked(BufferSlot::State::Acquired) <= mCore->maxAcquired)
+        if (mayFail && mCore->countLocked(BufferSlot::State::ACQUIRED) <= mCore->maxAcquired)
             return WOULD_BLOCK;
         if (mCore->dequeueTimeout < 0) {
             mCore->dequeueCondition.wait(lock);
@@ -168,7 +168,7 @@ status_t BufferQueueProducer::dequeueBuffer(int* outSlot, sp<Fence>* outFence, u
         slot.buffer = allocated;
         flags = BUFFER_NEEDS_REALLOCATION;
     }
-    slot.state = BufferSlot::State::Dequeued;
+    slot.state = BufferSlot::State::DEQUEUED;
     *outSlot = found;
     *outFence = std::exchange(slot.fence, Fence::NO_FENCE);
     if (outBufferAge) *outBufferAge = slot.frameNumber ? mCore->frameCounter + 1 - slot.frameNumber : 0;
@@ -184,7 +184,7 @@ status_t BufferQueueProducer::checkQueueableLocked(int slot, const QueueBufferIn
 
 BufferItem BufferQueueProducer::queueSlotLocked(int slot, const QueueBufferInput& input) {
     BufferSlot& queued = mCore->slots[slot];
-    queued.state = BufferSlot::State::Queued;
+    queued.state = BufferSlot::State::QUEUED;
     queued.fence = input.fence;
     queued.frameNumber = ++mCore->frameCounter;
 

@@ -9,7 +9,7 @@
 
 namespace android {
 
-// The filling end of a queue.
+/** The filling end of a queue. */
 class BufferQueueProducer : public IGraphicBufferProducer {
   public:
     explicit BufferQueueProducer(const sp<BufferQueueCore>& core);
@@ -32,7 +32,7 @@ class BufferQueueProducer : public IGraphicBufferProducer {
     status_t getConsumerUsage(uint64_t* outUsage) const override;
 
   private:
-    // Who hears of a queued frame, in the order of queueing.
+    /** Who hears of a queued frame, in the order of queueing. */
     struct FrameNotice {
         sp<IConsumerListener> listener;
         BufferItem item;

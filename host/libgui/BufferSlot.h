@@ -6,11 +6,11 @@
 
 namespace android {
 
-// One of the queue's 64 places.
+/** One of the queue's 64 places. */
 struct BufferSlot {
-    enum class State { Free, Dequeued, Queued, Acquired };
+    enum class State { FREE, DEQUEUED, QUEUED, ACQUIRED };
 
-    State state = State::Free;
+    State state = State::FREE;
     sp<GraphicBuffer> buffer;           // null until allocated and after a reset
     sp<Fence> fence = Fence::NO_FENCE;  // what the slot's next user has to wait for
     uint64_t frameNumber = 0;           // of the frame last queued with this buffer, 0 for none

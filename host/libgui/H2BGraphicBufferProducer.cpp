@@ -63,9 +63,9 @@ status_t H2BGraphicBufferProducer::setAsyncMode(bool async) {
 }
 
 status_t H2BGraphicBufferProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w, uint32_t h,
-                                                 ::android::PixelFormat format, uint64_t usage,
+                                                 android::PixelFormat format, uint64_t usage,
                                                  uint64_t* outBufferAge,
-                                                 ::android::FrameEventHistoryDelta* outTimestamps) {
+                                                 android::FrameEventHistoryDelta* outTimestamps) {
     *fence = new Fence;
     if (outBufferAge) *outBufferAge = 0;
     status_t replied = UNKNOWN_ERROR;
@@ -108,7 +108,7 @@ int H2BGraphicBufferProducer::query(int what, int* value) {
     return answerOf(result, replied);
 }
 
-status_t H2BGraphicBufferProducer::connect(const sp<::android::IProducerListener>& listener, int api,
+status_t H2BGraphicBufferProducer::connect(const sp<android::IProducerListener>& listener, int api,
                                            bool producerControlledByApp, QueueBufferOutput* output) {
     if (listener != nullptr) abortAbsent("a producer listener through HIDL");
     if (!output) return BAD_VALUE;

@@ -8,7 +8,7 @@ namespace vel::host {
 
 namespace {
 
-using ::android::hidl::base::V1_0::IBase;
+using android::hidl::base::V1_0::IBase;
 
 struct Identities {
     std::mutex lock;
@@ -24,17 +24,17 @@ Identities& identities() {
 }  // namespace
 
 void setRemoteIdentity(const IBase* proxy, const std::string& identity) {
-    std::lock_guard guard(identities().lock);
+    std::lock_guard<std::mutex> lock(identities().lock);
     identities().byProxy[proxy] = identity;
 }
 
 void forgetRemoteIdentity(const IBase* proxy) {
-    std::lock_guard guard(identities().lock);
+    std::lock_guard<std::mutex> lock(identities().lock);
     identities().byProxy.erase(proxy);
 }
 
 std::string remoteIdentity(const IBase* proxy) {
-    std::lock_guard guard(identities().lock);
+    std::lock_guard<std::mutex> lock(identities().lock);
     const auto found = identities().byProxy.find(proxy);
     return found == identities().byProxy.end() ? std::string() : found->second;
 }
@@ -43,8 +43,8 @@ std::string remoteIdentity(const IBase* proxy) {
 
 namespace android::hardware {
 
-bool interfacesEqual(const sp<::android::hidl::base::V1_0::IBase>& left,
-                     const sp<::android::hidl::base::V1_0::IBase>& right) {
+bool interfacesEqual(const sp<android::hidl::base::V1_0::IBase>& left,
+                     const sp<android::hidl::base::V1_0::IBase>& right) {
     if (left == right) return true;
     if (left == nullptr || right == nullptr) return false;
     const std::string identity = vel::host::remoteIdentity(left.get());

@@ -6,12 +6,12 @@
 
 namespace android::hidl::base::V1_0 {
 
-using ::android::hardware::hidl_death_recipient;
-using ::android::hardware::hidl_handle;
-using ::android::hardware::hidl_string;
-using ::android::hardware::hidl_vec;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
+using android::hardware::hidl_death_recipient;
+using android::hardware::hidl_handle;
+using android::hardware::hidl_string;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
 
 const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 

@@ -6,10 +6,10 @@
 
 namespace korvanta::hardware::camera::desktop::V2_0 {
 
-using ::android::sp;
-using ::android::hardware::Return;
-using ::android::hidl::base::V1_0::IBase;
-using ::vel::host::LocalServiceRegistry;
+using android::sp;
+using android::hardware::Return;
+using android::hidl::base::V1_0::IBase;
+using vel::host::LocalServiceRegistry;
 
 const char* ICameraDesktop::descriptor = "korvanta.hardware.camera.desktop@2.0::ICameraDesktop";
 
@@ -23,12 +23,12 @@ Return<sp<ICameraDesktop>> ICameraDesktop::castFrom(const sp<IBase>& parent, boo
     return vel::host::castByChain<ICameraDesktop>(parent, emitError);
 }
 
-::android::status_t ICameraDesktop::registerAsService(const std::string& serviceName) {
+android::status_t ICameraDesktop::registerAsService(const std::string& serviceName) {
     return LocalServiceRegistry::instance().add(serviceName, this);
 }
 
-bool ICameraDesktop::registerForNotifications(
-    const std::string&, const sp<::android::hidl::manager::V1_0::IServiceNotification>&) {
+bool ICameraDesktop::registerForNotifications(const std::string&,
+                                              const sp<android::hidl::manager::V1_0::IServiceNotification>&) {
     vel::host::fatal("registration notices are not available on a workstation");
 }
 

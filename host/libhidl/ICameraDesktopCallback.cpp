@@ -4,9 +4,9 @@
 
 namespace korvanta::hardware::camera::desktop::V1_0 {
 
-using ::android::sp;
-using ::android::hardware::Return;
-using ::android::hidl::base::V1_0::IBase;
+using android::sp;
+using android::hardware::Return;
+using android::hidl::base::V1_0::IBase;
 
 const char* ICameraDesktopCallback::descriptor =
     "korvanta.hardware.camera.desktop@1.0::ICameraDesktopCallback";

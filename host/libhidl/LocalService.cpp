@@ -5,25 +5,25 @@
 
 namespace vel::host {
 
-using ::android::sp;
+using android::sp;
 
 LocalService::LocalService(std::string name, sp<ICameraDesktop> object)
     : mName(std::move(name)), mObject(std::move(object)) {}
 
 sp<LocalService::ICameraDesktop> LocalService::object() const {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     return mObject;
 }
 
 bool LocalService::linkToDeath(const sp<IBase>& proxy, const sp<Recipient>& recipient, uint64_t cookie) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     if (mToldProxies.count(proxy.get()) != 0) return false;
     mRegistrations.push_back({proxy.get(), proxy, recipient, cookie});
     return true;
 }
 
 bool LocalService::unlinkToDeath(const IBase* proxy, const sp<Recipient>& recipient) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     // The promotion tells a dead recipient from a new one at the same address; it can only yield the caller's
     // object.
     const auto newest =
@@ -37,7 +37,7 @@ bool LocalService::unlinkToDeath(const IBase* proxy, const sp<Recipient>& recipi
 }
 
 void LocalService::forgetProxy(const IBase* proxy) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mRegistrations.erase(std::remove_if(mRegistrations.begin(), mRegistrations.end(),
                                         [&](const DeathNotice& entry) { return entry.proxy == proxy; }),
                          mRegistrations.end());
@@ -47,12 +47,12 @@ void LocalService::forgetProxy(const IBase* proxy) {
 void LocalService::kill() {
     // Goes after the lock: the object's destructor is not ours.
     sp<ICameraDesktop> released;
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     released = std::exchange(mObject, nullptr);
 }
 
 std::vector<LocalService::DeathNotice> LocalService::takeDeathNotices() {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     for (const DeathNotice& notice : mRegistrations)
         mToldProxies.insert(notice.proxy);
     return std::exchange(mRegistrations, {});

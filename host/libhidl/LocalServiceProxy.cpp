@@ -12,22 +12,22 @@ namespace vel::host {
 
 namespace {
 
-using ::android::sp;
-using ::android::hardware::hidl_array;
-using ::android::hardware::hidl_death_recipient;
-using ::android::hardware::hidl_handle;
-using ::android::hardware::hidl_string;
-using ::android::hardware::hidl_vec;
-using ::android::hardware::Return;
-using ::android::hardware::Status;
-using ::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
-using ::android::hidl::base::V1_0::DebugInfo;
-using ::korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
-using ::korvanta::hardware::camera::desktop::V2_0::ClientType;
-using ::korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
+using android::sp;
+using android::hardware::hidl_array;
+using android::hardware::hidl_death_recipient;
+using android::hardware::hidl_handle;
+using android::hardware::hidl_string;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Status;
+using android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+using android::hidl::base::V1_0::DebugInfo;
+using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
+using korvanta::hardware::camera::desktop::V2_0::ClientType;
+using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 
 Status deadObject() {
-    return Status::fromStatusT(::android::DEAD_OBJECT);
+    return Status::fromStatusT(android::DEAD_OBJECT);
 }
 
 // Presents a service of this process as one of another: calls run on the caller's thread, objects and

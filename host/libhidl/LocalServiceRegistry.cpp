@@ -9,8 +9,8 @@
 
 namespace vel::host {
 
-using ::android::sp;
-using ::android::hardware::Status;
+using android::sp;
+using android::hardware::Status;
 
 namespace {
 
@@ -28,19 +28,19 @@ LocalServiceRegistry& LocalServiceRegistry::instance() {
     return *registry;
 }
 
-::android::status_t LocalServiceRegistry::add(const std::string& name,
-                                              const sp<LocalService::ICameraDesktop>& object) {
+android::status_t LocalServiceRegistry::add(const std::string& name,
+                                            const sp<LocalService::ICameraDesktop>& object) {
     auto service = std::make_shared<LocalService>(name, object);
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     Entry& entry = mEntries[name];
     entry.service.swap(service);  // the replaced one goes after the lock
-    return ::android::OK;
+    return android::OK;
 }
 
 sp<LocalService::ICameraDesktop> LocalServiceRegistry::find(const std::string& name) {
     std::shared_ptr<LocalService> service;
     {
-        std::lock_guard guard(mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         Entry& entry = mEntries[name];
         ++entry.lookUps;
         service = entry.service;
@@ -49,7 +49,7 @@ sp<LocalService::ICameraDesktop> LocalServiceRegistry::find(const std::string& n
 }
 
 std::optional<Status> LocalServiceRegistry::takeFault(const std::string& name) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     Entry& entry = mEntries[name];
     if (entry.faults == 0) return std::nullopt;
     --entry.faults;
@@ -59,7 +59,7 @@ std::optional<Status> LocalServiceRegistry::takeFault(const std::string& name) {
 bool LocalServiceRegistry::kill(const std::string& name) {
     std::shared_ptr<LocalService> service;
     {
-        std::lock_guard guard(mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         service = std::exchange(mEntries[name].service, nullptr);
     }
     if (!service) return false;
@@ -70,7 +70,7 @@ bool LocalServiceRegistry::kill(const std::string& name) {
 
 void LocalServiceRegistry::tellDeath(std::shared_ptr<LocalService> service) {
     {
-        std::lock_guard guard(mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         ++mDeliveries;
     }
     std::thread([this, service = std::move(service)] { deliver(*service); }).detach();
@@ -79,30 +79,30 @@ void LocalServiceRegistry::tellDeath(std::shared_ptr<LocalService> service) {
 void LocalServiceRegistry::deliver(LocalService& service) {
     for (const LocalService::DeathNotice& notice : service.takeDeathNotices())
         tell(notice);
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     --mDeliveries;
     mDelivered.notify_all();
 }
 
 void LocalServiceRegistry::awaitDeathNotices() {
-    std::unique_lock guard(mLock);
-    mDelivered.wait(guard, [this] { return mDeliveries == 0; });
+    std::unique_lock<std::mutex> lock(mLock);
+    mDelivered.wait(lock, [this] { return mDeliveries == 0; });
 }
 
 void LocalServiceRegistry::clear() {
     std::map<std::string, Entry> released;
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     released.swap(mEntries);
 }
 
 size_t LocalServiceRegistry::lookUpCount(const std::string& name) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     return mEntries[name].lookUps;
 }
 
 void LocalServiceRegistry::failNextCalls(const std::string& name, size_t count, const Status& status) {
     if (status.isOk()) fatal("failNextLocalCalls() needs a failed status");
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mEntries[name].faults = count;
     mEntries[name].fault = status;
 }

@@ -10,8 +10,8 @@
 
 namespace korvanta::hardware::camera::desktop::V2_0 {
 
-using ::android::sp;
-using ::vel::host::LocalServiceRegistry;
+using android::sp;
+using vel::host::LocalServiceRegistry;
 
 namespace {
 constexpr useconds_t kLookUpPauseUs = 50'000;

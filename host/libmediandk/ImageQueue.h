@@ -8,14 +8,16 @@
 #include <mutex>
 #include <set>
 
-// What a reader and its images share; it lives until the reader and the last image are gone. The images'
-// members are guarded by mutex too.
+/**
+ * What a reader and its images share; it lives until the reader and the last image are gone. The images'
+ * members are guarded by mutex too.
+ */
 struct ImageQueue {
     ImageQueue(const android::sp<android::BufferItemConsumer>& consumer, int32_t format, uint64_t usage,
                int maxImages)
         : consumer(consumer), format(format), usage(usage), maxImages(maxImages) {}
 
-    // Unlocks the image's buffer and gives it back; a closed image is left alone.
+    /** Unlocks the image's buffer and gives it back; a closed image is left alone. */
     void closeLocked(AImage* image);
 
     const android::sp<android::BufferItemConsumer> consumer;

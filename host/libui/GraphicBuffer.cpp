@@ -162,7 +162,7 @@ status_t GraphicBuffer::lock(uint32_t cpuUsage, const Rect& rect, void** vaddr, 
     const status_t status = describeLayout(getWidth(), getHeight(), getLayerCount(), format, &layout);
     if (status != NO_ERROR) return status;
 
-    std::lock_guard<std::mutex> guard(mMappingLock);
+    std::lock_guard<std::mutex> lock(mMappingLock);
     if (!mMapping) {
         void* mapping = mmap(nullptr, mByteCount, PROT_READ | PROT_WRITE, MAP_SHARED, handle->data[0], 0);
         if (mapping == MAP_FAILED) return NO_MEMORY;
@@ -176,7 +176,7 @@ status_t GraphicBuffer::lock(uint32_t cpuUsage, const Rect& rect, void** vaddr, 
 }
 
 status_t GraphicBuffer::unlock() {
-    std::lock_guard<std::mutex> guard(mMappingLock);
+    std::lock_guard<std::mutex> lock(mMappingLock);
     if (mLockCount == 0) return BAD_VALUE;
     mLockCount--;
     return NO_ERROR;

@@ -8,10 +8,12 @@
 
 namespace vel::queue_channel {
 
-// The caller's end of a channel: requests of any thread, several at a time.
-//
-// A caller sends its request and reads the reply itself. While several wait, one of them reads for all, and
-// hands the reading on once it has its own reply; so a single caller is never woken by another thread.
+/**
+ * The caller's end of a channel: requests of any thread, several at a time.
+ *
+ * A caller sends its request and reads the reply itself. While several wait, one of them reads for all, and
+ * hands the reading on once it has its own reply; so a single caller is never woken by another thread.
+ */
 class CallChannel {
   public:
     struct Answer {
@@ -19,12 +21,14 @@ class CallChannel {
         android::hardware::hidl_handle handle;
     };
 
-    // Without a socket every call fails.
+    /** Without a socket every call fails. */
     explicit CallChannel(android::base::unique_fd socket);
 
-    // Sends the request, to which it gives its number, with the fence, and waits for the answer without limit
-    // and without a lock. Fails with DEAD_OBJECT once the other end is gone or has sent a packet that makes
-    // no sense, or has itself failed so, and with FAILED_TRANSACTION when this request cannot be carried.
+    /**
+     * Sends the request, to which it gives its number, with the fence, and waits for the answer without limit
+     * and without a lock. Fails with DEAD_OBJECT once the other end is gone or has sent a packet that makes
+     * no sense, or has itself failed so, and with FAILED_TRANSACTION when this request cannot be carried.
+     */
     android::hardware::Status call(Request request, const android::hardware::hidl_handle& fence,
                                    Answer* answer);
 

@@ -32,7 +32,7 @@ enum class Operation : uint16_t {
     GET_UNIQUE_ID,
 };
 
-// What an operation does not use is 0.
+/** What an operation does not use is 0. */
 struct Request {
     explicit Request(Operation operation = {}, int64_t value = 0, int32_t option = 0)
         : operation(operation), value(value), option(option) {}
@@ -62,7 +62,7 @@ struct Reply {
     int32_t status = 0;   // the queue's
     int32_t slot = 0;
     int32_t value = 0;  // that was queried
-    // The buffer's; also the width, the height and the id of the queue.
+    /** The buffer's; also the width, the height and the id of the queue. */
     android::hardware::media::V1_0::AnwBufferAttributes attributes{};
     uint64_t nextFrameNumber = 0;
     uint32_t transformHint = 0, numPendingBuffers = 0, bufferReplaced = 0;
@@ -75,17 +75,19 @@ struct Reply {
 static_assert(sizeof(Request) == 72 && std::has_unique_object_representations_v<Request>);
 static_assert(sizeof(Reply) == 128 && std::has_unique_object_representations_v<Reply>);
 
-// Sends a packet with a handle, which is empty or has one descriptor. 0 or the errno: EINVAL for another
-// handle, EPIPE when the other end is gone.
+/**
+ * Sends a packet with a handle, which is empty or has one descriptor. 0 or the errno: EINVAL for another
+ * handle, EPIPE when the other end is gone.
+ */
 int send(int socket, const void* packet, size_t size, const android::hardware::hidl_handle& handle,
          int flags);
 
 enum class Received { PACKET, END, MALFORMED };
 
-// Waits for a packet of that size. The handle owns its descriptor, if any; others are closed.
+/** Waits for a packet of that size. The handle owns its descriptor, if any; others are closed. */
 Received receive(int socket, void* packet, size_t size, android::hardware::hidl_handle* handle);
 
-// The same for a Request or a Reply, which must make sense.
+/** The same for a Request or a Reply, which must make sense. */
 template <typename Packet>
 Received receive(int socket, Packet* packet, android::hardware::hidl_handle* handle) {
     const Received received = receive(socket, packet, sizeof(*packet), handle);

@@ -9,30 +9,32 @@
 
 namespace vel::queue_channel {
 
-// What is known of another process that uses a producer of this one, over all its channels to it.
+/** What is known of another process that uses a producer of this one, over all its channels to it. */
 struct Client {
     std::string name;  // as vel::host::callingProcess() tells it
-    // Once false, its requests are not carried out, and a slot that it would have got is given back.
+    /** Once false, its requests are not carried out, and a slot that it would have got is given back. */
     std::atomic<bool> isAlive{true};
     std::atomic<bool> hasConnected{false};  // at some time
 
-    // After its death: disconnects the producer if it is this client that is connected.
+    /** After its death: disconnects the producer if it is this client that is connected. */
     void disconnectFrom(IGraphicBufferProducer& producer) const;
 };
 
-// The queue's end of a channel: carries requests out on a producer of this process and sends the replies.
-//
-// Each of the channel's threads waits for a request, sees to it that another one waits for the next, and
-// carries it out; so a dequeue may keep its thread while others pass. There are usually two, and at most
-// kMaxThreads: the last one answers a dequeue by WOULD_BLOCK. They are detached.
-//
-// The channel ends with its client, or, which is logged, by a packet that makes no sense or when replies are
-// left unread. It keeps the producer until then, and until the last dequeue has ended.
+/**
+ * The queue's end of a channel: carries requests out on a producer of this process and sends the replies.
+ *
+ * Each of the channel's threads waits for a request, sees to it that another one waits for the next, and
+ * carries it out; so a dequeue may keep its thread while others pass. There are usually two, and at most
+ * kMaxThreads: the last one answers a dequeue by WOULD_BLOCK. They are detached.
+ *
+ * The channel ends with its client, or, which is logged, by a packet that makes no sense or when replies are
+ * left unread. It keeps the producer until then, and until the last dequeue has ended.
+ */
 class ProducerServer : public std::enable_shared_from_this<ProducerServer> {
   public:
     static constexpr int kMaxThreads = kSlotCount + 1;
 
-    // Starts a channel and returns the client's end; below 0 without descriptors or threads left.
+    /** Starts a channel and returns the client's end; below 0 without descriptors or threads left. */
     static android::base::unique_fd open(const android::sp<IGraphicBufferProducer>& producer,
                                          const std::shared_ptr<Client>& client);
 

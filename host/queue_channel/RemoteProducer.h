@@ -6,12 +6,14 @@
 
 namespace vel::queue_channel {
 
-// The producer's end of a buffer queue in another process. Statuses and flags are the queue's own; memory and
-// fences arrive as descriptors, of which each reply's are closed when the reply function has returned.
-//
-// Calls block until the queue answers, a dequeue therefore as long as the queue lets it wait; they hold no
-// lock and may come from any thread, several at a time. A call fails as CallChannel::call() tells, and with
-// FAILED_TRANSACTION for a fence of several descriptors.
+/**
+ * The producer's end of a buffer queue in another process. Statuses and flags are the queue's own; memory and
+ * fences arrive as descriptors, of which each reply's are closed when the reply function has returned.
+ *
+ * Calls block until the queue answers, a dequeue therefore as long as the queue lets it wait; they hold no
+ * lock and may come from any thread, several at a time. A call fails as CallChannel::call() tells, and with
+ * FAILED_TRANSACTION for a fence of several descriptors.
+ */
 class RemoteProducer : public IGraphicBufferProducer {
   public:
     template <typename T>
@@ -39,7 +41,7 @@ class RemoteProducer : public IGraphicBufferProducer {
         return ask(reply, request, {},
                    [&](Answer& answer) { reply(answer.reply.status, answer.reply.slot, answer.handle, {}); });
     }
-    // Damage does not cross: the queue has none.
+    /** Damage does not cross: the queue has none. */
     Return<void> queueBuffer(int32_t slot, const QueueBufferInput& input, queueBuffer_cb reply) override {
         Request request = on(slot, Operation::QUEUE_BUFFER);
         request.value = input.timestamp;
@@ -55,7 +57,7 @@ class RemoteProducer : public IGraphicBufferProducer {
     Return<int32_t> cancelBuffer(int32_t slot, const hidl_handle& fence) override {
         return askStatus(on(slot, Operation::CANCEL_BUFFER), fence);
     }
-    // A listener other than null does not cross.
+    /** A listener other than null does not cross. */
     Return<void> connect(const android::sp<IProducerListener>& listener, int32_t api, bool byApp,
                          connect_cb reply) override {
         if (listener != nullptr) return Status::fromStatusT(android::UNKNOWN_TRANSACTION);
@@ -108,7 +110,7 @@ class RemoteProducer : public IGraphicBufferProducer {
                 {}};
     }
 
-    // Has the answer delivered to a reply function that is not null.
+    /** Has the answer delivered to a reply function that is not null. */
     template <typename ReplyFunction, typename Deliver>
     Return<void> ask(const ReplyFunction& reply, const Request& request, const hidl_handle& fence,
                      Deliver deliver) {

@@ -3,6 +3,8 @@
 #include "JsonMessage.h"
 #include "MetadataChanges.h"
 
+using android::JsonMessage;
+
 namespace vel::sim {
 
 namespace {

@@ -14,7 +14,8 @@ struct CaptureMessage {
 /** Which capture a message of the HAL is about; nothing for any other message. */
 std::optional<CaptureMessage> captureIn(const std::string& message);
 
-/** The answer that makes the changes of metadataChanges() which apply to the capture; empty when none does.
+/**
+ * The answer that makes the changes of metadataChanges() which apply to the capture; empty when none does.
  */
 std::string changesOf(const CaptureMessage& capture);
 

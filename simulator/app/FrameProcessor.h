@@ -1,14 +1,15 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include "Effects.h"
 #include "ServiceClient.h"
 
 namespace vel::sim {
+
+class Preview;
+class Substitution;
+struct FrameConfiguration;
 
 /**
  * The application's side of the frames: owns the queues that the camera HAL fills, processes each frame of
@@ -29,15 +30,13 @@ class FrameProcessor {
     /**
      * "frames size=1920x1080 [effect=tint] [buffers=16] [hold=N]" configures image substitution, in place of
      * an earlier one, and processes frames from then on; with hold it keeps every frame of either queue
-     * after so many. "frames end" ends it. False, said in an error line, when it cannot be done.
+     * after that many. "frames end" ends it. False, said in an error line, when it cannot be done.
      */
     bool execute(const std::string& line);
 
   private:
-    class Preview;
-    class Substitution;
-
     bool start(const std::string& line);
+    void configureHal(const FrameConfiguration& configuration);
     void end();
 
     ServiceClient& mClient;

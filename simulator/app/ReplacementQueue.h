@@ -8,14 +8,14 @@
 
 namespace vel::sim {
 
+using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
+
 /**
  * The way of replacements into the camera HAL's image reader. Used by one thread at a time; each call goes to
  * the HAL's process.
  */
 class ReplacementQueue {
   public:
-    using HidlProducer = android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer;
-
     /** Connects to the reader's input. */
     explicit ReplacementQueue(const android::sp<HidlProducer>& reader);
     /** Disconnects, which frees every buffer that was not queued. */
@@ -24,7 +24,7 @@ class ReplacementQueue {
     ReplacementQueue& operator=(const ReplacementQueue&) = delete;
 
     /**
-     * Fills a buffer of one row of so many bytes and queues it. False when there is no buffer within a
+     * Fills a buffer of one row of that many bytes and queues it. False when there is no buffer within a
      * quarter of a second or the HAL refuses; status() then tells why.
      */
     bool send(uint32_t rowBytes, int64_t timestampNs,

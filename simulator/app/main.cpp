@@ -1,6 +1,8 @@
 // The desktop application: sends commands to the camera HAL, and prints and answers what it receives.
 
+#include <CLI/CLI.hpp>
 #include <atomic>
+#include <cctype>
 #include <map>
 #include <string>
 #include <vector>
@@ -22,6 +24,16 @@ constexpr std::chrono::milliseconds kTick{50};
 const std::map<std::string, ClientType> kPeers = {{"hal", ClientType::CLIENT_CAMERA_HAL},
                                                   {"camera-service", ClientType::CLIENT_CAMERA_SERVICE},
                                                   {"app", ClientType::CLIENT_APP}};
+
+constexpr char kInputLines[] =
+    "Lines of standard input:\n"
+    "  {...}\n"
+    "      a JSON command to send; what begins with no letter is sent as it stands\n"
+    "  frames size=WIDTHxHEIGHT [effect=tint|mirror|blur|none] [buffers=16] [hold=N]\n"
+    "      configures image substitution and processes its frames; with hold it keeps those\n"
+    "      after that number\n"
+    "  frames end\n"
+    "  help";
 
 struct Options {
     vel::sim::CommonOptions common;
@@ -45,12 +57,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
         "The desktop application. Registers with the desktop service, sends the given commands, and "
         "prints the replies and what it receives. Without commands it stays until a signal comes.");
-    cli.footer(
-        "Lines of standard input are commands too, except:\n"
-        "  frames size=WIDTHxHEIGHT [effect=tint|mirror|blur|none] [buffers=16] [hold=N]\n"
-        "      configures image substitution and processes its frames; with hold it keeps those\n"
-        "      after so many\n"
-        "  frames end");
+    cli.footer(kInputLines);
     cli.add_option("command", options.commands, "JSON commands to send, in order; - reads standard input")
         ->type_name("COMMAND");
     cli.add_option_function<std::string>(
@@ -83,6 +90,17 @@ bool waitForService(ServiceClient& client, const vel::sim::EndSignals& signals) 
     return true;
 }
 
+// Carries out a line of standard input; false when that cannot be done.
+bool execute(const std::string& line, ServiceClient& client, FrameProcessor& frames, const Options& options) {
+    if (line.empty() || vel::sim::answerHelp(line, kInputLines)) return true;
+    if (FrameProcessor::isCommand(line)) return frames.execute(line);
+    // A word is a mistake of whoever types; broken JSON is sent, as the HAL may be asked to cope with it.
+    if (std::isalpha(static_cast<unsigned char>(line.front())) == 0)
+        return sendAndPrint(client, options, line);
+    vel::sim::refuseLine(line);
+    return false;
+}
+
 bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options,
              vel::sim::EndSignals& signals) {
     bool allSent = true;
@@ -91,12 +109,8 @@ bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& optio
             allSent = sendAndPrint(client, options, command) && allSent;
             continue;
         }
-        for (std::string line; signals.readLine(line);) {
-            if (line.empty()) continue;
-            const bool done =
-                FrameProcessor::isCommand(line) ? frames.execute(line) : sendAndPrint(client, options, line);
-            allSent = allSent && done;
-        }
+        for (std::string line; signals.readLine(line);)
+            allSent = execute(line, client, frames, options) && allSent;
     }
     return allSent;
 }
@@ -121,7 +135,7 @@ int main(int argc, char** argv) {
                 return options.changeMetadata ? vel::sim::changesOf(*capture) : "";
             return options.reply;
         },
-        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+        vel::sim::printLinkOf(options.common));
     link = &client;
 
     if (!waitForService(client, signals)) return 1;

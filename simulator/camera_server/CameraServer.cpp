@@ -54,7 +54,7 @@ bool CameraServer::execute(const std::string& line) {
     } else if (isCamera && command.is("capture", 3)) {
         return capture(numbers[0], numbers[1], numbers[2]);
     } else {
-        printLine("error not understood: %s", line.c_str());
+        refuseLine(line);
         return false;
     }
     return true;

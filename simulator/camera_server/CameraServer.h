@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "FrameStream.h"
+#include "StopSignal.h"
 
 class VelChiDesktopHelper;
 

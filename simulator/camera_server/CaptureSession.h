@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "FrameStream.h"
 #include "LatencyStats.h"
+#include "StopSignal.h"
 #include "SyntheticSensor.h"
 
 class VelChiDesktopHelper;

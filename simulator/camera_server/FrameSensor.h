@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -9,9 +8,11 @@ class VelChiDesktopHelper;
 
 namespace vel::sim {
 
+class FrameSession;
+
 /**
- * A synthetic sensor: up to four streams of frames that go through image substitution, and a preview beside
- * them on the application frame path. Prints what happens. execute() and the destructor from one thread.
+ * The frames of the camera: up to four streams that go through image substitution, and a preview beside them
+ * on the application frame path. Prints what happens. execute() and the destructor from one thread.
  */
 class FrameSensor {
   public:
@@ -44,13 +45,11 @@ class FrameSensor {
     void setStream(int fd) { mStreamFd = fd; }
 
   private:
-    class Session;
-
     void stop(bool isAborted);
 
     VelChiDesktopHelper* const mHelper;
     int mStreamFd = -1;
-    std::shared_ptr<Session> mSession;
+    std::shared_ptr<FrameSession> mSession;
     std::thread mThread;
 };
 

@@ -34,24 +34,6 @@ struct FrameStream::Taken {
     uint64_t memory = 0;
 };
 
-void StopSignal::set() {
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        mSet = true;
-    }
-    mChanged.notify_all();
-}
-
-bool StopSignal::isSet() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mSet;
-}
-
-bool StopSignal::waitUntil(Clock::time_point time) const {
-    std::unique_lock<std::mutex> lock(mLock);
-    return !mChanged.wait_until(lock, time, [this] { return mSet; });
-}
-
 FrameCounts& FrameCounts::operator+=(const FrameCounts& other) {
     for (const auto field :
          {&FrameCounts::sent, &FrameCounts::replaced, &FrameCounts::late, &FrameCounts::repeated,

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,28 +9,12 @@
 #include "FrameHeader.h"
 #include "FrameView.h"
 #include "LatencyStats.h"
+#include "StopSignal.h"
 
 class VelChiDesktopHelper;
 class VelImgSubHelper;
 
 namespace vel::sim {
-
-/** Tells threads to end. Any thread may call. */
-class StopSignal {
-  public:
-    using Clock = std::chrono::steady_clock;
-
-    void set();
-    bool isSet() const;
-    /** Waits until the time; false when the signal is or gets set. */
-    bool waitUntil(Clock::time_point time) const;
-    bool waitFor(Clock::duration duration) const { return waitUntil(Clock::now() + duration); }
-
-  private:
-    mutable std::mutex mLock;
-    mutable std::condition_variable mChanged;
-    bool mSet = false;  // guarded by mLock
-};
 
 /**
  * What became of the frames of a stream. Every captured frame is one of replaced, late, repeated, dropped.
@@ -92,7 +74,7 @@ class FrameStream {
   private:
     enum class Outcome { REPLACED, LATE, REPEATED, NONE };
 
-    // What the library handed out, mapped; the image keeps it from being overwritten.
+    /** What the library handed out, mapped; the image keeps it from being overwritten. */
     struct Taken;
 
     void runLive();

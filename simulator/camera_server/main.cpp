@@ -1,5 +1,6 @@
 // The camera server: loads the library as a camera HAL does, and answers for the camera service.
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -14,12 +15,26 @@
 #include "VelChiDesktopHelper.h"
 #include "VendorTags.h"
 
+using android::JsonMessage;
+
 namespace {
 
 using android::JsonUtils;
 using vel::sim::CameraServer;
 using vel::sim::FrameSensor;
 using vel::sim::ServiceClient;
+
+constexpr char kCommands[] =
+    "Commands, one a line; CAMERA is a framework id:\n"
+    "  open CAMERA, close CAMERA, status CAMERA\n"
+    "  capture CAMERA FRAMES FRAMES_PER_SECOND\n"
+    "      exchanges the metadata of each frame with the application\n"
+    "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0]\n"
+    "         [input=FILE] [output=FILE] [sheet=FILE]\n"
+    "      streams frames once the application has configured them; count=0 has no end but\n"
+    "      frames end\n"
+    "  frames end\n"
+    "  help";
 
 // The framework id in a request to restart a session, or INVALID_CAMERA_ID when the text is none.
 uint32_t restartRequestedFor(const std::string& command) {
@@ -39,16 +54,7 @@ std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options
         "The camera server. Loads the desktop helper as a camera HAL does, does what it reads from standard "
         "input, and answers the library's restart requests by opening the camera again. Ends with its "
         "input or by a signal.");
-    cli.footer(
-        "Commands, one a line; CAMERA is a framework id:\n"
-        "  open CAMERA, close CAMERA, status CAMERA\n"
-        "  capture CAMERA FRAMES FRAMES_PER_SECOND\n"
-        "      exchanges the metadata of each frame with the application\n"
-        "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0]\n"
-        "         [input=FILE] [output=FILE] [sheet=FILE]\n"
-        "      streams frames once the application has configured them; count=0 has no end but\n"
-        "      the next command\n"
-        "  frames end");
+    cli.footer(kCommands);
     cli.add_option("--video-fd", videoFd, "descriptor of the YUV4MPEG2 stream that input=- stands for")
         ->type_name("FD");
     vel::sim::addCommonOptions(cli, options);
@@ -59,7 +65,7 @@ std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options
 void readInput(vel::sim::EndSignals& signals, vel::sim::TaskQueue& tasks, CameraServer& server,
                FrameSensor& sensor) {
     for (std::string line; signals.readLine(line);) {
-        if (line.empty()) continue;
+        if (line.empty() || vel::sim::answerHelp(line, kCommands)) continue;
         tasks.post([&, line] { FrameSensor::isCommand(line) ? sensor.execute(line) : server.execute(line); });
     }
     if (!signals.arrived()) return tasks.finish();
@@ -92,7 +98,7 @@ int main(int argc, char** argv) {
             tasks.post([&server, fwkId] { server.restartSession(fwkId); });
             return "OK_CAMERA_SERVICE";
         },
-        [](bool connected) { vel::sim::printLine(connected ? "registered" : "service lost"); });
+        vel::sim::printLinkOf(options));
 
     std::thread input(readInput, std::ref(signals), std::ref(tasks), std::ref(server), std::ref(sensor));
     tasks.run();

@@ -1,10 +1,8 @@
 #include "ChildProcess.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,94 +12,28 @@
 #include <cerrno>
 #include <system_error>
 
+#include "Spawn.h"
+
 namespace vel::sim {
 namespace {
 
 using android::base::unique_fd;
 
-[[noreturn]] void throwErrno(const std::string& what, int error = errno) {
-    throw std::system_error(error, std::generic_category(), what);
-}
-
-struct Pipe {
-    unique_fd parent;
-    unique_fd child;
-};
-
 // Input is a socket, so that writing to a child that has gone fails without a SIGPIPE.
 Pipe openInput() {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throwErrno("socketpair");
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        throw std::system_error(errno, std::generic_category(), "socketpair");
     return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-Pipe openOutput() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throwErrno("pipe2");
-    return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-std::vector<std::string> mergedEnvironment(const std::map<std::string, std::string>& added) {
-    std::vector<std::string> merged;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string line = *entry;
-        if (added.count(line.substr(0, line.find('='))) == 0) merged.push_back(line);
-    }
-    for (const auto& [name, value] : added)
-        merged.emplace_back(name).append("=").append(value);
-    return merged;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-// Runs in the child between fork and exec: only async-signal-safe calls.
-[[noreturn]] void becomeProgram(char* const* command, char* const* environment, int input, int output,
-                                int failure, pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);  // the parent died before the line above
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    signal(SIGPIPE, SIG_DFL);
-    setpgid(0, 0);
-    dup2(input, STDIN_FILENO);
-    dup2(output, STDOUT_FILENO);
-    execvpe(command[0], command, environment);
-    const int error = errno;
-    if (write(failure, &error, sizeof(error)) < 0) _exit(126);
-    _exit(127);
 }
 
 }  // namespace
 
 ChildProcess::ChildProcess(Options options) : mOnLine(std::move(options.onLine)) {
     Pipe input = openInput();
-    Pipe output = openOutput();
-    Pipe failure = openOutput();
-    std::vector<std::string> environment = mergedEnvironment(options.environment);
-    const std::vector<char*> arguments = pointersTo(options.command);
-    const std::vector<char*> variables = pointersTo(environment);
-
-    const pid_t parent = getpid();
-    mPid = fork();
-    if (mPid < 0) throwErrno("fork");
-    if (mPid == 0) {
-        becomeProgram(arguments.data(), variables.data(), input.child.get(), output.child.get(),
-                      failure.child.get(), parent);
-    }
-    failure.child.reset();
-    int error = 0;
-    if (read(failure.parent.get(), &error, sizeof(error)) == sizeof(error)) {
-        waitpid(mPid, nullptr, 0);
-        throwErrno("cannot start " + options.command.front(), error);
-    }
+    Pipe output = openPipe();
+    const int errors = options.hasErrorsInOutput ? output.child.get() : -1;
+    mPid = spawn(std::move(options.command), {input.child, output.child, errors}, options.environment);
     // Not by pidfd_open(): glibc's header of it does not link from C++.
     mPidFd.reset(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
     mStop.reset(eventfd(0, EFD_CLOEXEC));

@@ -16,12 +16,13 @@
 
 namespace vel::sim {
 
-// A program started by this one, with its standard input and output piped here; standard error is shared.
-//
-// The child has a process group of its own, so that Ctrl-C in a terminal reaches this process alone. It is
-// killed when this object goes, and by the kernel when the thread that started it ends: start children from a
-// thread that lives as long as they should. The methods may be called from any thread, but kill(), wait() and
-// the destructor not concurrently with each other.
+/**
+ * A program started by this one, with its standard input and output piped here.
+ *
+ * The child is started as spawn() says, and killed when this object goes: start children from a thread that
+ * lives as long as they should. The methods may be called from any thread, but kill(), wait() and
+ * the destructor not concurrently with each other.
+ */
 class ChildProcess {
   public:
     static constexpr size_t kKeptLines = 4096;
@@ -29,35 +30,41 @@ class ChildProcess {
     struct Options {
         std::vector<std::string> command;                // program (searched in PATH) and its arguments
         std::map<std::string, std::string> environment;  // set in addition to this process's own
-        // Called with each line of output, without its newline, on the reading thread; may be empty. It must
-        // not call back into the object.
+        /**
+         * Called with each line of output, without its newline, on the reading thread; may be empty. It must
+         * not call back into the object.
+         */
         std::function<void(const std::string&)> onLine;
+        bool hasErrorsInOutput = false;  // else standard error is this process's own
     };
 
-    // Starts the program. Throws std::system_error when it cannot be started, with the reason of exec() when
-    // that failed.
+    /** Starts the program. Throws what spawn() does. */
     explicit ChildProcess(Options options);
-    // Kills the child if it still runs (SIGKILL) and reaps it.
+    /** Kills the child if it still runs (SIGKILL) and reaps it. */
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return mPid; }
 
-    // Writes the line and a newline to the child's input. False when the child no longer reads.
+    /** Writes the line and a newline to the child's input. False when the child no longer reads. */
     bool writeLine(const std::string& line);
-    // Ends the child's input.
+    /** Ends the child's input. */
     void closeInput();
 
-    // The earliest line of output that contains the text and was not returned before, at most waited for so
-    // long. Empty when the output ends first or the limit passes. The newest kKeptLines lines are searched.
+    /**
+     * The earliest line of output that contains the text and was not returned before, at most waited for so
+     * long. Empty when the output ends first or the limit passes. The newest kKeptLines lines are searched.
+     */
     std::optional<std::string> waitForLine(const std::string& text,
                                            std::chrono::milliseconds limit = std::chrono::seconds(30));
 
-    // Sends the signal unless the child was reaped already.
+    /** Sends the signal unless the child was reaped already. */
     void kill(int signal);
-    // Waits for the child's end, at most for the limit. The exit code, or the negative number of the signal
-    // that ended it; empty when it still runs. May be called again afterwards.
+    /**
+     * Waits for the child's end, at most for the limit. The exit code, or the negative number of the signal
+     * that ended it; empty when it still runs. May be called again afterwards.
+     */
     std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
 
   private:

@@ -25,7 +25,7 @@ class FieldList {
     /** A field of two numbers, as in 640x480; false, and nothing written, when it is not given. */
     bool pair(const std::string& name, int& first, int& second);
 
-    /** Throws when a field was given that nobody has asked for, or more than so many plain words. */
+    /** Throws when a field was given that nobody has asked for, or more than that many plain words. */
     void rejectOthers(size_t words) const;
 
     /** The first word of a line, whatever the rest holds. */

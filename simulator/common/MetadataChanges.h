@@ -6,13 +6,15 @@
 
 namespace vel::sim {
 
-// A change that the desktop application makes to captures. The camera server knows it too, and looks whether
-// its captures took it.
+/**
+ * A change that the desktop application makes to captures. The camera server knows it too, and looks whether
+ * its captures took it.
+ */
 struct MetadataChange {
     const char* name;      // the full name of the tag
     uint32_t tag;          // its id, whose values are int32, or rationals of two
     bool isRequest;        // of requests, else of results
-    uint32_t everyFrames;  // frame 0 and each so many frames later
+    uint32_t everyFrames;  // frame 0, and one at each such distance
     bool isRational;
     std::vector<int32_t> (*values)(uint32_t frame);  // a rational's are numerator and denominator
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -15,6 +16,8 @@ namespace vel::sim {
 namespace {
 
 using android::base::unique_fd;
+
+constexpr char kAddressPrefix[] = "unix:abstract=";
 
 // Everyone who gets in may own, send and receive everything; only the starting user gets in. The limits are
 // those of a session bus: the built-in one for pending replies is far lower.
@@ -50,6 +53,14 @@ std::string configuration(const std::string& address) {
 )";
 }
 
+// What the daemon says beside its address. That it may not raise its limit of descriptors is harmless and no
+// news: few users may.
+void passOn(const std::string& line) {
+    const bool isAddress = line.compare(0, std::strlen(kAddressPrefix), kAddressPrefix) == 0;
+    if (isAddress || line.find("Failed to set fd limit") != std::string::npos) return;
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
 std::string randomName() {
     std::random_device random;
     char name[24];
@@ -67,14 +78,16 @@ unique_fd memoryFile(const std::string& text) {
 }  // namespace
 
 PrivateBus::PrivateBus() {
-    const unique_fd file = memoryFile(configuration("unix:abstract=vel-bus-" + randomName()));
+    const unique_fd file = memoryFile(configuration(kAddressPrefix + ("vel-bus-" + randomName())));
     ChildProcess::Options options;
     options.command = {
         "dbus-daemon", "--config-file=/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file),
         "--nofork",    "--nopidfile",
         "--nosyslog",  "--print-address"};
+    options.hasErrorsInOutput = true;
+    options.onLine = passOn;
     mDaemon = std::make_unique<ChildProcess>(std::move(options));
-    const auto line = mDaemon->waitForLine("unix:abstract=");
+    const auto line = mDaemon->waitForLine(kAddressPrefix);
     if (!line) throw std::runtime_error("the private dbus-daemon did not start");
     mAddress = line->substr(0, line->find(','));  // without the bus's own id
 }

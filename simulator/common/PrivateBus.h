@@ -7,21 +7,23 @@
 
 namespace vel::sim {
 
-// A message bus of one's own: a dbus-daemon that admits only the user who starts it. It ends with this
-// object. Socket and configuration have no file, so nothing is left even when this process is killed. Nothing
-// of the session or system bus is touched.
+/**
+ * A message bus of one's own: a dbus-daemon that admits only the user who starts it. It ends with this
+ * object. Socket and configuration have no file, so nothing is left even when this process is killed. Nothing
+ * of the session or system bus is touched.
+ */
 class PrivateBus {
   public:
-    // Starts the daemon and waits until it listens. Throws std::runtime_error when it does not.
+    /** Starts the daemon and waits until it listens. Throws std::runtime_error when it does not. */
     PrivateBus();
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    // For VEL_DESKTOP_BUS_ADDRESS, for example "unix:abstract=vel-bus-1a2b3c4d5e6f7081".
+    /** For desktop_bus::kAddressVariable, for example "unix:abstract=vel-bus-1a2b3c4d5e6f7081". */
     const std::string& address() const { return mAddress; }
 
-    // Ends the daemon at once, as a crash would; every connection breaks.
+    /** Ends the daemon at once, as a crash would; every connection breaks. */
     void kill();
 
   private:

@@ -1,30 +1,36 @@
 #include "Program.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <utility>
-#include <vector>
 
+#include "DesktopBusNames.h"
+#include "FieldList.h"
 #include "Timeline.h"
 
 namespace vel::sim {
 
 namespace {
-int64_t gTimeOriginNs = 0;
+std::atomic<int64_t> gTimeOriginNs{0};
 }
 
 void addCommonOptions(CLI::App& cli, CommonOptions& options) {
-    cli.add_option("--bus", options.bus, "address of the bus (default: $VEL_DESKTOP_BUS_ADDRESS)")
-        ->type_name("ADDRESS");
+    cli.add_option("--bus", options.bus, "address of the bus")
+        ->type_name("ADDRESS")
+        ->envname(desktop_bus::kAddressVariable);
     cli.add_option("--time-origin", options.timeOriginNs,
-                   "steady clock, in ns, that printed times count from (default: the machine's start)")
+                   "steady clock, in ns, that printed times count from (default: the service's start)")
         ->type_name("NS");
 }
 
@@ -38,23 +44,44 @@ std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {
 }
 
 void applyCommonOptions(const CommonOptions& options) {
-    if (!options.bus.empty()) setenv("VEL_DESKTOP_BUS_ADDRESS", options.bus.c_str(), 1);
-    gTimeOriginNs = options.timeOriginNs;
+    if (!options.bus.empty()) setenv(desktop_bus::kAddressVariable, options.bus.c_str(), 1);
+    setTimeOrigin(options.timeOriginNs.value_or(steadyNowNs()));
+}
+
+int64_t timeOriginNs() {
+    return gTimeOriginNs;
+}
+
+void setTimeOrigin(int64_t originNs) {
+    gTimeOriginNs = originNs;
+}
+
+void printStamped(const std::string& line) {
+    const std::string whole = timelineStamp(steadyNowNs(), timeOriginNs()) + line + "\n";
+    std::fwrite(whole.data(), 1, whole.size(), stdout);
+    std::fflush(stdout);
 }
 
 void printLine(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    std::vector<char> text(static_cast<size_t>(std::vsnprintf(nullptr, 0, format, arguments)) + 1);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
-    std::vsnprintf(text.data(), text.size(), format, again);
-    va_end(again);
-    const std::string line =
-        timelineStamp(steadyNowNs(), gTimeOriginNs) + printable(std::string(text.data())) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stdout);  // one write a line: lines of threads do not mix
+    if (length < 0) return;
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+    printStamped(printable(text));
+}
+
+bool answerHelp(const std::string& line, const char* commands) {
+    if (FieldList::verbOf(line) != "help") return false;
+    std::printf("%s\n", commands);
     std::fflush(stdout);
+    return true;
+}
+
+void refuseLine(const std::string& line) {
+    printLine("error not understood: %s (help lists the commands)", line.c_str());
 }
 
 EndSignals::EndSignals() {

@@ -2,35 +2,64 @@
 
 #include <android-base/unique_fd.h>
 
-#include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <thread>
 
+namespace CLI {
+class App;
+}
+
 namespace vel::sim {
 
-// What every program of the simulator is told on its command line.
+/** What every program of the simulator is told on its command line. */
 struct CommonOptions {
-    std::string bus;           // empty: what VEL_DESKTOP_BUS_ADDRESS says
-    int64_t timeOriginNs = 0;  // steady clock that printed times count from
+    std::string bus;                      // address of the bus; empty for none
+    std::optional<int64_t> timeOriginNs;  // steady clock that printed times count from; none: not told
 };
 
-/** Adds --bus and --time-origin. */
+/**
+ * Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
+ * CLI11, which costs seconds to compile: only a program's main.cpp includes it.
+ */
 void addCommonOptions(CLI::App& cli, CommonOptions& options);
 
-/** Parses the command line; an exit code when the program is to end with it (help, or words it does not
- * know). */
+/**
+ * Parses the command line; an exit code when the program is to end with it (help, or words it does not
+ * know).
+ */
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
 
-/** Makes the options hold for this process: the bus address and the origin of printLine(). Before any thread.
+/**
+ * Makes the options hold for this process: the bus address and the origin of printed times, which is now
+ * when they tell none. Before any thread.
  */
 void applyCommonOptions(const CommonOptions& options);
 
-/** Prints one stamped line and flushes it; any thread may call. Bytes that are not printable are escaped. */
+/** The steady clock, in ns, that printed times count from. Any thread. */
+int64_t timeOriginNs();
+/** Counts printed times from another origin from now on. Any thread. */
+void setTimeOrigin(int64_t originNs);
+
+/**
+ * Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
+ * thread may call.
+ */
+void printStamped(const std::string& line);
+
+/** The same of a formatted text. Bytes that are not printable are escaped. */
 __attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
+
+/**
+ * Prints the commands that a program reads, without a stamp, when the line is the word help; false, and
+ * nothing is printed, for any other line.
+ */
+bool answerHelp(const std::string& line, const char* commands);
+
+/** Prints that the program does not understand a line, and how to find out what it does. */
+void refuseLine(const std::string& line);
 
 /**
  * Takes SIGINT, SIGTERM and, unless it is ignored (nohup), SIGHUP as requests to end. Create it before any
@@ -41,10 +70,15 @@ class EndSignals {
     EndSignals();
     /** Whether one of the signals has arrived. */
     bool arrived() const { return wait(0); }
-    /** Blocks until one of the signals arrives. Also until the descriptor is readable, or false after so many
-     * milliseconds, when given. */
+    /**
+     * Blocks until one of the signals arrives. Also until the descriptor is readable, or false after that
+     * many milliseconds, when given.
+     */
     bool wait(int limitMs = -1, int otherFd = -1) const;
-    /** Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
+    /** Readable once a signal has arrived, for a wait of the caller's own; not to be read from. */
+    int fd() const { return mSignals; }
+    /**
+     * Reads the next line of standard input; false at its end, or when a signal arrives first. One thread.
      */
     bool readLine(std::string& line);
 

@@ -1,6 +1,12 @@
 #include "ServiceClient.h"
 
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <cstdlib>
 #include <utility>
+
+#include "DesktopBusNames.h"
+#include "Timeline.h"
 
 using android::sp;
 using android::wp;
@@ -14,7 +20,22 @@ namespace vel::sim {
 
 namespace {
 constexpr std::chrono::milliseconds kLookUpPause{50};
+constexpr std::chrono::seconds kOriginLimit{1};
+
+// Where the service's printed times begin; empty when it does not tell.
+std::optional<int64_t> serviceTimeOrigin() try {
+    const char* const address = std::getenv(desktop_bus::kAddressVariable);
+    if (address == nullptr) return std::nullopt;
+    const auto connection = sdbus::createSessionBusConnectionWithAddress(address);
+    connection->setMethodCallTimeout(kOriginLimit);
+    const auto service =
+        sdbus::createProxy(*connection, desktop_bus::kServiceName, desktop_bus::kServicePath);
+    return service->getProperty(kOriginProperty).onInterface(kTimelineInterface).get<int64_t>();
+} catch (const sdbus::Error&) {
+    return std::nullopt;
 }
+
+}  // namespace
 
 class ServiceClient::Callback : public korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback,
                                 public hidl_death_recipient {
@@ -124,6 +145,14 @@ ServiceClient::Reply ServiceClient::send(ClientType to, const std::string& comma
     reply.ok = result.isOk();
     if (!reply.ok) reply.text = result.description();
     return reply;
+}
+
+ServiceClient::StateListener printLinkOf(const CommonOptions& options) {
+    return [follows = !options.timeOriginNs.has_value()](bool connected) {
+        const auto originNs = connected && follows ? serviceTimeOrigin() : std::nullopt;
+        if (originNs) setTimeOrigin(*originNs);
+        printLine(connected ? "registered" : "service lost");
+    };
 }
 
 }  // namespace vel::sim

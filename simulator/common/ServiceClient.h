@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "Program.h"
+
 namespace vel::sim {
 
 /**
@@ -63,5 +65,12 @@ class ServiceClient {
     bool mStopping = false;                // guarded by mLock
     std::thread mKeeper;                   // last: it uses the members above
 };
+
+/**
+ * What a program does when its link changes: prints "registered" or "service lost". Unless the options told
+ * where printed times begin, they count from the start of the service from then on; asks it, for at most a
+ * second.
+ */
+ServiceClient::StateListener printLinkOf(const CommonOptions& options);
 
 }  // namespace vel::sim

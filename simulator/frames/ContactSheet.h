@@ -10,10 +10,12 @@
 
 namespace vel::sim {
 
-// A picture of what happened: captured frames beside the frames that replaced them, a labelled row for each
-// chosen moment, written as one PNG.
-//
-// Holds small copies of at most kMaxRows pairs. Not thread-safe.
+/**
+ * A picture of what happened: captured frames beside the frames that replaced them, a labelled row for each
+ * chosen moment, written as one PNG.
+ *
+ * Holds small copies of at most kMaxRows pairs. Not thread-safe.
+ */
 class ContactSheet {
   public:
     static constexpr size_t kMaxRows = 24;
@@ -25,16 +27,20 @@ class ContactSheet {
         std::optional<int64_t> latencyNs;  // from capture to replacement
     };
 
-    // Adds a row, with copies of the frames scaled down to 320 by 240 pixels at most. No replaced frame, when
-    // none came in time, shows as a grey field. False, with nothing added, once there are kMaxRows.
+    /**
+     * Adds a row, with copies of the frames scaled down to 320 by 240 pixels at most. No replaced frame, when
+     * none came in time, shows as a grey field. False, with nothing added, once there are kMaxRows.
+     */
     bool add(const Moment& moment, const ConstFrameView& captured,
              const std::optional<ConstFrameView>& replaced);
 
     size_t rows() const { return mRows.size(); }
 
-    // Writes the sheet; missing folders are made. The file appears, or is replaced, only when it is complete.
-    // Throws std::runtime_error with one line that names the file when it cannot be written, and
-    // std::logic_error when there are no rows.
+    /**
+     * Writes the sheet; missing folders are made. The file appears, or is replaced, only when it is complete.
+     * Throws std::runtime_error with one line that names the file when it cannot be written, and
+     * std::logic_error when there are no rows.
+     */
     void write(const std::string& file) const;
 
   private:

@@ -24,17 +24,21 @@ struct Area {
     int height = 0;
 };
 
-// Fills the part of the area that lies inside the frame. Chroma has half the resolution, so colours are exact
-// for even coordinates.
+/**
+ * Fills the part of the area that lies inside the frame. Chroma has half the resolution, so colours are exact
+ * for even coordinates.
+ */
 void fillArea(const FrameView& frame, const Area& area, const Colour& colour);
 
 // Characters are 5 by 7 dots in a cell of 6 by 8.
 constexpr int kTextCellWidth = 6;
 constexpr int kTextHeight = 7;
 
-// Draws a line of text into the luma plane with its top left corner at x, y, each dot a square of that many
-// pixels; what falls outside the frame is cut. Known are digits, letters (drawn as capitals) and " .:-#/%()";
-// any other character becomes a filled block.
+/**
+ * Draws a line of text into the luma plane with its top left corner at x, y, each dot a square of that many
+ * pixels; what falls outside the frame is cut. Known are digits, letters (drawn as capitals) and " .:-#/%()";
+ * any other character becomes a filled block.
+ */
 void drawText(const FrameView& frame, int x, int y, int dot, std::string_view text,
               const Colour& colour = kWhite);
 

@@ -7,7 +7,7 @@
 
 namespace vel::sim {
 
-// What the desktop application does to a picture, so that anybody sees that it did.
+/** What the desktop application does to a picture, so that anybody sees that it did. */
 enum class Effect {
     None,    // a plain copy
     Tint,    // warmer colours; brightness stays
@@ -15,19 +15,23 @@ enum class Effect {
     Blur,    // about 160 pixels of detail across, whatever the size
 };
 
-// The effect of that name: "none", "tint", "mirror" or "blur". Throws std::invalid_argument, with a line that
-// names the choices, for any other text.
+/**
+ * The effect of that name: "none", "tint", "mirror" or "blur". Throws std::invalid_argument, with a line that
+ * names the choices, for any other text.
+ */
 Effect parseEffect(std::string_view name);
 std::string effectName(Effect effect);
 
-// Applies one effect to frames of one size. A frame counter stays readable: frames narrower than 240 pixels,
-// whose cells are too small for it, are not blurred where the counter is. Not thread-safe.
+/**
+ * Applies one effect to frames of one size. A frame counter stays readable: frames narrower than 240 pixels,
+ * whose cells are too small for it, are not blurred where the counter is. Not thread-safe.
+ */
 class EffectFilter {
   public:
-    // Throws std::invalid_argument when the size is none.
+    /** Throws std::invalid_argument when the size is none. */
     EffectFilter(Effect effect, FrameSize size);
 
-    // Both views must have the filter's size, or std::invalid_argument is thrown, and must not overlap.
+    /** Both views must have the filter's size, or std::invalid_argument is thrown, and must not overlap. */
     void apply(const ConstFrameView& source, const FrameView& destination);
 
   private:

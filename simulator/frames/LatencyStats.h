@@ -5,21 +5,25 @@
 
 namespace vel::sim {
 
-// The distribution of latencies in constant memory (30 KB): every value is counted, in buckets that are at
-// most 1/64 of their values wide. Maximum and count are exact; a percentile is at most 1.6 % above the true
-// value and never below it. Values below 64 ns are exact.
-//
-// Not thread-safe.
+/**
+ * The distribution of latencies in constant memory (30 KB): every value is counted, in buckets that are at
+ * most 1/64 of their values wide. Maximum and count are exact; a percentile is at most 1.6 % above the true
+ * value and never below it. Values below 64 ns are exact.
+ *
+ * Not thread-safe.
+ */
 class LatencyStats {
   public:
-    // A negative latency, which only a clock's fault can give, counts as 0.
+    /** A negative latency, which only a clock's fault can give, counts as 0. */
     void record(int64_t latencyNs);
 
     uint64_t count() const { return mCount; }
-    // 0 while nothing was recorded.
+    /** 0 while nothing was recorded. */
     int64_t maxNs() const { return mMax; }
-    // The value that the given share of the latencies does not exceed, percent from 0 to 100; 0 while nothing
-    // was recorded.
+    /**
+     * The value that the given share of the latencies does not exceed, percent from 0 to 100; 0 while nothing
+     * was recorded.
+     */
     int64_t percentileNs(double percent) const;
 
   private:

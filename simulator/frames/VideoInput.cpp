@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,11 +10,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 
+#include "Spawn.h"
 #include "Timeline.h"
 
 namespace vel::sim {
@@ -30,34 +31,7 @@ constexpr int kPipeBytes = 1 << 20;  // a large pipe spares wake-ups; the kernel
 // could otherwise take for a format, nor anything it could take for an option, a pattern or an address.
 constexpr const char* kCommand[] = {"ffmpeg",       "-nostdin",        "-hide_banner", "-v",    "error",
                                     "-i",           "file:/dev/stdin", "-map",         "0:v:0", "-f",
-                                    "yuv4mpegpipe", "-pix_fmt",        "yuv420p",      "-",     nullptr};
-
-struct Pipe {
-    unique_fd parent;
-    unique_fd child;
-};
-
-Pipe openPipe() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
-    return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-// Runs in the child between fork and exec: only async-signal-safe calls.
-[[noreturn]] void becomeDecoder(int file, int output, int errors, int failure, pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);  // the parent died before the line above
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    dup2(file, STDIN_FILENO);
-    dup2(output, STDOUT_FILENO);
-    dup2(errors, STDERR_FILENO);
-    execvp(kCommand[0], const_cast<char* const*>(kCommand));
-    const int error = errno;
-    if (write(failure, &error, sizeof(error)) < 0) _exit(126);
-    _exit(127);
-}
+                                    "yuv4mpegpipe", "-pix_fmt",        "yuv420p",      "-"};
 
 // The lines as one, without the decoder's addresses, its name for the file and its counts of repeats.
 std::string oneLine(const std::string& text) {
@@ -123,24 +97,17 @@ void VideoInput::openFile(const std::string& file) {
     }
 }
 
-void VideoInput::startDecoder(int input) {
+void VideoInput::startDecoder(int input) try {
     Pipe output = openPipe();
     Pipe errors = openPipe();
-    Pipe failure = openPipe();
     (void)fcntl(output.parent, F_SETPIPE_SZ, kPipeBytes);
-
-    const pid_t parent = getpid();
-    mDecoder.pid = fork();
-    if (mDecoder.pid < 0) fail(std::string("fork: ") + std::strerror(errno));
-    if (mDecoder.pid == 0) becomeDecoder(input, output.child, errors.child, failure.child, parent);
-    failure.child.reset();
-    int error = 0;
-    if (read(failure.parent, &error, sizeof(error)) == sizeof(error)) {
-        fail(error == ENOENT ? "needs the program ffmpeg, which is not installed"
-                             : std::string("cannot start ffmpeg: ") + std::strerror(error));
-    }
+    mDecoder.pid = spawn({std::begin(kCommand), std::end(kCommand)}, {input, output.child, errors.child});
     mData = std::move(output.parent);
     mErrors = std::move(errors.parent);
+} catch (const std::system_error& error) {
+    fail(error.code() == std::errc::no_such_file_or_directory
+             ? "needs the program ffmpeg, which is not installed"
+             : error.what());
 }
 
 bool VideoInput::readFrame(const FrameView& frame) {

@@ -7,7 +7,7 @@
 
 namespace vel::sim {
 
-// What the frames of a run are made of, where they go, and what the application does to them.
+/** What the frames of a run are made of, where they go, and what the application does to them. */
 struct FrameOptions {
     std::string input;  // a file, "-" for standard input, empty for two streams of test pictures
     std::string output;

@@ -12,8 +12,10 @@
 
 namespace vel::sim {
 
-/** The desktop service, the camera server and the application on a bus of their own. All end with this
- * object. */
+/**
+ * The desktop service, the camera server and the application on a bus of their own. All end with this
+ * object.
+ */
 class Peers {
   public:
     /** Starts the bus. The programs are looked for in the folder; their output goes to the recorder. */

@@ -9,7 +9,7 @@
 
 namespace vel::sim {
 
-// What is waited for: a line of one program that holds all of the parts.
+/** What is waited for: a line of one program that holds all of the parts. */
 struct Expectation {
     std::string source;
     std::vector<std::string> parts;
@@ -27,13 +27,15 @@ class Recorder {
     void add(const std::string& source, const std::string& line);
 
     /**
-     * From now on print() shows only the first so many of the lines that meet the pattern; all are waited for
+     * From now on print() shows of the lines that meet the pattern only that number; all are waited for
      * as before. A line that meets several patterns counts for the one that was given first.
      */
     void printOnlyFirst(const Expectation& pattern, size_t count);
 
-    /** Prints the lines that came since the last print, in the order of their times. When they cannot be
-     * written, that interrupts. */
+    /**
+     * Prints the lines that came since the last print, in the order of their times. When they cannot be
+     * written, that interrupts.
+     */
     void print();
 
     /**
@@ -72,7 +74,7 @@ class Recorder {
     std::condition_variable mChanged;
     std::vector<Entry> mEntries;  // guarded by mLock
     std::vector<Quota> mQuotas;   // guarded by mLock
-    size_t mPrinted = 0;          // guarded by mLock; so many entries were printed
+    size_t mPrinted = 0;          // guarded by mLock; how many entries were printed
     bool mInterrupted = false;    // guarded by mLock
 };
 

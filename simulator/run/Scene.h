@@ -8,7 +8,7 @@
 
 namespace vel::sim {
 
-// One thing that is done and all that must be seen of it.
+/** One thing that is done and all that must be seen of it. */
 struct Step {
     std::string title;
     std::string actor;    // the program that gets the line on its input
@@ -18,8 +18,10 @@ struct Step {
 
 using Scene = std::vector<Step>;
 
-// What steps expect to see: a message that the service forwarded, the reply that it brought back, and what
-// the two other programs print.
+/**
+ * What steps expect to see: a message that the service forwarded, the reply that it brought back, and what
+ * the two other programs print.
+ */
 Expectation message(const std::string& from, const std::string& to, const std::string& text);
 Expectation reply(const std::string& from, const std::string& to, const std::string& text);
 Expectation camera(const std::string& text);

@@ -5,18 +5,18 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
 #include <string>
 
-#include "CameraSwitch.h"
 #include "FrameScene.h"
-#include "MetadataExchange.h"
 #include "Peers.h"
 #include "Program.h"
 #include "Recorder.h"
+#include "Scenes.h"
 
 namespace {
 
@@ -24,41 +24,67 @@ using vel::sim::FrameOptions;
 using vel::sim::Peers;
 using vel::sim::Recorder;
 
-int interrupted(Peers& peers) {
-    peers.interrupt();
-    std::printf("\ninterrupted\n");
-    return 130;
-}
+struct Options {
+    std::string directory;
+    FrameOptions frames;
+};
 
-int run(const std::string& directory, const FrameOptions& frames, Recorder& recorder) {
-    Peers peers(directory, recorder);
-    const bool isStarted = peers.start(frames.input == "-");
+// What went wrong; nothing when both are empty.
+struct Outcome {
+    std::vector<std::string> missing;  // expected and not seen, a line each
+    std::string problem;               // in one line
+    bool isWell() const { return missing.empty() && problem.empty(); }
+};
+
+// Plays what the options ask for; stops at the first thing that goes wrong, or when the recorder is
+// interrupted.
+Outcome playAll(Peers& peers, const FrameOptions& frames, Recorder& recorder) {
+    Outcome outcome;
     const auto send = [&](const std::string& peer, const std::string& line) {
         return peers.send(peer, line);
     };
-    std::vector<std::string> missing;
-    std::string problem = isStarted ? "" : "the desktop service did not start";
-    const auto mayGoOn = [&] { return problem.empty() && missing.empty() && !recorder.isInterrupted(); };
-    if (mayGoOn()) missing = vel::sim::play(vel::sim::registration(), recorder, send);
+    const auto mayGoOn = [&] { return outcome.isWell() && !recorder.isInterrupted(); };
+    const auto playNext = [&](const vel::sim::Scene& scene) {
+        if (mayGoOn()) outcome.missing = vel::sim::play(scene, recorder, send);
+    };
+    playNext(vel::sim::registration());
     if (frames.input.empty()) {
-        if (mayGoOn()) missing = vel::sim::play(vel::sim::cameraSwitch(), recorder, send);
+        playNext(vel::sim::cameraSwitch());
         vel::sim::printFewCaptures(recorder);
-        if (mayGoOn()) missing = vel::sim::play(vel::sim::metadataExchange(), recorder, send);
+        playNext(vel::sim::metadataExchange());
     }
-    if (mayGoOn()) {
-        problem =
-            vel::sim::playFrames(frames, recorder, send, [&] { return peers.isAlive("camera_server"); });
+    if (!mayGoOn()) return outcome;
+    const auto isCameraAlive = [&] { return peers.isAlive("camera_server"); };
+    outcome.problem = vel::sim::playFrames(frames, recorder, send, isCameraAlive);
+    return outcome;
+}
+
+// The exit code of a run that ended by itself, after a word on it.
+int tell(const Outcome& outcome, bool programsEndedWell, bool hasVideo) {
+    for (const std::string& expectation : outcome.missing)
+        std::printf("missing: %s\n", expectation.c_str());
+    if (!outcome.problem.empty()) std::fprintf(stderr, "desktop_run: %s\n", outcome.problem.c_str());
+    if (!outcome.isWell() || !programsEndedWell) return 1;
+    std::printf(hasVideo ? "\nevery frame was replaced\n" : "\nevery expected message was seen\n");
+    return 0;
+}
+
+int run(const Options& options, Recorder& recorder) {
+    Peers peers(options.directory, recorder);
+    Outcome outcome;
+    if (peers.start(options.frames.input == "-")) {
+        outcome = playAll(peers, options.frames, recorder);
+    } else {
+        outcome.problem = "the desktop service did not start";
     }
-    if (recorder.isInterrupted()) return interrupted(peers);
+    if (recorder.isInterrupted()) {
+        peers.interrupt();
+        std::printf("\ninterrupted\n");
+        return 130;
+    }
     const bool endedWell = peers.end();
     recorder.print();
-    for (const std::string& expectation : missing)
-        std::printf("missing: %s\n", expectation.c_str());
-    if (!problem.empty()) std::fprintf(stderr, "desktop_run: %s\n", problem.c_str());
-    if (!missing.empty() || !problem.empty() || !endedWell) return 1;
-    std::printf(frames.input.empty() ? "\nevery expected message was seen\n"
-                                     : "\nevery frame was replaced\n");
-    return 0;
+    return tell(outcome, endedWell, !options.frames.input.empty());
 }
 
 // A file's name goes to the camera server in a line.
@@ -84,44 +110,46 @@ std::string directoryOf(const char* program) {
     return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
         "Plays a camera switch, an exchange of capture metadata and frames that are replaced between the "
-        "desktop "
-        "service, the desktop application and the camera server on a private bus. Prints the timeline, "
-        "writes "
-        "out/contact-sheet.png, and fails, naming what is missing, unless all went as expected. Leaves no "
-        "process behind.");
-    std::string directory = directoryOf(argv[0]);
-    FrameOptions frames;
-    cli.add_option("--programs", directory, "folder of the three programs (default: this program's own)")
+        "desktop service, the desktop application and the camera server on a private bus. Prints the "
+        "timeline, writes out/contact-sheet.png, and fails, naming what is missing, unless all went as "
+        "expected. Leaves no process behind.");
+    options.directory = directoryOf(argv[0]);
+    cli.add_option("--programs", options.directory,
+                   "folder of the three programs (default: this program's own)")
         ->type_name("FOLDER");
-    cli.add_option("--input", frames.input,
+    cli.add_option("--input", options.frames.input,
                    "video or picture that the frames come from, - for YUV4MPEG2 on standard input; only "
                    "frames are played")
         ->type_name("FILE")
         ->check(kFileName);
-    cli.add_option("--output", frames.output,
+    cli.add_option("--output", options.frames.output,
                    "file for the replaced frames of stream 0, as YUV4MPEG2; not with a failure")
         ->type_name("FILE")
         ->check(kFileName);
-    cli.add_option("--effect", frames.effect,
+    cli.add_option("--effect", options.frames.effect,
                    "what the application does to them: tint (default), mirror, blur or none")
         ->type_name("EFFECT")
         ->check(CLI::IsMember({"tint", "mirror", "blur", "none"}));
-    if (const auto code = vel::sim::parseArguments(cli, argc, argv)) return *code;
+    return vel::sim::parseArguments(cli, argc, argv);
+}
 
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (const auto code = parse(argc, argv, options)) return *code;
     openStandardStreams();
     vel::sim::EndSignals signals;
     std::signal(SIGPIPE, SIG_IGN);  // a reader of the timeline that goes is told by the write
     Recorder recorder;
     const vel::sim::EndSignalWatcher watcher(signals, [&] { recorder.interrupt(); });
     try {
-        if (frames.input == "-" && isatty(STDIN_FILENO) != 0)
+        if (options.frames.input == "-" && isatty(STDIN_FILENO) != 0)
             throw std::invalid_argument("standard input is a terminal, no YUV4MPEG2 stream");
-        const int code = run(directory, frames, recorder);
+        const int code = run(options, recorder);
         if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return code;
         throw std::runtime_error("the timeline cannot be written to standard output");
     } catch (const std::exception& error) {

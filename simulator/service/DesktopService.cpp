@@ -1,33 +1,36 @@
 #include "DesktopService.h"
 
+#include <korvanta/hardware/camera/desktop/2.0/types.h>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
 
 #include "DesktopBusNames.h"
+#include "Program.h"
+#include "Timeline.h"
 #include "Trace.h"
 #include "WireTypes.h"
 
 namespace bus = vel::desktop_bus;
 using bus::InterfaceObject;
+using korvanta::hardware::camera::desktop::V2_0::ClientType;
 
 namespace {
 
-constexpr uint8_t kTypeHal = 2;
+constexpr auto kTypeHal = static_cast<uint8_t>(ClientType::CLIENT_CAMERA_HAL);
 
 std::string typeName(uint8_t type) {
-    switch (type) {
-        case 0:
+    switch (static_cast<ClientType>(type)) {
+        case ClientType::CLIENT_APP:
             return "APP";
-        case 1:
+        case ClientType::CLIENT_CAMERA_SERVICE:
             return "CAMERA_SERVICE";
-        case kTypeHal:
+        case ClientType::CLIENT_CAMERA_HAL:
             return "HAL";
-        case 7:
+        case ClientType::CLIENT_IMG_SUB:
             return "IMG_SUB";
-        default:
-            return "TYPE_" + std::to_string(type);
     }
+    return "TYPE_" + std::to_string(type);  // a peer may send any byte
 }
 
 // Goes behind a type in the trace.
@@ -84,6 +87,8 @@ void DesktopService::publish() {
     add(bus::kSendCommand, "yv", {"type", "command"}, "v", {"reply"}, &DesktopService::sendCommand);
     add(bus::kSetSurface, "y(so)", {"type", "producer"}, "", {}, &DesktopService::setSurface);
     add(bus::kGetSurface, "y", {"type"}, "(so)", {"producer"}, &DesktopService::getSurface);
+    mObject->registerProperty(vel::sim::kTimelineInterface, vel::sim::kOriginProperty, "x",
+                              [](sdbus::PropertyGetReply& reply) { reply << vel::sim::timeOriginNs(); });
     mObject->finishRegistration();
     mConnection.requestName(bus::kServiceName);
     mTrace.ready(bus::kServiceName);

@@ -18,21 +18,25 @@ class MethodReply;
 
 class Trace;
 
-// The desktop service: passes commands between the peers that have registered a callback, and keeps surfaces
-// for them. It understands neither commands nor surfaces; both are handed on as they came.
-//
-// Everything happens on the connection's thread, and nothing there ever waits for a peer: a command is begun
-// towards its receiver, and the sender is answered when the receiver answers or dies.
+/**
+ * The desktop service: passes commands between the peers that have registered a callback, and keeps surfaces
+ * for them. It understands neither commands nor surfaces; both are handed on as they came.
+ *
+ * Everything happens on the connection's thread, and nothing there ever waits for a peer: a command is begun
+ * towards its receiver, and the sender is answered when the receiver answers or dies.
+ */
 class DesktopService {
   public:
-    // Neither argument is owned. The connection must not have processed anything yet.
+    /** Neither argument is owned. The connection must not have processed anything yet. */
     DesktopService(sdbus::IConnection& connection, const Trace& trace);
     ~DesktopService();
 
-    // Puts the object and the service's name on the bus. Throws sdbus::Error, FileExists by name when another
-    // process has the name.
+    /**
+     * Puts the object and the service's name on the bus. Throws sdbus::Error, FileExists by name when another
+     * process has the name.
+     */
     void publish();
-    // To be called after each processing step of the connection.
+    /** To be called after each processing step of the connection. */
     void collectFinished() { mCalls.collectFinished(); }
 
   private:
@@ -45,9 +49,9 @@ class DesktopService {
     void setSurface(sdbus::MethodCall& call);
     void getSurface(sdbus::MethodCall& call);
 
-    // Drops what the peer had registered and ends the commands that wait for it.
+    /** Drops what the peer had registered and ends the commands that wait for it. */
     void onPeerDied(const std::string& busName);
-    // Stores the object under its type (null removes) and gives back the reference to the one before.
+    /** Stores the object under its type (null removes) and gives back the reference to the one before. */
     void replace(ObjectsByType& objects, uint8_t type, const vel::desktop_bus::InterfaceObject& object);
     void refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error);
     std::string nameOf(const std::string& busName) const;

@@ -10,8 +10,10 @@
 extern "C" {
 #endif
 
-// Installs the process-wide vendor tag operations, null to remove them; returns 0. The operations stay the
-// caller's and must outlive their use. Nothing is locked: install them before other threads use vendor tags.
+/**
+ * Installs the process-wide vendor tag operations, null to remove them; returns 0. The operations stay the
+ * caller's and must outlive their use. Nothing is locked: install them before other threads use vendor tags.
+ */
 int set_camera_metadata_vendor_ops(const vendor_tag_ops_t* ops);
 
 #ifdef __cplusplus

@@ -10,7 +10,7 @@
 
 namespace android {
 
-// One queued frame, as its consumer sees it.
+/** One queued frame, as its consumer sees it. */
 class BufferItem {
   public:
     enum { INVALID_BUFFER_SLOT = -1 };

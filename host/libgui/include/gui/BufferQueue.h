@@ -14,8 +14,10 @@ class BufferQueue {
     enum { NO_BUFFER_AVAILABLE = IGraphicBufferConsumer::NO_BUFFER_AVAILABLE };
     enum { PRESENT_LATER = IGraphicBufferConsumer::PRESENT_LATER };
 
-    // Forwards to a listener that is held weakly, so that a consumer which owns its queue can be its
-    // listener.
+    /**
+     * Forwards to a listener that is held weakly, so that a consumer which owns its queue can be its
+     * listener.
+     */
     class ProxyConsumerListener : public IConsumerListener {
       public:
         explicit ProxyConsumerListener(const wp<ConsumerListener>& consumerListener);
@@ -28,8 +30,10 @@ class BufferQueue {
         const wp<ConsumerListener> mConsumerListener;
     };
 
-    // Makes a queue and hands out its two ends, which keep it alive. Producers get NO_INIT until the consumer
-    // has connected. Whether the consumer is the display makes no difference here.
+    /**
+     * Makes a queue and hands out its two ends, which keep it alive. Producers get NO_INIT until the consumer
+     * has connected. Whether the consumer is the display makes no difference here.
+     */
     static void createBufferQueue(sp<IGraphicBufferProducer>* outProducer,
                                   sp<IGraphicBufferConsumer>* outConsumer,
                                   bool consumerIsSurfaceFlinger = false);

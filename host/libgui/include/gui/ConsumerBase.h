@@ -10,27 +10,31 @@
 
 namespace android {
 
-// What consumers share: the connection to the queue, forwarding of its notices, and the end of both.
-// The last reference abandons the queue. Calls may come from any thread.
+/**
+ * What consumers share: the connection to the queue, forwarding of its notices, and the end of both.
+ * The last reference abandons the queue. Calls may come from any thread.
+ */
 class ConsumerBase : public virtual RefBase, protected ConsumerListener {
   public:
-    // Called on the producer's thread, in queue order, without any lock of the consumer or the queue that
-    // acquiring or releasing needs. The item has no buffer: that comes with acquiring.
+    /**
+     * Called on the producer's thread, in queue order, without any lock of the consumer or the queue that
+     * acquiring or releasing needs. The item has no buffer: that comes with acquiring.
+     */
     struct FrameAvailableListener : public virtual RefBase {
         virtual void onFrameAvailable(const BufferItem& item) = 0;
         virtual void onFrameReplaced(const BufferItem& item) { (void)item; }
     };
 
-    // Gives up the queue for good: producers get NO_INIT, every later call here too. May be repeated.
+    /** Gives up the queue for good: producers get NO_INIT, every later call here too. May be repeated. */
     void abandon();
     bool isAbandoned();
 
     void setName(const String8& name);
 
-    // Replaces the listener, null for none; held weakly. After the call the old one is no longer called.
+    /** Replaces the listener, null for none; held weakly. After the call the old one is no longer called. */
     void setFrameAvailableListener(const wp<FrameAvailableListener>& listener);
 
-    // The queue's settings; NO_INIT once abandoned.
+    /** The queue's settings; NO_INIT once abandoned. */
     status_t setDefaultBufferSize(uint32_t width, uint32_t height);
     status_t setDefaultBufferFormat(PixelFormat defaultFormat);
     status_t setDefaultBufferDataSpace(android_dataspace defaultDataSpace);

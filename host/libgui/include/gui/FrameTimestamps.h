@@ -2,7 +2,7 @@
 
 namespace android {
 
-// History of a window's frames: not kept on a workstation, so there is never news.
+/** History of a window's frames: not kept on a workstation, so there is never news. */
 class FrameEventHistoryDelta {
   public:
     FrameEventHistoryDelta() = default;

@@ -2,7 +2,7 @@
 
 namespace android {
 
-// Brightness and colours of high-dynamic-range frames: not carried on a workstation.
+/** Brightness and colours of high-dynamic-range frames: not carried on a workstation. */
 struct HdrMetadata {};
 
 }  // namespace android

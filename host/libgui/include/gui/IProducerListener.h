@@ -7,10 +7,10 @@
 
 namespace android {
 
-// What a producer may be told; called on the consumer's thread without the queue's lock.
+/** What a producer may be told; called on the consumer's thread without the queue's lock. */
 class IProducerListener : public virtual RefBase {
   public:
-    // A buffer came back and can be dequeued; only when needsReleaseNotify() said so at connect.
+    /** A buffer came back and can be dequeued; only when needsReleaseNotify() said so at connect. */
     virtual void onBufferReleased() = 0;
     virtual bool needsReleaseNotify() = 0;
     virtual void onBuffersDiscarded(const std::vector<int32_t>& slots) { (void)slots; }

@@ -9,7 +9,7 @@
 extern "C" {
 #endif
 
-// One frame of an image reader. Not safe to use while it is being deleted.
+/** One frame of an image reader. Not safe to use while it is being deleted. */
 typedef struct AImage AImage;
 
 enum AIMAGE_FORMATS {
@@ -29,22 +29,28 @@ enum AIMAGE_FORMATS {
     AIMAGE_FORMAT_PRIVATE = 0x22,  // opaque: no planes, only the hardware buffer
 };
 
-// Gives the image's buffer back to the queue, unlocked, and frees the image; null is ignored. Must also be
-// called, and is safe, after the reader was deleted. Waits for an acquire of the same reader.
+/**
+ * Gives the image's buffer back to the queue, unlocked, and frees the image; null is ignored. Must also be
+ * called, and is safe, after the reader was deleted. Waits for an acquire of the same reader.
+ */
 void AImage_delete(AImage* image);
 
-// The address and size in bytes of a plane, valid until the image is deleted. The size is the width of the
-// buffer that the producer dequeued, whatever the reader's own. INVALID_PARAMETER: null argument;
-// CANNOT_LOCK_IMAGE: the reader's usage has no CPU-read bit, or the buffer cannot be locked; then
-// INVALID_PARAMETER: plane index other than 0; ERROR_UNKNOWN: buffer of more than one row. Ends the process
-// when the reader was deleted.
+/**
+ * The address and size in bytes of a plane, valid until the image is deleted. The size is the width of the
+ * buffer that the producer dequeued, whatever the reader's own. INVALID_PARAMETER: null argument;
+ * CANNOT_LOCK_IMAGE: the reader's usage has no CPU-read bit, or the buffer cannot be locked; then
+ * INVALID_PARAMETER: plane index other than 0; ERROR_UNKNOWN: buffer of more than one row. Ends the process
+ * when the reader was deleted.
+ */
 media_status_t AImage_getPlaneData(const AImage* image, int planeIdx, uint8_t** data, int* dataLength);
 
-// The image's buffer, without a reference of its own. INVALID_PARAMETER: null argument; INVALID_OBJECT: the
-// reader was deleted.
+/**
+ * The image's buffer, without a reference of its own. INVALID_PARAMETER: null argument; INVALID_OBJECT: the
+ * reader was deleted.
+ */
 media_status_t AImage_getHardwareBuffer(const AImage* image, AHardwareBuffer** buffer);
 
-// The producer's timestamp (ns), -1 for INVALID_OBJECT. Failures as for AImage_getHardwareBuffer.
+/** The producer's timestamp (ns), -1 for INVALID_OBJECT. Failures as for AImage_getHardwareBuffer. */
 media_status_t AImage_getTimestamp(const AImage* image, int64_t* timestampNs);
 
 #ifdef __cplusplus

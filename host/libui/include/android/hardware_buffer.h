@@ -39,27 +39,31 @@ typedef struct AHardwareBuffer_Desc {
     uint64_t rfu1;    // zero
 } AHardwareBuffer_Desc;
 
-// Another name for a GraphicBuffer; both kinds of pointer name the same object.
+/** Another name for a GraphicBuffer; both kinds of pointer name the same object. */
 typedef struct AHardwareBuffer AHardwareBuffer;
 
-// Allocates a buffer with one reference, which the caller releases. 0, -EINVAL for a null argument, a zero
-// size, no layers or a non-zero rfu field, or the allocation's status; *outBuffer is written on success only.
+/**
+ * Allocates a buffer with one reference, which the caller releases. 0, -EINVAL for a null argument, a zero
+ * size, no layers or a non-zero rfu field, or the allocation's status; *outBuffer is written on success only.
+ */
 int AHardwareBuffer_allocate(const AHardwareBuffer_Desc* desc, AHardwareBuffer** outBuffer);
 
-// Adds or drops a strong reference. The buffer must not be null.
+/** Adds or drops a strong reference. The buffer must not be null. */
 void AHardwareBuffer_acquire(AHardwareBuffer* buffer);
 void AHardwareBuffer_release(AHardwareBuffer* buffer);
 
-// Writes what the buffer is, its stride included; nothing when either argument is null.
+/** Writes what the buffer is, its stride included; nothing when either argument is null. */
 void AHardwareBuffer_describe(const AHardwareBuffer* buffer, AHardwareBuffer_Desc* outDesc);
 
-// Waits without limit for the fence (a descriptor that the call takes over, or -1) and locks the buffer for
-// CPU access of the given kind. A null rectangle means the whole buffer. 0, -EINVAL, -ENOSYS for a buffer of
-// several layers, or GraphicBuffer::lock's status.
+/**
+ * Waits without limit for the fence (a descriptor that the call takes over, or -1) and locks the buffer for
+ * CPU access of the given kind. A null rectangle means the whole buffer. 0, -EINVAL, -ENOSYS for a buffer of
+ * several layers, or GraphicBuffer::lock's status.
+ */
 int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence, const ARect* rect,
                          void** outVirtualAddress);
 
-// Unlocks once. *fence, when wanted, becomes -1: the memory is ready at once.
+/** Unlocks once. *fence, when wanted, becomes -1: the memory is ready at once. */
 int AHardwareBuffer_unlock(AHardwareBuffer* buffer, int32_t* fence);
 
 #ifdef __cplusplus

@@ -2,7 +2,7 @@
 
 #include <stdint.h>
 
-// A rectangle of pixels; right and bottom lie one past the last pixel.
+/** A rectangle of pixels; right and bottom lie one past the last pixel. */
 typedef struct ARect {
     int32_t left;
     int32_t top;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Usage bits of a graphic buffer. One software-read and one software-write value at most go into a usage.
+/** Usage bits of a graphic buffer. One software-read and one software-write value at most go into a usage. */
 enum {
     GRALLOC_USAGE_SW_READ_NEVER = 0x00000000U,
     GRALLOC_USAGE_SW_READ_RARELY = 0x00000002U,

@@ -3,13 +3,13 @@
 #include <cutils/native_handle.h>
 #include <stdint.h>
 
-// Head of every native object: how C code counts its references.
+/** Head of every native object: how C code counts its references. */
 typedef struct android_native_base_t {
     void (*incRef)(struct android_native_base_t* base) = nullptr;
     void (*decRef)(struct android_native_base_t* base) = nullptr;
 } android_native_base_t;
 
-// The plain part of a GraphicBuffer.
+/** The plain part of a GraphicBuffer. */
 typedef struct ANativeWindowBuffer {
     ANativeWindowBuffer() = default;
     void incStrong(const void*) const { common.incRef(const_cast<android_native_base_t*>(&common)); }

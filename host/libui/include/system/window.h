@@ -5,7 +5,7 @@
 #include <stdint.h>
 #include <system/graphics.h>
 
-// Who is connected to a buffer queue as its producer.
+/** Who is connected to a buffer queue as its producer. */
 enum {
     NATIVE_WINDOW_API_EGL = 1,
     NATIVE_WINDOW_API_CPU = 2,
@@ -13,7 +13,7 @@ enum {
     NATIVE_WINDOW_API_CAMERA = 4,
 };
 
-// How a frame is fitted to its window.
+/** How a frame is fitted to its window. */
 enum {
     NATIVE_WINDOW_SCALING_MODE_FREEZE = 0,
     NATIVE_WINDOW_SCALING_MODE_SCALE_TO_WINDOW = 1,
@@ -21,7 +21,7 @@ enum {
     NATIVE_WINDOW_SCALING_MODE_NO_SCALE_CROP = 3,
 };
 
-// What query() may be asked for.
+/** What query() may be asked for. */
 enum {
     NATIVE_WINDOW_WIDTH = 0,
     NATIVE_WINDOW_HEIGHT = 1,
@@ -32,7 +32,7 @@ enum {
     NATIVE_WINDOW_DEFAULT_DATASPACE = 12,
 };
 
-// A window as a reference-counted object; its drawing operations are absent on a workstation.
+/** A window as a reference-counted object; its drawing operations are absent on a workstation. */
 struct ANativeWindow {
     ANativeWindow() = default;
     void incStrong(const void*) const { common.incRef(const_cast<android_native_base_t*>(&common)); }

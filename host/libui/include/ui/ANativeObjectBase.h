@@ -5,8 +5,10 @@
 
 namespace android {
 
-// Joins a plain C object (NATIVE_TYPE, whose first member is android_native_base_t common) with a reference
-// count (REF), so that a pointer to either form names the same object and counts the same references.
+/**
+ * Joins a plain C object (NATIVE_TYPE, whose first member is android_native_base_t common) with a reference
+ * count (REF), so that a pointer to either form names the same object and counts the same references.
+ */
 template <typename NATIVE_TYPE, typename TYPE, typename REF, typename NATIVE_BASE = android_native_base_t>
 class ANativeObjectBase : public NATIVE_TYPE, public REF {
   public:

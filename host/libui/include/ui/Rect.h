@@ -4,7 +4,7 @@
 
 namespace android {
 
-// A rectangle of pixels; right and bottom lie one past the last pixel.
+/** A rectangle of pixels; right and bottom lie one past the last pixel. */
 class Rect : public ARect {
   public:
     static const Rect INVALID_RECT;  // 0, 0, -1, -1
@@ -17,7 +17,7 @@ class Rect : public ARect {
         right = r;
         bottom = b;
     }
-    // From 0, 0; a size above INT32_MAX is cut to it.
+    /** From 0, 0; a size above INT32_MAX is cut to it. */
     template <typename T>
     Rect(T w, T h) : Rect(0, 0, clamped(w), clamped(h)) {}
 

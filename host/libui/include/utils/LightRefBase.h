@@ -9,8 +9,10 @@ namespace android {
 
 class ReferenceRenamer;
 
-// Strong count without weak pointers: a T deletes itself when its last sp<T> goes. Takes the place of the
-// system's header of this name, whose stand-alone fence the thread sanitizer does not understand.
+/**
+ * Strong count without weak pointers: a T deletes itself when its last sp<T> goes. Takes the place of the
+ * system's header of this name, whose stand-alone fence the thread sanitizer does not understand.
+ */
 template <class T>
 class LightRefBase {
   public:

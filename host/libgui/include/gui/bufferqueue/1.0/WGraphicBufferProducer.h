@@ -28,9 +28,11 @@ typedef ::android::hardware::graphics::bufferqueue::V1_0::IGraphicBufferProducer
 typedef ::android::hardware::graphics::bufferqueue::V1_0::IProducerListener HProducerListener;
 typedef ::android::IGraphicBufferProducer BGraphicBufferProducer;
 
-// What the adapter below does, for a producer that must not be null. Each runs on the caller's thread, passes
-// the producer's status on and calls the reply function once. A null fence or buffer becomes an empty handle,
-// a fence that is not one descriptor is answered with BAD_VALUE.
+/**
+ * What the adapter below does, for a producer that must not be null. Each runs on the caller's thread, passes
+ * the producer's status on and calls the reply function once. A null fence or buffer becomes an empty handle,
+ * a fence that is not one descriptor is answered with BAD_VALUE.
+ */
 namespace hidl_producer {
 Return<void> requestBuffer(BGraphicBufferProducer& base, int32_t slot,
                            const HGraphicBufferProducer::requestBuffer_cb& reply);
@@ -41,7 +43,7 @@ Return<void> queueBuffer(BGraphicBufferProducer& base, int32_t slot,
                          const HGraphicBufferProducer::queueBuffer_cb& reply);
 Return<int32_t> cancelBuffer(BGraphicBufferProducer& base, int32_t slot, const hidl_handle& fence);
 Return<void> query(BGraphicBufferProducer& base, int32_t what, const HGraphicBufferProducer::query_cb& reply);
-// A listener other than null ends the process: there is no adapter for it here.
+/** A listener other than null ends the process: there is no adapter for it here. */
 Return<void> connect(BGraphicBufferProducer& base, const sp<HProducerListener>& listener, int32_t api,
                      bool producerControlledByApp, const HGraphicBufferProducer::connect_cb& reply);
 Return<int32_t> disconnect(BGraphicBufferProducer& base, int32_t api,
@@ -51,8 +53,10 @@ Return<void> getConsumerName(BGraphicBufferProducer& base,
 Return<void> getUniqueId(BGraphicBufferProducer& base, const HGraphicBufferProducer::getUniqueId_cb& reply);
 }  // namespace hidl_producer
 
-// A platform producer presented as a HIDL object (BASE is HGraphicBufferProducer or derived from it). Holds
-// the producer strongly. A null producer is accepted and crashes at the first call.
+/**
+ * A platform producer presented as a HIDL object (BASE is HGraphicBufferProducer or derived from it). Holds
+ * the producer strongly. A null producer is accepted and crashes at the first call.
+ */
 template <typename BASE,
           typename = typename std::enable_if<std::is_base_of<HGraphicBufferProducer, BASE>::value>::type>
 struct TWGraphicBufferProducer : public BASE {

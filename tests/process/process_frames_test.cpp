@@ -1,0 +1,275 @@
+// Frames through image substitution, between the programs on a private bus.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "ChildProcess.h"
+#include "FrameView.h"
+#include "PrivateBus.h"
+#include "Programs.h"
+#include "TemporaryFolder.h"
+#include "WaitUntil.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Le;
+using vel::sim::ChildProcess;
+using vel::sim::PrivateBus;
+
+constexpr auto kLimit = 60s;
+constexpr size_t kCachedSlots = 7;  // of each frame path of the library
+
+std::vector<std::string> descriptorsOf(pid_t pid) {
+    std::vector<std::string> targets;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closedMeanwhile;
+        targets.push_back(std::filesystem::read_symlink(entry, closedMeanwhile));
+    }
+    return targets;
+}
+
+// Each buffer that a process has in its hands is one descriptor of shared memory.
+size_t buffersOf(pid_t pid) {
+    const std::vector<std::string> targets = descriptorsOf(pid);
+    return static_cast<size_t>(std::count_if(targets.begin(), targets.end(), [](const std::string& target) {
+        return target.find("memfd:") != std::string::npos;
+    }));
+}
+
+// A stream's line of the closing table.
+struct StreamRow {
+    unsigned long long sent = 0, inTime = 0, repeated = 0, late = 0, dropped = 0, copies = 0;
+};
+
+class FramesBetweenProcesses : public testing::Test {
+  protected:
+    void SetUp() override {
+        service = startService(bus.address());
+        camera = startProgram({"camera_server"}, bus.address());
+        ASSERT_TRUE(service->waitForLine("HAL registered"));
+        startApp();
+    }
+
+    void startApp() {
+        app = startProgram({"desktop_app", "-"}, bus.address());
+        ASSERT_TRUE(app->waitForLine("registered"));
+    }
+    void startFrames(const std::string& size, const std::string& sensor, const std::string& application) {
+        camera->writeLine("frames 0 size=" + size + " " + sensor);
+        ASSERT_TRUE(camera->waitForLine("frames of " + size + " ready"));
+        configure(size, application);
+    }
+    void configure(const std::string& size, const std::string& application) {
+        app->writeLine("frames size=" + size + " " + application);
+        ASSERT_TRUE(app->waitForLine("frames of " + size + " configured"));
+    }
+    // An application that gives no frame back gets a buffer of every slot of both its queues. Those of the
+    // frame path stay cached, so that busy rounds later need no more.
+    void fillEverySlot() {
+        startFrames("64x48", "fps=30 count=60", "hold=0");
+        ASSERT_TRUE(waitUntil([&] { return buffersOf(camera->pid()) == 2 * kCachedSlots; }));
+        app->writeLine("frames end");
+        ASSERT_TRUE(app->waitForLine("frames ended: "));
+        EXPECT_THAT(outcome(), HasSubstr("frames ended: no replacement"));
+        EXPECT_TRUE(waitUntil([&] { return buffersOf(camera->pid()) == kCachedSlots; }));
+    }
+    std::string outcome() { return camera->waitForLine("frames ended: ", kLimit).value_or("it hangs"); }
+    StreamRow row(int stream) {
+        StreamRow read;
+        const std::string name = "stream " + std::to_string(stream) + " ";
+        const std::string line = camera->waitForLine(name, kLimit).value_or("");
+        const size_t at = line.find(name);
+        EXPECT_NE(at, std::string::npos);
+        if (at == std::string::npos) return read;
+        EXPECT_EQ(std::sscanf(line.c_str() + at + name.size(), "%llu %llu %llu %llu %llu %llu", &read.sent,
+                              &read.inTime, &read.repeated, &read.late, &read.dropped, &read.copies),
+                  6);
+        return read;
+    }
+
+    PrivateBus bus;
+    std::unique_ptr<ChildProcess> service;
+    std::unique_ptr<ChildProcess> camera;
+    std::unique_ptr<ChildProcess> app;
+};
+
+// The camera server ends its frames well only when each replacement's picture is the one that its header
+// tells and lies in the memory that the application wrote to.
+TEST_F(FramesBetweenProcesses, OfFourStreamsAreReplacedByTheirOwn) {
+    startFrames("321x243", "streams=4 fps=30 count=60", "effect=blur");
+    for (int stream = 0; stream < 4; ++stream) {
+        const StreamRow counts = row(stream);
+        EXPECT_GE(counts.inTime, 1u) << "stream " << stream;
+        EXPECT_EQ(counts.copies, 0u) << "stream " << stream;
+        EXPECT_EQ(counts.inTime + counts.late + counts.repeated + counts.dropped, 60u) << "stream " << stream;
+    }
+    EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+    app->writeLine("frames end");
+    EXPECT_THAT(app->waitForLine("frames ended: ").value_or(""), HasSubstr("out of order 0"));
+    for (ChildProcess* program : {app.get(), camera.get()}) {
+        program->closeInput();
+        EXPECT_EQ(program->wait(), 0);
+    }
+}
+
+TEST_F(FramesBetweenProcesses, GoOnWithAnotherApplicationAfterOneWasKilledWithBuffersInItsHands) {
+    startFrames("640x480", "streams=2 fps=30", "hold=10");
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(app->waitForLine("frames held"));
+        for (const char* stream : {"stream 0: ", "stream 1: "})
+            ASSERT_TRUE(camera->waitForLine(stream + std::string("replacements stop"))) << "round " << round;
+        app->kill(SIGKILL);
+        app->wait();
+        startApp();
+        configure("640x480", round < 2 ? "hold=10" : "");
+        for (const char* stream : {"stream 0: ", "stream 1: "})
+            ASSERT_TRUE(camera->waitForLine(stream + std::string("replacements are back")))
+                << "round " << round;
+    }
+    camera->writeLine("frames end");
+    EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+}
+
+TEST_F(FramesBetweenProcesses, ThatMustNotBeLostOutliveTheApplication) {
+    const TemporaryFolder folder;
+    const std::string file = folder.path("replaced.y4m");
+    startFrames("64x48", "fps=30 count=30 output=" + file, "hold=10");
+    ASSERT_TRUE(app->waitForLine("frames held"));
+    app->kill(SIGKILL);
+    app->wait();
+    startApp();
+    configure("64x48", "");
+    EXPECT_EQ(row(0).inTime, 30u);
+    EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+    EXPECT_GT(std::filesystem::file_size(file), 30u * 64 * 48 * 3 / 2);
+}
+
+// Without what lies beyond the program's addresses: under emulation that is the emulator's.
+size_t residentKib(pid_t pid) {
+    std::ifstream mappings("/proc/" + std::to_string(pid) + "/smaps");
+    bool addressable = false;
+    size_t sum = 0;
+    for (std::string line; std::getline(mappings, line);) {
+        unsigned long long begin = 0, end = 0;
+        size_t kib = 0;
+        if (std::sscanf(line.c_str(), "%llx-%llx", &begin, &end) == 2) {
+            addressable = end - 1 <= UINTPTR_MAX;
+        } else if (addressable && std::sscanf(line.c_str(), "Rss: %zu", &kib) == 1) {
+            sum += kib;
+        }
+    }
+    return sum;
+}
+
+// A frame that stays in each round would make 23 MB.
+TEST_F(FramesBetweenProcesses, StartAndStopInChangingSizesWithoutGrowth) {
+    constexpr int kWarmUp = 6;
+    constexpr int kRounds = 50;
+    fillEverySlot();
+#ifdef VEL_SANITIZED
+    constexpr size_t kMaxGrowthKib = SIZE_MAX / 2;  // the sanitizer keeps freed memory
+#else
+    constexpr size_t kMaxGrowthKib = 8 * 1024;
+#endif
+    const size_t descriptors = descriptorsOf(camera->pid()).size();
+    size_t memory = 0;
+    for (int round = 0; round < kWarmUp + kRounds; ++round) {
+        if (round == kWarmUp) memory = residentKib(camera->pid());
+        startFrames(round % 2 == 0 ? "640x480" : "320x242", "streams=2 fps=200 count=6", "");
+        ASSERT_THAT(outcome(), HasSubstr("frames ended: well")) << "round " << round;
+        app->writeLine("frames end");
+        ASSERT_TRUE(app->waitForLine("frames ended: "));
+    }
+    // What the last round released goes when the service and the bus have said so.
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOf(camera->pid()).size() == descriptors; }))
+        << descriptors << " became " << descriptorsOf(camera->pid()).size();
+    EXPECT_THAT(residentKib(camera->pid()), Le(memory + kMaxGrowthKib));
+}
+
+// --- The run with files
+// ----------------------------------------------------------------------------------------------
+
+bool hasFfmpeg() {
+    return std::system("ffmpeg -version >/dev/null 2>&1") == 0;
+}
+
+// The sum of each frame of a video, in order.
+std::vector<std::string> frameSums(const TemporaryFolder& folder, const std::string& file) {
+    const std::string sums = folder.path("sums");
+    const std::string command =
+        "ffmpeg -v error -y -i '" + file + "' -pix_fmt yuv420p -f framemd5 '" + sums + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    std::vector<std::string> all;
+    std::ifstream lines(sums);
+    for (std::string line; std::getline(lines, line);) {
+        if (line[0] != '#') all.push_back(line.substr(line.rfind(',') + 1));
+    }
+    return all;
+}
+
+TEST(ARunWithFiles, ReplacesEveryFrameOfAnEncodedClipOnceAndInOrder) {
+    if (!hasFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+    const TemporaryFolder folder;
+    const std::string clip = folder.path("a clip.mp4");
+    const std::string output = folder.path("replaced.y4m");
+    const std::string encode =
+        "ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=4 -c:v libx264 -pix_fmt yuv420p "
+        "'" +
+        clip + "'";
+    ASSERT_EQ(std::system(encode.c_str()), 0);
+    const auto run = startProgram({"desktop_run", "--input", clip, "--output", output, "--effect", "none"});
+    ASSERT_EQ(run->wait(kLimit), 0);
+    const std::vector<std::string> expected = frameSums(folder, clip);
+    EXPECT_EQ(expected.size(), 100u);
+    EXPECT_EQ(frameSums(folder, output), expected);
+}
+
+TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
+    const TemporaryFolder folder;
+    const std::string output = folder.path("replaced.y4m");
+    const std::string empty = folder.write("empty", "");
+    const std::string noVideo = folder.write("no video", "text");
+    const std::string frame = "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
+    const std::string cut = folder.write("cut", "YUV4MPEG2 W64 H48 F25:1\n" + frame + frame.substr(0, 999));
+    for (const std::string& input : {folder.path("absent"), empty, noVideo, cut}) {
+        EXPECT_EQ(startProgram({"desktop_run", "--input", input, "--output", output})->wait(kLimit), 1);
+        EXPECT_FALSE(std::filesystem::exists(output)) << input;
+    }
+    const auto run = startProgram({"desktop_run", "--input", "-", "--output", folder.path("no/folder")});
+    run->writeLine("YUV4MPEG2 W64 H48 F25:1");
+    EXPECT_EQ(run->wait(kLimit), 1);
+}
+
+// Frames on standard input, whose end the run never sees.
+TEST(ARunWithFiles, ThatIsInterruptedLeavesNoOutput) {
+    std::string frames = "YUV4MPEG2 W64 H48 F25:1\n";
+    for (int frame = 0; frame < 5; ++frame)
+        frames += "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
+    (void)std::signal(SIGHUP, SIG_DFL);  // nohup's tests would pass it on as ignored
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const TemporaryFolder folder;
+        const std::string output = folder.path("replaced.y4m");
+        const auto run = startProgram({"desktop_run", "--input", "-", "--output", output});
+        ASSERT_TRUE(run->writeLine(frames + "FRAME"));
+        ASSERT_TRUE(waitUntil([&] {
+            std::error_code ignored;
+            return std::filesystem::file_size(output, ignored) != static_cast<uintmax_t>(-1) &&
+                   std::filesystem::file_size(output, ignored) > 5 * vel::sim::frameBytes({64, 48});
+        }));
+        run->kill(signal);
+        EXPECT_EQ(run->wait(kLimit), 130) << signal;
+        EXPECT_THAT(folder.names(), IsEmpty()) << signal;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,99 @@
+// A stream of the simulator's sensor, with the library in the same process.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <hidl_host/LocalServices.h>
+
+#include <memory>
+
+#include "ConsumerQueue.h"
+#include "DesktopHelperTestAccess.h"
+#include "FakeDesktopService.h"
+#include "FrameBuffer.h"
+#include "FrameStream.h"
+#include "ReplacementQueue.h"
+#include "TestPicture.h"
+#include "Timeline.h"
+#include "VelImgSubHelper.h"
+
+namespace {
+
+using namespace vel::sim;
+using android::GraphicBuffer;
+using android::sp;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using ClientType = FakeDesktopService::ClientType;
+
+// An application of the test's own, which sends what it likes.
+class AFrameStream : public testing::Test {
+  protected:
+    static constexpr FrameSize kSize{96, 64};
+
+    ~AFrameStream() override {
+        helper.reset();
+        vel::host::clearLocalServices();
+    }
+    void SetUp() override {
+        const std::string reply = helper->handleCommand(
+            R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
+            R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
+        ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
+        replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
+        service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
+    }
+    // Replaces the frame, whose picture is the one of that number.
+    void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
+        const auto fill = [&](const sp<GraphicBuffer>& buffer) {
+            const MappedBuffer mapped(buffer, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
+            TestPicture(kSize, 0).draw(picture, FrameView(mapped.data(), kSize));
+            writeFrameHeader(mapped.data(), kSize,
+                             {counter, 0, 1000 + counter, memoryIdentity(*buffer) + memoryOffset, 0});
+        };
+        EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
+    }
+
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
+    std::unique_ptr<ReplacementQueue> replacements;
+    const ConsumerQueue frames;
+};
+
+TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
+    std::vector<uint32_t> shown;
+    FrameStream::Setup setup;
+    setup.size = kSize;
+    setup.fps = 2;
+    setup.count = 6;
+    setup.hasCounters = true;
+    setup.draw = [&](uint32_t counter, const FrameView&) {
+        if (counter == 0) replace(0, 0, 0);
+        // 1 is not replaced while it could be.
+        if (counter == 2) replace(1, 1, 0);
+        if (counter == 3) replace(3, 77, 0);
+        if (counter == 4) replace(4, 4, 1);
+        if (counter == 5) helper->mImgSubHelper->setImgSubAppConnected(false);
+        return true;
+    };
+    setup.output = [&](const FrameHeader&, const ConstFrameView&, const std::optional<FrameHeader>& header,
+                       const std::optional<ConstFrameView>&) { shown.push_back(header->counter); };
+    const StopSignal stop;
+    FrameStream stream(helper.get(), setup, stop);
+    const int64_t startNs = steadyNowNs();
+    stream.run();
+    const int64_t durationNs = steadyNowNs() - startNs;
+
+    EXPECT_THAT(shown, ElementsAre(0, 0, 1, 3, 4));
+    const FrameCounts counts = stream.counts();
+    EXPECT_EQ(counts.sent, 5u);
+    EXPECT_EQ(counts.replaced, 3u);
+    EXPECT_EQ(counts.repeated, 1u);
+    EXPECT_EQ(counts.late, 1u);
+    EXPECT_EQ(counts.dropped, 1u);
+    EXPECT_EQ(counts.copies, 1u);
+    EXPECT_EQ(counts.wrong, 1u);
+    EXPECT_EQ(stream.latency().count(), counts.replaced);
+    EXPECT_LT(stream.latency().maxNs(), durationNs);
+}
+
+}  // namespace
