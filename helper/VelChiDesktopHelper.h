@@ -26,7 +26,7 @@ struct ICameraDesktop;
 enum class ClientType : uint8_t;
 }  // namespace korvanta::hardware::camera::desktop::V2_0
 
-// RapidJSON's value type by declaration only, so that the HAL needs no RapidJSON to include this header.
+/** RapidJSON's value type by declaration only, so that the HAL needs no RapidJSON to include this header. */
 namespace rapidjson {
 template <typename CharType>
 struct UTF8;

@@ -23,13 +23,13 @@ inline CameraMetadata makeMetadata(size_t entries, size_t dataBytes) {
     return CameraMetadata(allocate_camera_metadata(entries, dataBytes));
 }
 
-// Adds an entry whose values are given in the tag's own type; the add's status.
+/** Adds an entry whose values are given in the tag's own type; the add's status. */
 template <typename T>
 int addValues(camera_metadata_t* buffer, uint32_t tag, const std::vector<T>& values) {
     return add_camera_metadata_entry(buffer, tag, values.data(), values.size());
 }
 
-// The values of a tag's entry; empty also when the tag is absent.
+/** The values of a tag's entry; empty also when the tag is absent. */
 template <typename T>
 std::vector<T> valuesOf(const camera_metadata_t* buffer, uint32_t tag) {
     camera_metadata_ro_entry_t entry = {};
@@ -47,8 +47,10 @@ inline bool operator==(const camera_metadata_rational_t& left, const camera_meta
     return left.numerator == right.numerator && left.denominator == right.denominator;
 }
 
-// One vendor section whose tags have the ids VENDOR_SECTION_START, + 1 and so on; the process knows them
-// while this lives. At most one may live at a time.
+/**
+ * One vendor section whose tags have the ids VENDOR_SECTION_START, + 1 and so on; the process knows them
+ * while this lives. At most one may live at a time.
+ */
 class VendorTags {
   public:
     struct Tag {
@@ -73,7 +75,7 @@ class VendorTags {
     VendorTags(const VendorTags&) = delete;
     VendorTags& operator=(const VendorTags&) = delete;
 
-    // As a HAL's resolver of vendor tag names.
+    /** As a HAL's resolver of vendor tag names. */
     std::function<bool(const char* section, const char* name, unsigned& id)> resolver() const {
         return [this](const std::string& section, const std::string& name, unsigned& id) {
             const auto tag =

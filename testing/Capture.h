@@ -5,7 +5,7 @@
 #include "CameraMetadata.h"
 #include "DesktopCaptureMetadata.h"
 
-// One capture as the HAL holds it: the buffer it came with, and what is put in its place.
+/** One capture as the HAL holds it: the buffer it came with, and what is put in its place. */
 struct Capture {
     enum Kind { RESULT, REQUEST };
 

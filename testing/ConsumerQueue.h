@@ -5,8 +5,10 @@
 #include <gui/bufferqueue/1.0/WGraphicBufferProducer.h>
 #include <hardware/gralloc.h>
 
-// A buffer queue with a consumer that reads by processor and holds at most that many frames at a time. With
-// one frame the queue needs no more than the seven slots that a frame path of the library caches.
+/**
+ * A buffer queue with a consumer that reads by processor and holds at most that many frames at a time. With
+ * one frame the queue needs no more than the seven slots that a frame path of the library caches.
+ */
 struct ConsumerQueue {
     explicit ConsumerQueue(int maxAcquired = 1) {
         android::sp<android::IGraphicBufferConsumer> end;

@@ -16,7 +16,7 @@ inline std::string repeated(const std::string& part, size_t times) {
 // As large as the smallest stack that a binder or HAL thread is given.
 constexpr size_t kSmallStackBytes = size_t{256} * 1024;
 
-// Runs the body on a small stack, which may be memory of the caller's.
+/** Runs the body on a small stack, which may be memory of the caller's. */
 inline void onASmallStack(const std::function<void()>& body, void* memory = nullptr) {
     pthread_attr_t attributes;
     ASSERT_EQ(pthread_attr_init(&attributes), 0);

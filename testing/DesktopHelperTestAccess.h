@@ -8,7 +8,7 @@
 #include "MetadataHandler.h"
 #include "VelChiDesktopHelper.h"
 
-// The one friend of VelChiDesktopHelper: lets a test build helpers of its own and look into them.
+/** The one friend of VelChiDesktopHelper: lets a test build helpers of its own and look into them. */
 struct DesktopHelperTestAccess {
     static std::unique_ptr<VelChiDesktopHelper> create() {
         return std::unique_ptr<VelChiDesktopHelper>(new VelChiDesktopHelper());

@@ -7,10 +7,10 @@
 #include <iterator>
 #include <utility>
 
-using ::android::sp;
-using ::android::hardware::hidl_string;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
+using android::sp;
+using android::hardware::hidl_string;
+using android::hardware::Return;
+using android::hardware::Void;
 
 namespace {
 
@@ -24,12 +24,12 @@ void require(bool condition, const char* failure) {
 
 sp<FakeDesktopService> FakeDesktopService::start(const std::string& name) {
     sp<FakeDesktopService> service = new FakeDesktopService;
-    require(service->registerAsService(name) == ::android::OK, "the registration was refused");
+    require(service->registerAsService(name) == android::OK, "the registration was refused");
     return service;
 }
 
 void FakeDesktopService::setReply(ClientType type, ReplyFunction reply) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mReplies[type] = std::move(reply);
 }
 
@@ -38,28 +38,28 @@ void FakeDesktopService::setReply(ClientType type, const std::string& reply) {
 }
 
 void FakeDesktopService::block(const std::string& operation) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mBlocked.insert(operation);
 }
 
 void FakeDesktopService::unblock(const std::string& operation) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mBlocked.erase(operation);
     mChanged.notify_all();
 }
 
 bool FakeDesktopService::awaitBlocked(const std::string& operation) {
-    std::unique_lock guard(mLock);
-    return mChanged.wait_for(guard, std::chrono::seconds(30), [&] { return mWaiting[operation] > 0; });
+    std::unique_lock<std::mutex> lock(mLock);
+    return mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return mWaiting[operation] > 0; });
 }
 
 void FakeDesktopService::during(const std::string& operation, std::function<void()> action) {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mActions[operation] = std::move(action);
 }
 
 std::vector<std::string> FakeDesktopService::calls(const std::string& beginning) const {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     std::vector<std::string> selected;
     std::copy_if(mCalls.begin(), mCalls.end(), std::back_inserter(selected),
                  [&](const std::string& call) { return call.rfind(beginning, 0) == 0; });
@@ -67,18 +67,18 @@ std::vector<std::string> FakeDesktopService::calls(const std::string& beginning)
 }
 
 void FakeDesktopService::forgetCalls() {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     mCalls.clear();
 }
 
 sp<FakeDesktopService::ICameraDesktopCallback> FakeDesktopService::callback(ClientType type) const {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     const auto found = mCallbacks.find(type);
     return found == mCallbacks.end() ? nullptr : found->second;
 }
 
 sp<FakeDesktopService::IGraphicBufferProducer> FakeDesktopService::surface(ClientType type) const {
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     const auto found = mSurfaces.find(type);
     return found == mSurfaces.end() ? nullptr : found->second;
 }
@@ -86,7 +86,7 @@ sp<FakeDesktopService::IGraphicBufferProducer> FakeDesktopService::surface(Clien
 // The surface that is replaced goes after the lock: its destructor is not ours.
 void FakeDesktopService::offerSurface(ClientType type, const sp<IGraphicBufferProducer>& producer) {
     sp<IGraphicBufferProducer> replaced = producer;
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     std::swap(mSurfaces[type], replaced);
 }
 
@@ -107,7 +107,7 @@ Return<void> FakeDesktopService::registerCallback(ClientType type,
                                                   const sp<ICameraDesktopCallback>& callback) {
     record(Operation::REGISTER_CALLBACK, type);
     sp<ICameraDesktopCallback> replaced = callback;
-    std::lock_guard guard(mLock);
+    std::lock_guard<std::mutex> lock(mLock);
     std::swap(mCallbacks[type], replaced);
     return Void();
 }
@@ -117,7 +117,7 @@ Return<void> FakeDesktopService::sendCommand(ClientType type, const hidl_string&
     record(Operation::SEND_COMMAND, type, " " + std::string(command));
     ReplyFunction reply;
     {
-        std::lock_guard guard(mLock);
+        std::lock_guard<std::mutex> lock(mLock);
         reply = mReplies[type];
     }
     _hidl_cb(reply ? reply(type, command) : std::string());
@@ -136,13 +136,13 @@ Return<sp<FakeDesktopService::IGraphicBufferProducer>> FakeDesktopService::getSu
 }
 
 void FakeDesktopService::record(const std::string& operation, ClientType type, const std::string& argument) {
-    std::unique_lock guard(mLock);
+    std::unique_lock<std::mutex> lock(mLock);
     mCalls.push_back(operation + " " + std::to_string(static_cast<int>(type)) + argument);
     ++mWaiting[operation];
     mChanged.notify_all();
-    mChanged.wait(guard, [&] { return mBlocked.count(operation) == 0; });
+    mChanged.wait(lock, [&] { return mBlocked.count(operation) == 0; });
     --mWaiting[operation];
     const std::function<void()> action = mActions[operation];
-    guard.unlock();
+    lock.unlock();
     if (action) action();
 }

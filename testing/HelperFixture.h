@@ -13,7 +13,7 @@
 #include "LogCapture.h"
 #include "WaitUntil.h"
 
-// A helper of the test's own and what it logs; there is no desktop service yet.
+/** A helper of the test's own and what it logs; there is no desktop service yet. */
 class HelperFixture : public testing::Test {
   protected:
     using ClientType = FakeDesktopService::ClientType;
@@ -26,7 +26,7 @@ class HelperFixture : public testing::Test {
         vel::host::clearLocalServices();
     }
 
-    // Starts a service and makes a new helper, which connects to it.
+    /** Starts a service and makes a new helper, which connects to it. */
     void start() {
         service = FakeDesktopService::start();
         remake();
@@ -40,7 +40,7 @@ class HelperFixture : public testing::Test {
         vel::host::killLocalService("default");
         vel::host::awaitDeathNotices();
     }
-    // Waits until the helper has no thread that could still log or send.
+    /** Waits until the helper has no thread that could still log or send. */
     static void awaitThreads() {
         EXPECT_TRUE(waitUntil([] { return detached_thread::liveCount() == 0; }));
     }
@@ -56,7 +56,7 @@ class HelperFixture : public testing::Test {
     std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
 };
 
-// The same, connected to a service; the calls of the connection are forgotten.
+/** The same, connected to a service; the calls of the connection are forgotten. */
 class ConnectedHelperFixture : public HelperFixture {
   protected:
     ConnectedHelperFixture() {

@@ -2,7 +2,7 @@
 
 #include "VelImgSubHelper.h"
 
-// The one friend of VelImgSubHelper: lets a test look into it.
+/** The one friend of VelImgSubHelper: lets a test look into it. */
 struct ImgSubHelperTestAccess {
     static int32_t lentSlot(VelImgSubHelper& helper, uint32_t streamIndex) {
         std::lock_guard<std::mutex> lock(helper.mLock);

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-// Runs each of its actions over and over, on a thread of its own, until the end.
+/** Runs each of its actions over and over, on a thread of its own, until the end. */
 class RepeatedActions {
   public:
     ~RepeatedActions() { stop(); }

@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
-// A producer that answers as it is told, for what a real queue never does (hostile slots, foreign flags, late
-// fences, refusals), and that records what it was asked. Answers are taken in order for each operation;
-// without one, dequeueBuffer answers NO_INIT and everything else 0. Threads may call at once.
+/**
+ * A producer that answers as it is told, for what a real queue never does (hostile slots, foreign flags, late
+ * fences, refusals), and that records what it was asked. Answers are taken in order for each operation;
+ * without one, dequeueBuffer answers NO_INIT and everything else 0. Threads may call at once.
+ */
 class ScriptedProducer : public android::IGraphicBufferProducer {
   public:
     struct Dequeue {
@@ -29,12 +31,14 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     void onConnect(android::status_t status) { append(mConnects, status); }
     void onDisconnect(android::status_t status) { append(mDisconnects, status); }
     void onSetMax(android::status_t status) { append(mSetMaxes, status); }
-    // Runs inside every later dequeueBuffer, on the caller's thread and without this object's lock.
+    /** Runs inside every later dequeueBuffer, on the caller's thread and without this object's lock. */
     void whileDequeueing(std::function<void()> action);
 
-    // What was called so far, as text: "connect api 4", "setMax 6", "dequeue 640x480 format 1 usage 0x20",
-    // "request 3", "queue 3", "cancel 3", "disconnect api 4 mode 0". Listeners, "by app" and out pointers are
-    // told only when they are not the usual ones: "connect api 4 listener", "connect api 4 by app".
+    /**
+     * What was called so far, as text: "connect api 4", "setMax 6", "dequeue 640x480 format 1 usage 0x20",
+     * "request 3", "queue 3", "cancel 3", "disconnect api 4 mode 0". Listeners, "by app" and out pointers are
+     * told only when they are not the usual ones: "connect api 4 listener", "connect api 4 by app".
+     */
     std::vector<std::string> calls() const { return copyOf(mCalls); }
     std::vector<QueueBufferInput> queued() const { return copyOf(mQueued); }
     std::vector<android::sp<android::Fence>> cancelledFences() const { return copyOf(mCancelledFences); }

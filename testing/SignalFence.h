@@ -4,7 +4,7 @@
 #include <ui/Fence.h>
 #include <unistd.h>
 
-// A fence that a test signals when it likes, from any thread.
+/** A fence that a test signals when it likes, from any thread. */
 class SignalFence {
   public:
     SignalFence()

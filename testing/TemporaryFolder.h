@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-// A fresh folder, removed with all it holds at the end.
+/** A fresh folder, removed with all it holds at the end. */
 class TemporaryFolder {
   public:
     TemporaryFolder() {
@@ -24,7 +24,7 @@ class TemporaryFolder {
 
     std::string path(const std::string& name) const { return (mPath / name).string(); }
 
-    // Writes a file and returns its path.
+    /** Writes a file and returns its path. */
     std::string write(const std::string& name, const std::string& content) const {
         std::ofstream(path(name), std::ios::binary) << content;
         return path(name);
@@ -33,7 +33,7 @@ class TemporaryFolder {
         std::ifstream file(path(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    // The names in the folder itself.
+    /** The names in the folder itself. */
     std::vector<std::string> names() const {
         std::vector<std::string> all;
         for (const auto& entry : std::filesystem::directory_iterator(mPath))

@@ -3,8 +3,10 @@
 #include <chrono>
 #include <thread>
 
-// Waits until the predicate holds, at most for the limit; true when it held. The limit is generous, since
-// machines are shared; a passing test never waits for it.
+/**
+ * Waits until the predicate holds, at most for the limit; true when it held. The limit is generous, since
+ * machines are shared; a passing test never waits for it.
+ */
 template <typename Predicate>
 bool waitUntil(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     const auto end = std::chrono::steady_clock::now() + limit;

@@ -12,8 +12,10 @@
 
 using NamedActions = std::vector<std::pair<std::string, std::function<void()>>>;
 
-// Expects of each action, each on a thread of its own, that it does not end while the lock is held. What is
-// to happen before the lock is free again is done by beforeRelease.
+/**
+ * Expects of each action, each on a thread of its own, that it does not end while the lock is held. What is
+ * to happen before the lock is free again is done by beforeRelease.
+ */
 inline void expectEachWaitsFor(
     std::mutex& lock, const NamedActions& actions, const std::function<void()>& beforeRelease = [] {}) {
     std::vector<std::future<void>> ends;
@@ -30,7 +32,7 @@ inline void expectEachWaitsFor(
         end.get();
 }
 
-// Whether another thread could have the lock at once.
+/** Whether another thread could have the lock at once. */
 inline bool isFree(std::mutex& lock) {
     return std::async(std::launch::async,
                       [&] { return std::unique_lock<std::mutex>(lock, std::try_to_lock).owns_lock(); })

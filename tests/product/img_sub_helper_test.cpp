@@ -48,7 +48,8 @@ bool gImagesHaveBuffers = true;
 // In place of the libraries' own.
 extern "C" int clock_gettime(clockid_t clock, timespec* now) {
     if (gTime == nullptr) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    *now = {gTime->at(clock) / 1000, gTime->at(clock) % 1000 * 1000000};
+    const long long ms = gTime->at(clock);
+    *now = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000)};
     return 0;
 }
 

@@ -28,22 +28,22 @@ TEST(JsonMessage, WritesWhatWasParsedOrBuiltAndKeepsNothingOfTheMessageBefore) {
         EXPECT_EQ(text, message.toText());
     }
     EXPECT_TRUE(message.parse(std::string("{\"a\":1}\0garbage", 15))) << "a NUL ends the text";
-    EXPECT_EQ("{\"a\":1}", message.toText());
+    EXPECT_EQ(message.toText(), "{\"a\":1}");
     message.reset();
     message.root().AddMember("n", 5U, message.allocator());
-    EXPECT_EQ(R"({"n":5})", message.toText());
+    EXPECT_EQ(message.toText(), R"({"n":5})");
 
     ASSERT_TRUE(message.parse("{\"a\":\"" + std::string(200000, 'x') + "\"}"));
     ASSERT_FALSE(message.parse("{"));
     EXPECT_TRUE(message.root().IsNull());
     message.reset();
     EXPECT_EQ(rapidjson::kParseErrorNone, message.errorCode());
-    EXPECT_EQ(0U, message.errorOffset());
+    EXPECT_EQ(message.errorOffset(), 0U);
     ASSERT_FALSE(message.parse("{"));
     ASSERT_TRUE(message.parse("{\"b\":1}"));
     EXPECT_EQ(rapidjson::kParseErrorNone, message.errorCode());
-    EXPECT_EQ(0U, message.errorOffset());
-    EXPECT_EQ("{\"b\":1}", message.toText());
+    EXPECT_EQ(message.errorOffset(), 0U);
+    EXPECT_EQ(message.toText(), "{\"b\":1}");
 }
 
 TEST(JsonMessage, ReportsCodeAndOffsetOfTheError) {
@@ -80,11 +80,11 @@ TEST(JsonMessage, RefusesToWriteNumbersThatAreNotFinite) {
         message.root().AddMember("b", number, message.allocator());
         std::string text = "stale";
         EXPECT_FALSE(message.serialise(text));
-        EXPECT_EQ("", text);
-        EXPECT_EQ("", message.toText());
+        EXPECT_EQ(text, "");
+        EXPECT_EQ(message.toText(), "");
         message.root()["b"].SetInt(2);
         EXPECT_TRUE(message.serialise(text));
-        EXPECT_EQ(R"({"a":1,"b":2})", text);
+        EXPECT_EQ(text, R"({"a":1,"b":2})");
     }
 }
 
@@ -110,7 +110,7 @@ struct Witness {
 
 TEST(NeverDestroyed, OutlivesItsScope) {
     { android::NeverDestroyed<Witness> global; }
-    EXPECT_EQ(0, gEnds);
+    EXPECT_EQ(gEnds, 0);
 }
 
 TEST(JsonMessage, SmallMessagesLeaveTheHeapAloneAndLargerOnesGrowByOneChunk) {
@@ -124,19 +124,19 @@ TEST(JsonMessage, SmallMessagesLeaveTheHeapAloneAndLargerOnesGrowByOneChunk) {
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(message.parse(event));
         bool isDesktop = false;
-        ASSERT_EQ(0, JsonUtils::parseValue(message.root()["event"], "isDesktop", isDesktop, -1));
+        ASSERT_EQ(JsonUtils::parseValue(message.root()["event"], "isDesktop", isDesktop, -1), 0);
         message.reset();
         message.root().AddMember("general", 1, message.allocator());
         for (int j = 0; j < 10; ++j)
             ASSERT_FALSE(message.parse("{\"a\":"));
     }
-    EXPECT_EQ(0U, counter.count());
+    EXPECT_EQ(counter.count(), 0U);
     ASSERT_TRUE(message.parse(event));
     ASSERT_TRUE(message.serialise(out));
-    EXPECT_EQ(2U, counter.count()) << "for the text, and for the writer's levels";
+    EXPECT_EQ(counter.count(), 2U) << "for the text, and for the writer's levels";
     for (rapidjson::SizeType bytes : {20000, 20000, 20000})
         message.allocator().Malloc(bytes);
-    EXPECT_EQ(3U, counter.count());
+    EXPECT_EQ(counter.count(), 3U);
 }
 
 }  // namespace

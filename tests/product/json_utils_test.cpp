@@ -160,7 +160,7 @@ TEST(JsonUtilsRead, MapKeepsWhatItHoldsAndRefusesEveryOtherShape) {
     });
     const rapidjson::Document document = parsed("{\"a\":[[1,0.5],[1,0.7],[-9223372036854775808,4],3]}");
     Map map;
-    EXPECT_EQ(-22, JsonUtils::parseValue(document, "a", map, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "a", map, -1), -22);
     EXPECT_EQ((Map{{1, 0.5}, {LLONG_MIN, 4.0}}), map) << "up to the bad entry, the first of a key";
 }
 
@@ -168,18 +168,18 @@ TEST(JsonUtilsRead, ObjectsAndStringsAreTheDocumentsOwn) {
     const rapidjson::Document document = parsed("{\"a\":[{},{\"b\":1},2,{}],\"n\":\"x\",\"o\":{}}");
     LogCapture log;
     Objects out{nullptr};
-    EXPECT_EQ(-22, JsonUtils::parseValue(document, "a", out, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "a", out, -1), -22);
     EXPECT_THAT(out, ElementsAre(&document["a"][0], &document["a"][1]));
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "n", out, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "n", out, -1), 0);
     EXPECT_THAT(out, IsEmpty());
     const rapidjson::Value* object = &document;
-    EXPECT_EQ(-22, JsonUtils::parseValue(document, "n", &object, -1));
-    EXPECT_EQ(-2, JsonUtils::parseValue(document, "none", &object, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "n", &object, -1), -22);
+    EXPECT_EQ(JsonUtils::parseValue(document, "none", &object, -1), -2);
     EXPECT_EQ(&document, object) << "never reset";
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "o", &object, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "o", &object, -1), 0);
     EXPECT_EQ(&document["o"], object);
     const char* text = nullptr;
-    EXPECT_EQ(0, JsonUtils::parseValue(document, "n", text, -1));
+    EXPECT_EQ(JsonUtils::parseValue(document, "n", text, -1), 0);
     EXPECT_EQ(document["n"].GetString(), text);
     EXPECT_THAT(log.texts(), ElementsAre("E parseValue: incorrect value type for element 2 of 'a'",
                                          "E parseValue: 'n' parameter is not an array",
@@ -189,8 +189,8 @@ TEST(JsonUtilsRead, ObjectsAndStringsAreTheDocumentsOwn) {
 TEST(JsonUtilsLookup, NamesMatchExactlyAndTheFirstMemberWins) {
     const rapidjson::Document document = parsed("{\"ab\":0,\"a\\u0000\":0,\"A\":0,\"a\":1,\"a\":null}");
     int err = 1;
-    EXPECT_EQ(1, JsonUtils::getValue(err, document, "a", -1).GetInt());
-    EXPECT_EQ(0, err);
+    EXPECT_EQ(JsonUtils::getValue(err, document, "a", -1).GetInt(), 1);
+    EXPECT_EQ(err, 0);
     EXPECT_TRUE(JsonUtils::checkExists(document, "a"));
     EXPECT_TRUE(JsonUtils::checkExists(document, std::string("a\0b", 3))) << "up to the first NUL";
     EXPECT_FALSE(JsonUtils::checkExists(document, std::string("b")));
@@ -201,19 +201,19 @@ TEST(JsonUtilsCollections, PlainArraysAreWrittenUpToTheFirstBadElement) {
     const rapidjson::Document document = parsed("{\"i\":[1,-2,3.0,4],\"f\":[1,2.5,1e300,\"x\"],\"n\":5}");
     LogCapture log;
     int ints[] = {9, 9, 9, 9};
-    EXPECT_EQ(-22, JsonUtils::parseIntArr(document, "i", ints, -1));
+    EXPECT_EQ(JsonUtils::parseIntArr(document, "i", ints, -1), -22);
     EXPECT_THAT(ints, ElementsAre(1, -2, 9, 9));
     float floats[] = {9, 9, 9, 9};
-    EXPECT_EQ(-22, JsonUtils::parseFloatArr(document, "f", floats, -1));
+    EXPECT_EQ(JsonUtils::parseFloatArr(document, "f", floats, -1), -22);
     EXPECT_THAT(floats, ElementsAre(1.0F, 2.5F, std::numeric_limits<float>::infinity(), 9.0F));
     EXPECT_THAT(log.texts(), ElementsAre("E parseIntArr:   incorrect value type",
                                          "E parseFloatArr:   incorrect value type"));
 
     log.clear();
-    EXPECT_EQ(0, JsonUtils::parseIntArr(document, "n", ints, -1));
-    EXPECT_EQ(-2, JsonUtils::parseFloatArr(document, "none", floats, -1));
-    EXPECT_EQ(-22, JsonUtils::parseIntArr(document["i"], "i", ints, -1));
-    EXPECT_EQ(1, ints[0]);
+    EXPECT_EQ(JsonUtils::parseIntArr(document, "n", ints, -1), 0);
+    EXPECT_EQ(JsonUtils::parseFloatArr(document, "none", floats, -1), -2);
+    EXPECT_EQ(JsonUtils::parseIntArr(document["i"], "i", ints, -1), -22);
+    EXPECT_EQ(ints[0], 1);
     EXPECT_THAT(log.texts(), ElementsAre("E getValue: Error: JSON root is not an object, name: i"));
 }
 
@@ -247,7 +247,7 @@ TEST(JsonUtilsMerge, MovesOutOfTheOverridesUnlessOnlyTheBaseIsNoObject) {
     EXPECT_EQ(&base, &JsonUtils::overrideJson(overrides, base, base.GetAllocator()));
     overrides.Parse("{\"a\":[1]}");
     EXPECT_EQ(&overrides, &JsonUtils::overrideJson(overrides, base, base.GetAllocator()));
-    EXPECT_EQ("[1]", JsonUtils::toString(base));
+    EXPECT_EQ(JsonUtils::toString(base), "[1]");
     base.SetObject();
     JsonUtils::overrideJson(overrides, base, base.GetAllocator());
     EXPECT_TRUE(overrides.MemberBegin()->name.IsNull());
@@ -265,7 +265,7 @@ TEST(JsonUtilsMerge, DeepObjectsDoNotUseTheThreadsStack) {
     const rapidjson::Value* leaf = &base;
     for (int i = 0; i < kLevels; ++i)
         leaf = &leaf->MemberBegin()->value;
-    EXPECT_EQ(R"({"b":1,"c":1})", JsonUtils::toString(*leaf));
+    EXPECT_EQ(JsonUtils::toString(*leaf), R"({"b":1,"c":1})");
 }
 
 TEST(JsonUtilsDeathTest, BrokenPreconditionsEndTheProcessInEveryBuild) {

@@ -105,7 +105,8 @@ TEST_F(AMetadataEntry, LeavesTheGrownBufferBehindWhenTheAddFails) {
 }
 
 TEST_F(AMetadataEntry, FailsWithoutABufferToWriteTo) {
-    constexpr unsigned kBeyondMemory = 0x1ffffff8;  // values of 8 bytes that no buffer can hold
+    // Values of 8 bytes that no buffer can hold: 2 GB where size_t has 32 bits, just below 4 GB elsewhere.
+    constexpr unsigned kBeyondMemory = sizeof(size_t) == 4 ? 0x10000000 : 0x1ffffff8;
     Capture nowhere, empty, full(makeRoomy()), unappended(makeRoomy());
     nowhere.md.metadata = nullptr;
     EXPECT_FALSE(set(nowhere, ANDROID_SENSOR_TIMESTAMP, {1}));
