@@ -27,18 +27,16 @@ struct Message : msghdr {
 };
 
 // Keeps one descriptor and closes others; false unless there is at most one, and nothing else.
-bool takeDescriptor(Message& message, hidl_handle* handle) {
-    size_t taken = 0;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
-        const bool isRights = header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS;
-        if (!isRights) taken = 2;
-        for (size_t at = CMSG_LEN(0); isRights && at < header->cmsg_len; at += sizeof(int), ++taken) {
-            native_handle_t* const native = native_handle_create(1, 0);
-            std::memcpy(native->data, reinterpret_cast<char*>(header) + at, sizeof(int));
-            handle->setTo(native, true);
-        }
+bool takeDescriptor(const Message& message, hidl_handle* handle) {
+    if (message.msg_controllen == 0) return true;
+    const auto* const header = reinterpret_cast<const cmsghdr*>(message.control);  // room for one only
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return false;
+    for (size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
+        native_handle_t* const native = native_handle_create(1, 0);
+        std::memcpy(native->data, message.control + at, sizeof(int));
+        handle->setTo(native, true);
     }
-    return taken <= 1;
+    return header->cmsg_len == CMSG_LEN(sizeof(int));
 }
 
 }  // namespace
@@ -51,7 +49,7 @@ int send(int socket, const void* packet, size_t size, const hidl_handle& handle,
     } else if (native->numFds != 1 || native->numInts != 0) {
         return EINVAL;
     } else {
-        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        auto* const header = reinterpret_cast<cmsghdr*>(message.control);
         *header = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
         std::memcpy(CMSG_DATA(header), native->data, sizeof(int));
     }

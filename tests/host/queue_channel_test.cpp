@@ -14,6 +14,7 @@
 #include "ConsumerQueue.h"
 #include "LogCapture.h"
 #include "ProducerServer.h"
+#include "RawChannelEnd.h"
 #include "RemoteProducer.h"
 #include "WaitUntil.h"
 
@@ -37,44 +38,6 @@ size_t openDescriptors() {
     closedir(folder);
     return count;
 }
-
-// One end of a socket, where a packet may have any length and any number of descriptors.
-class RawEnd {
-  public:
-    explicit RawEnd(unique_fd socket) : mSocket(std::move(socket)) {}
-
-    template <typename Packet>
-    bool send(const Packet& packet, int extraBytes = 0, int descriptors = 0) {
-        const size_t size = sizeof(packet) + extraBytes;
-        char bytes[sizeof(packet) + 16] = {};
-        std::memcpy(bytes, &packet, sizeof(packet));
-        iovec part{bytes, size};
-        alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (descriptors > 0) {
-            message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(descriptors * sizeof(int));
-            cmsghdr* const header = CMSG_FIRSTHDR(&message);
-            *header = {CMSG_LEN(descriptors * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-            for (int i = 0; i < descriptors; ++i)
-                std::memcpy(CMSG_DATA(header) + i * sizeof(int), &mSent, sizeof(int));
-        }
-        return sendmsg(mSocket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
-    }
-    // The size of the next packet, 0 at the end.
-    template <typename Packet>
-    ssize_t receive(Packet& packet) {
-        return recv(mSocket, &packet, sizeof(packet), 0);
-    }
-    void sendDescriptor(int descriptor) { mSent = descriptor; }
-    void close() { mSocket.reset(); }
-
-  private:
-    unique_fd mSocket;
-    int mSent = STDERR_FILENO;
-};
 
 // What is wrong with a packet.
 struct Fault {
@@ -102,9 +65,9 @@ const Fault kFaults[] = {
 };
 
 template <typename Packet>
-void sendSpoilt(RawEnd& end, Packet packet, const Fault& fault) {
+void sendSpoilt(RawChannelEnd& end, Packet packet, const Fault& fault) {
     fault.spoil(packet.version, packet.operation, packet.number, packet.slot);
-    end.send(packet, fault.extraBytes, fault.descriptors);
+    end.send(packet, fault.extraBytes, std::vector<int>(fault.descriptors, STDERR_FILENO));
 }
 
 // Counts the dequeues that have begun, and answers a query by what was asked.
@@ -160,8 +123,8 @@ class AChannel : public testing::Test {
 TEST_F(AChannel, EndsAloneWithABadRequest) {
     Request request(Operation::CANCEL_BUFFER);
     Reply reply;
-    RawEnd honest(open());
-    ASSERT_TRUE(honest.send(request, 0, 1));
+    RawChannelEnd honest(open());
+    ASSERT_TRUE(honest.send(request, 0, {STDERR_FILENO}));
     EXPECT_EQ(honest.receive(reply), static_cast<ssize_t>(sizeof(reply)));
     expectAlive();
     const size_t descriptors = openDescriptors();
@@ -169,7 +132,7 @@ TEST_F(AChannel, EndsAloneWithABadRequest) {
         SCOPED_TRACE(fault.name);
         LogCapture log;
         {
-            RawEnd raw(open());
+            RawChannelEnd raw(open());
             sendSpoilt(raw, request, fault);
             EXPECT_EQ(raw.receive(reply), 0);
             EXPECT_FALSE(raw.send(request));
@@ -182,7 +145,7 @@ TEST_F(AChannel, EndsAloneWithABadRequest) {
 
 TEST_F(AChannel, EndsWhenItsRepliesAreLeftUnread) {
     LogCapture log;
-    RawEnd raw(open());
+    RawChannelEnd raw(open());
     const Request request(Operation::GET_UNIQUE_ID);
     size_t sent = 0;
     while (sent < 100000 && raw.send(request))
@@ -230,7 +193,7 @@ TEST_F(AChannel, GivesBackTheSlotOfADequeueWhoseClientIsGone) {
         int slot = -1;
         ASSERT_GE(dequeue(producer, &slot), 0);
         ASSERT_GE(dequeue(producer, &slot), 0);
-        RawEnd raw(open());
+        RawChannelEnd raw(open());
         const int begun = local->begun;
         const Request request(Operation::DEQUEUE_BUFFER);
         ASSERT_TRUE(raw.send(request));
@@ -306,10 +269,9 @@ TEST_F(AChannel, MayLeadToAnotherOne) {
 class AHostileQueue : public testing::Test {
   protected:
     void SetUp() override {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        raw = std::make_unique<RawEnd>(unique_fd(ends[0]));
-        remote = new RemoteProducer(unique_fd(ends[1]));
+        unique_fd other;
+        raw = std::make_unique<RawChannelEnd>(RawChannelEnd::openPair(&other));
+        remote = new RemoteProducer(std::move(other));
         producer = new H2BGraphicBufferProducer(remote);
     }
 
@@ -323,7 +285,7 @@ class AHostileQueue : public testing::Test {
         return reply;
     }
 
-    std::unique_ptr<RawEnd> raw;
+    std::unique_ptr<RawChannelEnd> raw;
     sp<RemoteProducer> remote;
     sp<BProducer> producer;
 };
@@ -344,7 +306,7 @@ TEST_F(AHostileQueue, EndsEveryCallWithABadReply) {
         Reply reply = replyToNext();
         auto second = std::async(std::launch::async, ask);
         const Reply secondReply = replyToNext();
-        EXPECT_TRUE(raw->send(secondReply, 0, 1)) << "an honest one";
+        EXPECT_TRUE(raw->send(secondReply, 0, {STDERR_FILENO})) << "an honest one";
         EXPECT_EQ(second.get(), BAD_VALUE) << "the memory of no buffer";
         sendSpoilt(*raw, reply, fault);
         EXPECT_EQ(first.get(), DEAD_OBJECT);
@@ -369,8 +331,7 @@ TEST_F(AHostileQueue, CannotPassMemoryThatMayShrinkOrANameWithoutAnEnd) {
                         0,  1, 1};
     const unique_fd memory(memfd_create("unsealed", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     ASSERT_EQ(ftruncate(memory, 64 * 4), 0);
-    raw->sendDescriptor(memory);
-    raw->send(reply, 0, 1);
+    raw->send(reply, 0, {memory});
     EXPECT_EQ(requested.get(), BAD_VALUE);
 }
 
