@@ -3,11 +3,12 @@
 #include <android-base/unique_fd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
 
-// One end of a buffer queue's channel, where a packet may have any size and any number of descriptors.
+/** One end of a buffer queue's channel, where a packet may have any size and any number of descriptors. */
 class RawChannelEnd {
   public:
     explicit RawChannelEnd(android::base::unique_fd socket) : mSocket(std::move(socket)) {}
@@ -19,14 +20,16 @@ class RawChannelEnd {
         return RawChannelEnd(android::base::unique_fd(ends[0]));
     }
 
-    // Sends the packet, longer or shorter by a few bytes; false when the other end is gone. Waits for room
-    // unless the flags say otherwise.
+    /**
+     * Sends the packet, longer by up to 16 bytes or shorter by any number, with up to 8 descriptors, which
+     * stay the caller's. False when the other end is gone; waits for room unless the flags say otherwise.
+     */
     template <typename Packet>
     bool send(const Packet& packet, int extraBytes = 0, const std::vector<int>& descriptors = {},
               int flags = 0) {
         char bytes[sizeof(packet) + 16] = {};
         std::memcpy(bytes, &packet, sizeof(packet));
-        iovec part{bytes, sizeof(packet) + extraBytes};
+        iovec part{bytes, static_cast<size_t>(std::max(static_cast<int>(sizeof(packet)) + extraBytes, 0))};
         alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))] = {};
         msghdr message = {};
         message.msg_iov = &part;
@@ -41,7 +44,7 @@ class RawChannelEnd {
         }
         return sendmsg(mSocket, &message, MSG_NOSIGNAL | flags) == static_cast<ssize_t>(part.iov_len);
     }
-    // The size of the next packet, 0 at the end.
+    /** Waits for the next packet, unless the flags say otherwise: its size, 0 at the end, or below 0. */
     template <typename Packet>
     ssize_t receive(Packet& packet, int flags = 0) {
         return recv(mSocket, &packet, sizeof(packet), flags);

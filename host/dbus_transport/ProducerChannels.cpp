@@ -8,10 +8,20 @@ namespace vel::dbus_transport {
 using android::sp;
 using queue_channel::Client;
 
+namespace {
+
+// Of a process to a producer: each has threads and descriptors.
+constexpr long kMaxChannels = 64;
+
+}  // namespace
+
 android::base::unique_fd ProducerChannels::open(SessionId session, const std::string& busName,
                                                 const sp<IGraphicBufferProducer>& producer) {
     forgetDestroyed();
-    return queue_channel::ProducerServer::open(producer, clientOf(session, busName, producer));
+    const std::shared_ptr<Client> client = clientOf(session, busName, producer);
+    constexpr long kOtherHolders = 2;  // this and the list
+    if (client.use_count() >= kOtherHolders + kMaxChannels) return {};
+    return queue_channel::ProducerServer::open(producer, client);
 }
 
 std::shared_ptr<Client> ProducerChannels::clientOf(SessionId session, const std::string& busName,

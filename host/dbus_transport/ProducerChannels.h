@@ -27,8 +27,8 @@ class ProducerChannels {
     ProducerChannels& operator=(const ProducerChannels&) = delete;
 
     /**
-     * A new channel to the producer for a process on the bus: the end that it is to get, or, when there are
-     * no descriptors or threads left, one below 0.
+     * A new channel to the producer for a process on the bus: the end that it is to get, or one below 0 when
+     * the process has 64 to this producer, or there are no descriptors or threads left.
      */
     android::base::unique_fd open(SessionId session, const std::string& busName,
                                   const android::sp<IGraphicBufferProducer>& producer);

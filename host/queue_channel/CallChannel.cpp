@@ -23,7 +23,7 @@ Status CallChannel::call(Request request, const hidl_handle& fence, Answer* answ
 }
 
 int32_t CallChannel::exchange(Request& request, const hidl_handle& fence, Answer* answer) {
-    Call call{request.operation, 0, answer};
+    Call call{request.operation, answer};
     std::unique_lock<std::mutex> lock(mLock);
     if (mHasEnded) return android::DEAD_OBJECT;
     call.number = request.number = ++mLastNumber;
@@ -32,6 +32,7 @@ int32_t CallChannel::exchange(Request& request, const hidl_handle& fence, Answer
     const int error = send(mSocket, &request, sizeof(request), fence, 0);
     lock.lock();
     if (error == EPIPE) end();
+    call.isSent = true;
     while (error == 0 && call.answer != nullptr && !mHasEnded) {
         if (mIsRead) {
             call.mayGoOn.wait(lock);
@@ -40,10 +41,17 @@ int32_t CallChannel::exchange(Request& request, const hidl_handle& fence, Answer
         }
     }
     mCalls.erase(std::find(mCalls.begin(), mCalls.end(), &call));
-    // One that is still sending will see for itself that nobody reads.
-    if (!mIsRead && !mCalls.empty()) mCalls.front()->mayGoOn.notify_one();
+    handReadingOn();
     if (call.answer == nullptr) return android::OK;
     return mHasEnded ? android::DEAD_OBJECT : android::FAILED_TRANSACTION;
+}
+
+// One that still sends will see for itself that nobody reads.
+void CallChannel::handReadingOn() {
+    if (mIsRead) return;
+    const auto next =
+        std::find_if(mCalls.begin(), mCalls.end(), [](const Call* call) { return call->isSent; });
+    if (next != mCalls.end()) (*next)->mayGoOn.notify_one();
 }
 
 void CallChannel::readOne(std::unique_lock<std::mutex>& lock) {

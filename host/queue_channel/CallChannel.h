@@ -35,12 +35,14 @@ class CallChannel {
   private:
     struct Call {
         const Operation operation;
+        Answer* answer;  // null: answered
         uint32_t number = 0;
-        Answer* answer;                     // null: answered
+        bool isSent = false;
         std::condition_variable mayGoOn{};  // answered, ended, or nobody reads
     };
 
     int32_t exchange(Request& request, const android::hardware::hidl_handle& fence, Answer* answer);
+    void handReadingOn();
     void readOne(std::unique_lock<std::mutex>& lock);
     bool deliver(Answer& answer);
     void end();

@@ -1,6 +1,7 @@
 #include "Packet.h"
 
 #include <cutils/native_handle.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -39,6 +40,12 @@ bool takeDescriptor(const Message& message, hidl_handle* handle) {
     return header->cmsg_len == CMSG_LEN(sizeof(int));
 }
 
+// A packet without a byte reads like the end.
+bool isAtEnd(int socket) {
+    pollfd events{socket, POLLRDHUP, 0};
+    return poll(&events, 1, 0) != 0;
+}
+
 }  // namespace
 
 int send(int socket, const void* packet, size_t size, const hidl_handle& handle, int flags) {
@@ -58,7 +65,7 @@ int send(int socket, const void* packet, size_t size, const hidl_handle& handle,
         count = sendmsg(socket, &message, MSG_NOSIGNAL | flags);
     } while (count < 0 && errno == EINTR);
     if (count >= 0) return 0;
-    return errno == ECONNRESET ? EPIPE : errno;
+    return errno == ECONNRESET || errno == ECONNREFUSED ? EPIPE : errno;
 }
 
 Received receive(int socket, void* packet, size_t size, hidl_handle* handle) {
@@ -71,7 +78,7 @@ Received receive(int socket, void* packet, size_t size, hidl_handle* handle) {
     const bool isComplete = takeDescriptor(message, handle) && count == static_cast<ssize_t>(size) &&
                             (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
     if (isComplete) return Received::PACKET;
-    return count == 0 ? Received::END : Received::MALFORMED;
+    return count == 0 && isAtEnd(socket) ? Received::END : Received::MALFORMED;
 }
 
 }  // namespace vel::queue_channel

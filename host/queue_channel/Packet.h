@@ -15,7 +15,8 @@ inline constexpr char kLogTag[] = "QueueChannel";
 
 inline constexpr uint16_t kVersion = 1;
 inline constexpr int32_t kSlotCount = 64;
-inline constexpr int32_t kNoSlot = -1;  // stands for every number that is no slot
+inline constexpr int32_t kNoSlot = -1;                // stands for every number that is no slot
+inline constexpr int32_t kMaxDataSpace = 0x3fffffff;  // an android_dataspace can have no other value
 
 enum class Operation : uint16_t {
     REQUEST_BUFFER = 1,
@@ -51,6 +52,10 @@ struct Request {
     android::hardware::media::V1_0::Rect crop{};
     uint32_t transform = 0, stickyTransform = 0;
 
+    bool isInRange() const {
+        const auto space = static_cast<int32_t>(dataSpace);
+        return slot >= kNoSlot && slot < kSlotCount && space >= 0 && space <= kMaxDataSpace;
+    }
     static constexpr Operation kWithHandle[] = {Operation::QUEUE_BUFFER, Operation::CANCEL_BUFFER};
 };
 
@@ -68,6 +73,7 @@ struct Reply {
     uint32_t transformHint = 0, numPendingBuffers = 0, bufferReplaced = 0;
     char name[44] = {};  // the consumer's, cut to 43 bytes
 
+    bool isInRange() const { return slot >= kNoSlot && slot < kSlotCount; }
     static constexpr Operation kWithHandle[] = {Operation::REQUEST_BUFFER, Operation::DEQUEUE_BUFFER};
 };
 
@@ -92,8 +98,7 @@ template <typename Packet>
 Received receive(int socket, Packet* packet, android::hardware::hidl_handle* handle) {
     const Received received = receive(socket, packet, sizeof(*packet), handle);
     const bool isKnown = packet->version == kVersion && packet->operation >= Operation::REQUEST_BUFFER &&
-                         packet->operation <= Operation::GET_UNIQUE_ID && packet->slot >= kNoSlot &&
-                         packet->slot < kSlotCount;
+                         packet->operation <= Operation::GET_UNIQUE_ID && packet->isInRange();
     const bool mayHaveHandle =
         packet->operation == Packet::kWithHandle[0] || packet->operation == Packet::kWithHandle[1];
     if (received != Received::PACKET || (isKnown && (mayHaveHandle || handle->getNativeHandle() == nullptr)))

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <future>
 
 #include "ConsumerQueue.h"
@@ -58,6 +59,7 @@ const Fault kFaults[] = {
     {"a slot too high", SPOILT(slot = kSlotCount)},
     {"a slot too low", SPOILT(slot = kNoSlot - 1)},
     {"short", SPOILT(), -1},
+    {"empty", SPOILT(), INT_MIN},
     {"long", SPOILT(), 1},
     {"a descriptor with a query", SPOILT(operation = Operation::QUERY), 0, 1},
     {"two descriptors", SPOILT(), 0, 2},
