@@ -21,7 +21,8 @@ using QueueBufferOutput = IGraphicBufferProducer::QueueBufferOutput;
 
 namespace {
 
-constexpr int kUsualReaders = 2;
+// Enough that a caller which is quicker than the thread that has answered it has no other one started.
+constexpr int kMaxReaders = 4;
 
 // A dequeue that waits when its client is disconnected may get one of the slots that this frees.
 void returnSlot(IGraphicBufferProducer& producer, int32_t slot, const hidl_handle& fence) {
@@ -98,7 +99,7 @@ bool ProducerServer::leaveReader() {
 
 bool ProducerServer::becomeReader() {
     std::lock_guard<std::mutex> lock(mLock);
-    if (mReaders >= kUsualReaders) {
+    if (mReaders == kMaxReaders) {
         --mThreads;
         return false;
     }

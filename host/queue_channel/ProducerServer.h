@@ -24,8 +24,8 @@ struct Client {
  * The queue's end of a channel: carries requests out on a producer of this process and sends the replies.
  *
  * Each of the channel's threads waits for a request, sees to it that another one waits for the next, and
- * carries it out; so a dequeue may keep its thread while others pass. There are usually two, and at most
- * kMaxThreads: the last one answers a dequeue by WOULD_BLOCK. They are detached.
+ * carries it out; so a dequeue may keep its thread while others pass. Up to four stay and wait. There are at
+ * most kMaxThreads: the last one answers a dequeue by WOULD_BLOCK. They are detached.
  *
  * The channel ends with its client, or, which is logged, by a packet that makes no sense or when replies are
  * left unread. It keeps the producer until then, and until the last dequeue has ended.

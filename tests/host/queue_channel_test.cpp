@@ -11,6 +11,8 @@
 #include <atomic>
 #include <climits>
 #include <future>
+#include <mutex>
+#include <set>
 
 #include "ConsumerQueue.h"
 #include "LogCapture.h"
@@ -81,10 +83,22 @@ struct CountingProducer : TWGraphicBufferProducer<HGraphicBufferProducer> {
         return TWGraphicBufferProducer::dequeueBuffer(width, height, format, usage, timestamps, reply);
     }
     Return<void> query(int32_t what, query_cb reply) override {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mThreads.insert(gettid());
+        }
         reply(OK, what);
         return Void();
     }
+    size_t threads() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mThreads.size();
+    }
     std::atomic<int> begun{0};
+
+  private:
+    std::mutex mLock;
+    std::set<pid_t> mThreads;  // that have carried a query out; guarded by mLock
 };
 
 class AChannel : public testing::Test {
@@ -143,6 +157,14 @@ TEST_F(AChannel, EndsAloneWithABadRequest) {
         EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= descriptors; }));
         expectAlive();
     }
+}
+
+TEST_F(AChannel, StartsNoThreadForACallerThatIsAlone) {
+    int value = 0;
+    for (int round = 0; round < 20000; ++round)
+        producer->query(round, &value);
+    EXPECT_EQ(value, 19999);
+    EXPECT_LE(local->threads(), 16u);
 }
 
 TEST_F(AChannel, EndsWhenItsRepliesAreLeftUnread) {
