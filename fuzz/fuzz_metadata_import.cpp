@@ -109,14 +109,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     for (const camera_metadata_t* start : {static_cast<camera_metadata_t*>(nullptr), filled.get()}) {
         // An update to no values spoils a buffer; growing it then leaks the refused copy, as it is meant to.
-        const bool mayUpdate = start || contents.hasDuplicates;
+        const bool mayUpdate = start != nullptr || contents.hasDuplicates;
         if (mayUpdate && contents.hasEmptyArray) continue;
         Capture capture{CameraMetadata(clone_camera_metadata(start))};
         JsonMessage exported;
         handler.convertToMetadata(capture.md, input.root());
         exportTo(exported, handler, capture);
         require(capture.md.isMetadataReplaced == (capture.current != capture.original.get()));
-        require(!capture.current || validate_camera_metadata_structure(capture.current, nullptr) == 0);
+        require(capture.current == nullptr ||
+                validate_camera_metadata_structure(capture.current, nullptr) == 0);
         checkRoundTrip(handler, exported);
     }
     return 0;

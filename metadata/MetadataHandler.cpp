@@ -54,7 +54,7 @@ bool findTagInSection(size_t section, const char* tagName, unsigned* id) {
     const unsigned end = camera_metadata_section_bounds[section][1];
     for (unsigned tag = camera_metadata_section_bounds[section][0]; tag < end; ++tag) {
         const char* name = get_camera_metadata_tag_name(tag);
-        if (!name || std::strcmp(name, tagName) != 0) continue;
+        if (name == nullptr || std::strcmp(name, tagName) != 0) continue;
         *id = tag;
         return true;
     }
@@ -199,7 +199,7 @@ class ValueBuffer {
 // --- Metadata buffers ---
 
 camera_metadata_t* bufferOf(const DesktopCaptureMetadata& md) {
-    return md.metadata ? *md.metadata : nullptr;
+    return md.metadata != nullptr ? *md.metadata : nullptr;
 }
 
 size_t dataSizeOf(unsigned tag, unsigned count) {
@@ -218,8 +218,8 @@ bool isSet(int status, const camera_metadata_t* buffer, unsigned tag, unsigned c
 
 // Gives a capture without metadata a buffer for one entry.
 bool createBuffer(DesktopCaptureMetadata& md, size_t dataSize) {
-    if (md.metadata) *md.metadata = allocate_camera_metadata(1, dataSize);
-    if (!bufferOf(md)) {
+    if (md.metadata != nullptr) *md.metadata = allocate_camera_metadata(1, dataSize);
+    if (bufferOf(md) == nullptr) {
         VEL_LOGE("DTM: metadata is still null");
         return false;
     }
@@ -232,7 +232,7 @@ bool growBuffer(DesktopCaptureMetadata& md, size_t dataSize) {
     const camera_metadata_t* old = *md.metadata;
     camera_metadata_t* grown = allocate_camera_metadata(get_camera_metadata_entry_count(old) + 1,
                                                         get_camera_metadata_data_count(old) + dataSize);
-    if (grown && append_camera_metadata(grown, old) != 0) {
+    if (grown != nullptr && append_camera_metadata(grown, old) != 0) {
         VEL_LOGE("metadata failed to append");
         free_camera_metadata(grown);
         return false;
@@ -324,7 +324,7 @@ void MetadataHandler::convertMember(DesktopCaptureMetadata& md, const std::strin
         return;
     }
     ValueBuffer buffer(values.Size());
-    const bool set = buffer.data() && readValues(values, id, buffer.data()) &&
+    const bool set = buffer.data() != nullptr && readValues(values, id, buffer.data()) &&
                      setMetadataEntry(md, id, buffer.data(), values.Size());
     if (!set) VEL_LOGE("Failed to set metadata for %s", name.c_str());
 }
@@ -341,7 +341,7 @@ bool MetadataHandler::resolveTagId(const std::string& name, unsigned* id) {
 }
 
 bool MetadataHandler::findMetadataTagId(const char* name, unsigned* id) {
-    if (!name || !id) return false;
+    if (name == nullptr || id == nullptr) return false;
     const std::string_view text(name);
     size_t split;
     const size_t section = findSection(text, &split);
@@ -377,12 +377,12 @@ bool MetadataHandler::findVendorTag(const char* name, size_t sectionLength, unsi
 
 bool MetadataHandler::setMetadataEntry(DesktopCaptureMetadata& md, unsigned tag, void* data, unsigned count) {
     camera_metadata_entry_t entry = {};
-    if (bufferOf(md) && find_camera_metadata_entry(*md.metadata, tag, &entry) == 0) {
+    if (bufferOf(md) != nullptr && find_camera_metadata_entry(*md.metadata, tag, &entry) == 0) {
         const int status = update_camera_metadata_entry(*md.metadata, entry.index, data, count, nullptr);
         return isSet(status, *md.metadata, tag, count);
     }
     const size_t dataSize = dataSizeOf(tag, count);
-    const bool hasRoom = bufferOf(md) ? growBuffer(md, dataSize) : createBuffer(md, dataSize);
+    const bool hasRoom = bufferOf(md) != nullptr ? growBuffer(md, dataSize) : createBuffer(md, dataSize);
     return hasRoom &&
            isSet(add_camera_metadata_entry(*md.metadata, tag, data, count), *md.metadata, tag, count);
 }

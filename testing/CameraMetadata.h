@@ -64,9 +64,11 @@ class VendorTags {
             [](const vendor_tag_ops_t*, uint32_t* ids) {
                 std::iota(ids, ids + sKnown->mTags.size(), uint32_t{VENDOR_SECTION_START});
             },
-            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? sKnown->mSection.c_str() : nullptr; },
-            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? at(id)->name : nullptr; },
-            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) ? at(id)->type : -1; },
+            [](const vendor_tag_ops_t*, uint32_t id) {
+                return at(id) != nullptr ? sKnown->mSection.c_str() : nullptr;
+            },
+            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) != nullptr ? at(id)->name : nullptr; },
+            [](const vendor_tag_ops_t*, uint32_t id) { return at(id) != nullptr ? at(id)->type : -1; },
             {}};
         sKnown = this;
         set_camera_metadata_vendor_ops(&ops);

@@ -19,7 +19,7 @@ void store(const struct __android_logger_data* data, const char* message) {
     static const char kLetters[] = "??VDIWEF";
     const std::string text = std::string(1, kLetters[data->priority & 7]) + " " + message;
     std::lock_guard<std::mutex> lock(gLinesLock);
-    gLines.push_back({data->tag ? data->tag : "", text});
+    gLines.push_back({data->tag != nullptr ? data->tag : "", text});
 }
 
 }  // namespace

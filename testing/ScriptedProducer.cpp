@@ -49,7 +49,7 @@ status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w
                                          FrameEventHistoryDelta* outTimestamps) {
     char call[128];
     snprintf(call, sizeof(call), "dequeue %ux%u format %d usage %#llx%s", w, h, format,
-             static_cast<unsigned long long>(usage), outTimestamps ? " timestamps" : "");
+             static_cast<unsigned long long>(usage), outTimestamps != nullptr ? " timestamps" : "");
     std::function<void()> action;
     Dequeue answer;
     {
@@ -61,7 +61,7 @@ status_t ScriptedProducer::dequeueBuffer(int* slot, sp<Fence>* fence, uint32_t w
     if (action) action();
     *slot = answer.slot;
     *fence = answer.fence;
-    if (outBufferAge) *outBufferAge = 0;
+    if (outBufferAge != nullptr) *outBufferAge = 0;
     return answer.status;
 }
 

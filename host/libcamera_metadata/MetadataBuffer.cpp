@@ -157,7 +157,7 @@ camera_metadata_t* allocate_camera_metadata(size_t entry_capacity, size_t data_c
     if (sizeof(size_t) > sizeof(uint32_t) && size > UINT32_MAX) return nullptr;
 
     auto* metadata = static_cast<camera_metadata_t*>(calloc(1, static_cast<size_t>(size)));
-    if (!metadata) return nullptr;
+    if (metadata == nullptr) return nullptr;
     metadata->size = size;
     metadata->version = kVersion;
     metadata->entryCapacity = entry_capacity;
@@ -169,9 +169,9 @@ camera_metadata_t* allocate_camera_metadata(size_t entry_capacity, size_t data_c
 }
 
 camera_metadata_t* clone_camera_metadata(const camera_metadata_t* src) {
-    if (!src) return nullptr;
+    if (src == nullptr) return nullptr;
     camera_metadata_t* clone = allocate_camera_metadata(src->entryCount, src->dataCount);
-    if (clone) append_camera_metadata(clone, src);
+    if (clone != nullptr) append_camera_metadata(clone, src);
     return clone;
 }
 
@@ -200,8 +200,8 @@ size_t get_camera_metadata_data_capacity(const camera_metadata_t* metadata) {
 }
 
 int validate_camera_metadata_structure(const camera_metadata_t* metadata, const size_t* expected_size) {
-    if (!metadata) return CAMERA_METADATA_VALIDATION_ERROR;
-    if (expected_size && metadata->size > *expected_size) return CAMERA_METADATA_VALIDATION_ERROR;
+    if (metadata == nullptr) return CAMERA_METADATA_VALIDATION_ERROR;
+    if (expected_size != nullptr && metadata->size > *expected_size) return CAMERA_METADATA_VALIDATION_ERROR;
     if (!areasAreInside(*metadata)) return CAMERA_METADATA_VALIDATION_ERROR;
 
     const Entry* entries = entriesOf(metadata);
@@ -213,7 +213,7 @@ int validate_camera_metadata_structure(const camera_metadata_t* metadata, const 
 }
 
 int append_camera_metadata(camera_metadata_t* dst, const camera_metadata_t* src) {
-    if (!dst || !src) return kError;
+    if (dst == nullptr || src == nullptr) return kError;
     if (uint64_t{dst->entryCount} + src->entryCount > dst->entryCapacity) return kError;
     if (uint64_t{dst->dataCount} + src->dataCount > dst->dataCapacity) return kError;
     const bool bothHaveVendors = dst->vendorId != CAMERA_METADATA_INVALID_VENDOR_ID &&
@@ -246,9 +246,9 @@ size_t calculate_camera_metadata_entry_data_size(uint8_t type, size_t data_count
 
 int add_camera_metadata_entry(camera_metadata_t* dst, uint32_t tag, const void* data, size_t data_count) {
     const int type = get_camera_metadata_tag_type(tag);
-    if (!dst || type < 0 || type >= NUM_TYPES) return kError;
+    if (dst == nullptr || type < 0 || type >= NUM_TYPES) return kError;
     if (dst->entryCount == dst->entryCapacity) return kError;
-    if (data_count && !data) return kError;
+    if (data_count && data == nullptr) return kError;
     const uint64_t size = calculate_camera_metadata_entry_data_size(type, data_count);
     if (dst->dataCount + size > dst->dataCapacity) return kError;
 
@@ -274,8 +274,8 @@ int find_camera_metadata_ro_entry(const camera_metadata_t* src, uint32_t tag,
 
 int update_camera_metadata_entry(camera_metadata_t* dst, size_t index, const void* data, size_t data_count,
                                  camera_metadata_entry_t* updated_entry) {
-    if (!dst || index >= dst->entryCount) return kError;
-    if (data_count && !data) return kError;
+    if (dst == nullptr || index >= dst->entryCount) return kError;
+    if (data_count && data == nullptr) return kError;
     Entry& entry = entriesOf(dst)[index];
     const size_t oldSize = dataSize(entry);
     const uint64_t newSize = calculate_camera_metadata_entry_data_size(entry.type, data_count);
@@ -289,12 +289,12 @@ int update_camera_metadata_entry(camera_metadata_t* dst, size_t index, const voi
         entry.count = data_count;
         appendData(dst, entry, data);
     }
-    if (updated_entry) describe(dst, entry, updated_entry);
+    if (updated_entry != nullptr) describe(dst, entry, updated_entry);
     return kOk;
 }
 
 int sort_camera_metadata(camera_metadata_t* dst) {
-    if (!dst) return kError;
+    if (dst == nullptr) return kError;
     std::stable_sort(entriesOf(dst), entriesOf(dst) + dst->entryCount,
                      [](const Entry& left, const Entry& right) { return left.tag < right.tag; });
     dst->flags |= kSorted;

@@ -31,19 +31,20 @@ int set_camera_metadata_vendor_ops(const vendor_tag_ops_t* ops) {
 }
 
 const char* get_camera_metadata_section_name(uint32_t tag) {
-    if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_section_name(gVendorOps, tag) : nullptr;
+    if (isVendorTag(tag))
+        return gVendorOps != nullptr ? gVendorOps->get_section_name(gVendorOps, tag) : nullptr;
     const uint32_t section = tag >> 16;
     return section < ANDROID_SECTION_COUNT ? camera_metadata_section_names[section] : nullptr;
 }
 
 const char* get_camera_metadata_tag_name(uint32_t tag) {
-    if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_tag_name(gVendorOps, tag) : nullptr;
+    if (isVendorTag(tag)) return gVendorOps != nullptr ? gVendorOps->get_tag_name(gVendorOps, tag) : nullptr;
     const TagInfo* info = findStandardTag(tag);
-    return info ? info->name : nullptr;
+    return info != nullptr ? info->name : nullptr;
 }
 
 int get_camera_metadata_tag_type(uint32_t tag) {
-    if (isVendorTag(tag)) return gVendorOps ? gVendorOps->get_tag_type(gVendorOps, tag) : -1;
+    if (isVendorTag(tag)) return gVendorOps != nullptr ? gVendorOps->get_tag_type(gVendorOps, tag) : -1;
     const TagInfo* info = findStandardTag(tag);
-    return info ? info->type : -1;
+    return info != nullptr ? info->type : -1;
 }

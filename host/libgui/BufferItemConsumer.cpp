@@ -30,7 +30,7 @@ BufferItemConsumer::BufferItemConsumer(const sp<IGraphicBufferConsumer>& consume
 }
 
 status_t BufferItemConsumer::acquireBuffer(BufferItem* item, nsecs_t presentWhen, bool waitForFence) {
-    if (!item) return BAD_VALUE;
+    if (item == nullptr) return BAD_VALUE;
     std::lock_guard<std::mutex> lock(mMutex);
     const status_t status = acquireBufferLocked(item, presentWhen);
     if (status != NO_ERROR || !waitForFence) return status;

@@ -171,7 +171,8 @@ status_t BufferQueueProducer::dequeueBuffer(int* outSlot, sp<Fence>* outFence, u
     slot.state = BufferSlot::State::DEQUEUED;
     *outSlot = found;
     *outFence = std::exchange(slot.fence, Fence::NO_FENCE);
-    if (outBufferAge) *outBufferAge = slot.frameNumber ? mCore->frameCounter + 1 - slot.frameNumber : 0;
+    if (outBufferAge != nullptr)
+        *outBufferAge = slot.frameNumber ? mCore->frameCounter + 1 - slot.frameNumber : 0;
     return flags;
 }
 
@@ -257,7 +258,7 @@ status_t BufferQueueProducer::cancelBuffer(int slot, const sp<Fence>& fence) {
 }
 
 int BufferQueueProducer::query(int what, int* value) {
-    if (!value) return BAD_VALUE;
+    if (value == nullptr) return BAD_VALUE;
     std::lock_guard<std::mutex> lock(mCore->mutex);
     if (mCore->isAbandoned) return NO_INIT;
     switch (what) {
@@ -291,7 +292,8 @@ status_t BufferQueueProducer::connect(const sp<IProducerListener>& listener, int
                                       bool producerControlledByApp, QueueBufferOutput* output) {
     std::lock_guard<std::mutex> lock(mCore->mutex);
     if (mCore->isAbandoned || mCore->consumerListener == nullptr) return NO_INIT;
-    if (!output || mCore->connectedApi != BufferQueueCore::kNoApi || !isKnownApi(api)) return BAD_VALUE;
+    if (output == nullptr || mCore->connectedApi != BufferQueueCore::kNoApi || !isKnownApi(api))
+        return BAD_VALUE;
 
     const bool bothByApp = mCore->consumerControlledByApp && producerControlledByApp;
     const bool cannotBlock = bothByApp && mCore->dequeueTimeout < 0;

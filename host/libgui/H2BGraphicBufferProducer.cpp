@@ -67,7 +67,7 @@ status_t H2BGraphicBufferProducer::dequeueBuffer(int* slot, sp<Fence>* fence, ui
                                                  uint64_t* outBufferAge,
                                                  android::FrameEventHistoryDelta* outTimestamps) {
     *fence = new Fence;
-    if (outBufferAge) *outBufferAge = 0;
+    if (outBufferAge != nullptr) *outBufferAge = 0;
     status_t replied = UNKNOWN_ERROR;
     const Return<void> result =
         mBase->dequeueBuffer(w, h, static_cast<common::V1_0::PixelFormat>(format),
@@ -111,7 +111,7 @@ int H2BGraphicBufferProducer::query(int what, int* value) {
 status_t H2BGraphicBufferProducer::connect(const sp<android::IProducerListener>& listener, int api,
                                            bool producerControlledByApp, QueueBufferOutput* output) {
     if (listener != nullptr) abortAbsent("a producer listener through HIDL");
-    if (!output) return BAD_VALUE;
+    if (output == nullptr) return BAD_VALUE;
     status_t replied = UNKNOWN_ERROR;
     const Return<void> result =
         mBase->connect(nullptr, api, producerControlledByApp,

@@ -22,7 +22,7 @@ hidl_handle toHidl(const sp<Fence>& fence) {
 
 sp<Fence> fenceFromHidl(const hidl_handle& handle) {
     const native_handle_t* native = handle.getNativeHandle();
-    if (!native || (native->numFds == 0 && native->numInts == 0)) return new Fence;
+    if (native == nullptr || (native->numFds == 0 && native->numInts == 0)) return new Fence;
     if (native->numFds != 1) return nullptr;
     const int fd = fcntl(native->data[0], F_DUPFD_CLOEXEC, 0);
     return fd != -1 ? sp<Fence>(new Fence(fd)) : nullptr;
@@ -44,7 +44,7 @@ AnwBuffer toHidl(const sp<GraphicBuffer>& buffer) {
 }
 
 sp<GraphicBuffer> bufferFromHidl(const AnwBuffer& buffer) {
-    if (!buffer.nativeHandle.getNativeHandle()) return new GraphicBuffer;
+    if (buffer.nativeHandle.getNativeHandle() == nullptr) return new GraphicBuffer;
     GraphicBuffer::Attributes attributes;
     attributes.width = buffer.attr.width;
     attributes.height = buffer.attr.height;

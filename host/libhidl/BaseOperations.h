@@ -49,15 +49,15 @@
 
 namespace vel::host {
 
-/** / What a call with an empty reply function returns. */
+/** What a call with an empty reply function returns. */
 inline android::hardware::Status nullReplyFunction() {
     return android::hardware::Status::fromExceptionCode(android::hardware::Status::EX_ILLEGAL_ARGUMENT,
                                                         "the reply function is empty");
 }
 
 /**
- * / `parent` as `Interface` when its interface chain names it, else null. With `emitError` a failed question
- * / is passed on. The cast is static: objects of the product carry no type information.
+ * `parent` as `Interface` when its interface chain names it, else null. With `emitError` a failed question is
+ * passed on. The cast is static: objects of the product carry no type information.
  */
 template <typename Interface>
 android::hardware::Return<android::sp<Interface>> castByChain(

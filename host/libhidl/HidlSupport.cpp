@@ -58,7 +58,7 @@ hidl_string& hidl_string::operator=(const hidl_string& other) {
 }
 
 hidl_string& hidl_string::operator=(const char* text) {
-    copyFrom(text, text ? strlen(text) : 0);
+    copyFrom(text, text != nullptr ? strlen(text) : 0);
     return *this;
 }
 

@@ -13,8 +13,8 @@
 namespace vel::host {
 
 /**
- * / A service object registered in this process, and the death registrations of its proxies. Thread-safe;
- * / nothing is called out of it while its lock is held.
+ * A service object registered in this process, and the death registrations of its proxies. Thread-safe;
+ * nothing is called out of it while its lock is held.
  */
 class LocalService {
   public:
@@ -32,25 +32,25 @@ class LocalService {
     LocalService(std::string name, android::sp<ICameraDesktop> object);
 
     const std::string& name() const { return mName; }
-    /** / Null once killed. */
+    /** Null once killed. */
     android::sp<ICameraDesktop> object() const;
 
     /**
-     * / False when `proxy` has had its notice of death. On a service that is dead otherwise the notice is due
-     * / at once: see takeDeathNotices().
+     * False when `proxy` has had its notice of death. On a service that is dead otherwise the notice is due
+     * at once: see takeDeathNotices().
      */
     bool linkToDeath(const android::sp<IBase>& proxy, const android::sp<Recipient>& recipient,
                      uint64_t cookie);
-    /** / Removes the newest registration of `recipient` on `proxy`; false when there is none. */
+    /** Removes the newest registration of `recipient` on `proxy`; false when there is none. */
     bool unlinkToDeath(const IBase* proxy, const android::sp<Recipient>& recipient);
-    /** / Removes all registrations of a proxy that is being destroyed. */
+    /** Removes all registrations of a proxy that is being destroyed. */
     void forgetProxy(const IBase* proxy);
 
-    /** / Lets the object go. */
+    /** Lets the object go. */
     void kill();
     /**
-     * / What the recipients of the dead service must be told now, in the order of registration; their proxies
-     * / take no registration any more.
+     * What the recipients of the dead service must be told now, in the order of registration; their proxies
+     * take no registration any more.
      */
     std::vector<DeathNotice> takeDeathNotices();
 
@@ -62,7 +62,7 @@ class LocalService {
     std::set<const IBase*> mToldProxies;      // of the death; guarded by mLock
 };
 
-/** / A new proxy of `service`. */
+/** A new proxy of `service`. */
 android::sp<LocalService::ICameraDesktop> makeLocalProxy(const std::shared_ptr<LocalService>& service);
 
 }  // namespace vel::host

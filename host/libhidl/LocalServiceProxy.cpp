@@ -63,6 +63,7 @@ class LocalServiceProxy : public ICameraDesktop {
         return forward([](ICameraDesktop& service) { return service.setHALInstrumentation(); });
     }
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
+        if (const auto fault = takeFault()) return *fault;
         if (recipient == nullptr) return true;
         if (!mService->linkToDeath(this, recipient, cookie)) return false;
         if (mService->object() == nullptr) LocalServiceRegistry::instance().tellDeath(mService);
@@ -79,6 +80,7 @@ class LocalServiceProxy : public ICameraDesktop {
         return forward([](ICameraDesktop& service) { return service.notifySyspropsChanged(); });
     }
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
+        if (const auto fault = takeFault()) return *fault;
         return recipient != nullptr && mService->unlinkToDeath(this, recipient);
     }
 
@@ -113,16 +115,15 @@ class LocalServiceProxy : public ICameraDesktop {
     }
 
   private:
+    std::optional<Status> takeFault() { return LocalServiceRegistry::instance().takeFault(mService->name()); }
+
     // Runs `call` on the service unless it is dead or a fault is due. A death meanwhile voids what the call
     // brought.
     template <typename Call>
     Status transact(Call call) {
         const sp<ICameraDesktop> service = mService->object();
         if (service == nullptr) return deadObject();
-        if (const std::optional<Status> fault =
-                LocalServiceRegistry::instance().takeFault(mService->name())) {
-            return *fault;
-        }
+        if (const auto fault = takeFault()) return *fault;
         call(*service);
         return mService->object() == nullptr ? deadObject() : Status::ok();
     }

@@ -16,21 +16,21 @@
 namespace vel::host {
 
 /**
- * / Names the services of this process and keeps the switches of LocalServices.h. Thread-safe; lives until
- * the / process ends.
+ * Names the services of this process and keeps the switches of LocalServices.h. Thread-safe; lives until the
+ * process ends.
  */
 class LocalServiceRegistry {
   public:
     static LocalServiceRegistry& instance();
 
     android::status_t add(const std::string& name, const android::sp<LocalService::ICameraDesktop>& object);
-    /** / A new proxy, or null. Counts the look-up. */
+    /** A new proxy, or null. Counts the look-up. */
     android::sp<LocalService::ICameraDesktop> find(const std::string& name);
-    /** / The status with which a call on `name` must fail now, if it must. */
+    /** The status with which a call on `name` must fail now, if it must. */
     std::optional<android::hardware::Status> takeFault(const std::string& name);
 
     bool kill(const std::string& name);
-    /** / Tells the recipients of a dead service on a thread of its own. Does not block. */
+    /** Tells the recipients of a dead service on a thread of its own. Does not block. */
     void tellDeath(std::shared_ptr<LocalService> service);
     void awaitDeathNotices();
     void clear();

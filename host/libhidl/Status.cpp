@@ -26,7 +26,7 @@ Status Status::fromStatusT(status_t error) {
 void Status::setException(int32_t exceptionCode, const char* message) {
     mException = exceptionCode;
     mErrorCode = exceptionCode == EX_TRANSACTION_FAILED ? FAILED_TRANSACTION : OK;
-    mMessage = message ? message : "";
+    mMessage = message != nullptr ? message : "";
 }
 
 void Status::setFromStatusT(status_t status) {

@@ -13,7 +13,7 @@ constexpr char kTag[] = "NdkImage";
 
 // Locks the buffer at the first call, for the rest of the image's life.
 bool lockForReading(AImage* image) {
-    if (image->data) return true;
+    if (image->data != nullptr) return true;
     void* address = nullptr;
     if (image->item.mGraphicBuffer->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address) != android::NO_ERROR)
         return false;
@@ -25,7 +25,7 @@ bool lockForReading(AImage* image) {
 
 void ImageQueue::closeLocked(AImage* image) {
     if (image->isClosed) return;
-    if (image->data) image->item.mGraphicBuffer->unlock();
+    if (image->data != nullptr) image->item.mGraphicBuffer->unlock();
     image->data = nullptr;
     consumer->releaseBuffer(image->item, Fence::NO_FENCE);
     image->item = android::BufferItem();
@@ -35,7 +35,7 @@ void ImageQueue::closeLocked(AImage* image) {
 }
 
 void AImage_delete(AImage* image) {
-    if (!image) return;
+    if (image == nullptr) return;
     {
         std::lock_guard<std::mutex> lock(image->queue->mutex);
         image->queue->closeLocked(image);
@@ -44,7 +44,7 @@ void AImage_delete(AImage* image) {
 }
 
 media_status_t AImage_getPlaneData(const AImage* image, int planeIdx, uint8_t** data, int* dataLength) {
-    if (!image || !data || !dataLength) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (image == nullptr || data == nullptr || dataLength == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     const ImageQueue& queue = *image->queue;
     std::lock_guard<std::mutex> lock(image->queue->mutex);
     if (!queue.isOpen) {
@@ -66,7 +66,7 @@ media_status_t AImage_getPlaneData(const AImage* image, int planeIdx, uint8_t** 
 }
 
 media_status_t AImage_getHardwareBuffer(const AImage* image, AHardwareBuffer** buffer) {
-    if (!image || !buffer) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (image == nullptr || buffer == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(image->queue->mutex);
     if (image->isClosed) return AMEDIA_ERROR_INVALID_OBJECT;
     *buffer = image->item.mGraphicBuffer->toAHardwareBuffer();
@@ -74,7 +74,7 @@ media_status_t AImage_getHardwareBuffer(const AImage* image, AHardwareBuffer** b
 }
 
 media_status_t AImage_getTimestamp(const AImage* image, int64_t* timestampNs) {
-    if (!image || !timestampNs) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (image == nullptr || timestampNs == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(image->queue->mutex);
     *timestampNs = -1;
     if (image->isClosed) return AMEDIA_ERROR_INVALID_OBJECT;

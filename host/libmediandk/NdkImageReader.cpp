@@ -96,7 +96,7 @@ media_status_t AImageReader_new(int32_t width, int32_t height, int32_t format, i
 
 media_status_t AImageReader_newWithUsage(int32_t width, int32_t height, int32_t format, uint64_t usage,
                                          int32_t maxImages, AImageReader** reader) {
-    if (width < 1 || height < 1 || maxImages < 1 || !reader) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (width < 1 || height < 1 || maxImages < 1 || reader == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     if (maxImages > BufferQueue::NUM_BUFFER_SLOTS || !isKnownFormat(format))
         return AMEDIA_ERROR_INVALID_PARAMETER;
     if (format == AIMAGE_FORMAT_PRIVATE && (usage & AHARDWAREBUFFER_USAGE_CPU_READ_OFTEN))
@@ -118,7 +118,7 @@ media_status_t AImageReader_newWithUsage(int32_t width, int32_t height, int32_t 
 }
 
 void AImageReader_delete(AImageReader* reader) {
-    if (!reader) return;
+    if (reader == nullptr) return;
     {
         ImageQueue& queue = *reader->queue;
         std::lock_guard<std::mutex> lock(queue.mutex);
@@ -131,19 +131,19 @@ void AImageReader_delete(AImageReader* reader) {
 }
 
 media_status_t AImageReader_getWindow(AImageReader* reader, ANativeWindow** window) {
-    if (!reader || !window) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (reader == nullptr || window == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     *window = reader->surface.get();
     return AMEDIA_OK;
 }
 
 media_status_t AImageReader_acquireNextImage(AImageReader* reader, AImage** image) {
-    if (!reader || !image) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (reader == nullptr || image == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(reader->queue->mutex);
     return acquireImageLocked(reader->queue, image);
 }
 
 media_status_t AImageReader_acquireLatestImage(AImageReader* reader, AImage** image) {
-    if (!reader || !image) return AMEDIA_ERROR_INVALID_PARAMETER;
+    if (reader == nullptr || image == nullptr) return AMEDIA_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(reader->queue->mutex);
     const media_status_t first = acquireImageLocked(reader->queue, image);
     if (first != AMEDIA_OK) return first;

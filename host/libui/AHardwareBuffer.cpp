@@ -9,7 +9,7 @@ using android::Rect;
 using android::sp;
 
 int AHardwareBuffer_allocate(const AHardwareBuffer_Desc* desc, AHardwareBuffer** outBuffer) {
-    if (!desc || !outBuffer || desc->rfu0 != 0 || desc->rfu1 != 0) return -EINVAL;
+    if (desc == nullptr || outBuffer == nullptr || desc->rfu0 != 0 || desc->rfu1 != 0) return -EINVAL;
     if (desc->width == 0 || desc->height == 0 || desc->layers == 0) return -EINVAL;
     const sp<GraphicBuffer> buffer(new GraphicBuffer(desc->width, desc->height,
                                                      static_cast<android::PixelFormat>(desc->format),
@@ -30,7 +30,7 @@ void AHardwareBuffer_release(AHardwareBuffer* buffer) {
 
 void AHardwareBuffer_describe(const AHardwareBuffer* buffer, AHardwareBuffer_Desc* outDesc) {
     const GraphicBuffer* described = GraphicBuffer::fromAHardwareBuffer(buffer);
-    if (!described || !outDesc) return;
+    if (described == nullptr || outDesc == nullptr) return;
     *outDesc = {};
     outDesc->width = described->getWidth();
     outDesc->height = described->getHeight();
@@ -43,7 +43,7 @@ void AHardwareBuffer_describe(const AHardwareBuffer* buffer, AHardwareBuffer_Des
 int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence, const ARect* rect,
                          void** outVirtualAddress) {
     const sp<Fence> owned(new Fence(fence));
-    if (!buffer || !outVirtualAddress) return -EINVAL;
+    if (buffer == nullptr || outVirtualAddress == nullptr) return -EINVAL;
     if (usage &
         ~static_cast<uint64_t>(AHARDWAREBUFFER_USAGE_CPU_READ_MASK | AHARDWAREBUFFER_USAGE_CPU_WRITE_MASK))
         return -EINVAL;
@@ -51,12 +51,13 @@ int AHardwareBuffer_lock(AHardwareBuffer* buffer, uint64_t usage, int32_t fence,
     if (locked->getLayerCount() > 1) return android::INVALID_OPERATION;
     const int waited = owned->waitForever("AHardwareBuffer_lock");
     if (waited != 0) return waited;
-    const Rect locks = rect ? Rect(rect->left, rect->top, rect->right, rect->bottom) : locked->getBounds();
+    const Rect locks =
+        rect != nullptr ? Rect(rect->left, rect->top, rect->right, rect->bottom) : locked->getBounds();
     return locked->lock(static_cast<uint32_t>(usage), locks, outVirtualAddress);
 }
 
 int AHardwareBuffer_unlock(AHardwareBuffer* buffer, int32_t* fence) {
-    if (!buffer) return -EINVAL;
-    if (fence) *fence = -1;
+    if (buffer == nullptr) return -EINVAL;
+    if (fence != nullptr) *fence = -1;
     return GraphicBuffer::fromAHardwareBuffer(buffer)->unlock();
 }

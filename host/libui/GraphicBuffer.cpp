@@ -34,7 +34,7 @@ bool allowsCpuAccess(uint64_t allocated, uint64_t asked) {
 
 native_handle_t* wrapDescriptor(base::unique_fd fd) {
     native_handle_t* handle = native_handle_create(1, 0);
-    if (handle) handle->data[0] = fd.release();
+    if (handle != nullptr) handle->data[0] = fd.release();
     return handle;
 }
 
@@ -65,8 +65,8 @@ GraphicBuffer::GraphicBuffer(uint32_t w, uint32_t h, PixelFormat format, uint32_
 }
 
 GraphicBuffer::~GraphicBuffer() {
-    if (mMapping) munmap(mMapping, mByteCount);
-    if (!handle) return;
+    if (mMapping != nullptr) munmap(mMapping, mByteCount);
+    if (handle == nullptr) return;
     native_handle_close(handle);
     native_handle_delete(const_cast<native_handle_t*>(handle));
 }
@@ -88,7 +88,7 @@ status_t GraphicBuffer::allocate(uint32_t w, uint32_t h, PixelFormat format, uin
     base::unique_fd memory = createSealedMemory(requestorName.c_str(), layout.byteCount);
     if (memory == -1) return NO_MEMORY;
     handle = wrapDescriptor(std::move(memory));
-    if (!handle) return NO_MEMORY;
+    if (handle == nullptr) return NO_MEMORY;
     describe(wanted);
     mByteCount = layout.byteCount;
     return NO_ERROR;
@@ -106,7 +106,7 @@ void GraphicBuffer::describe(const Attributes& attributes) {
 }
 
 sp<GraphicBuffer> GraphicBuffer::importFrom(const native_handle_t* handle, const Attributes& attributes) {
-    if (!handle || handle->numFds != 1 || attributes.stride != attributes.width) return nullptr;
+    if (handle == nullptr || handle->numFds != 1 || attributes.stride != attributes.width) return nullptr;
     if (attributes.width == 0 || attributes.height == 0 || attributes.layerCount == 0) return nullptr;
     BufferLayout layout;
     if (describeLayout(attributes.width, attributes.height, attributes.layerCount, attributes.format,
@@ -117,7 +117,7 @@ sp<GraphicBuffer> GraphicBuffer::importFrom(const native_handle_t* handle, const
 
     sp<GraphicBuffer> buffer(new GraphicBuffer);
     buffer->handle = wrapDescriptor(std::move(memory));
-    if (!buffer->handle) return nullptr;
+    if (buffer->handle == nullptr) return nullptr;
     buffer->describe(attributes);
     buffer->mId = attributes.id;
     buffer->mByteCount = layout.byteCount;
@@ -156,22 +156,23 @@ status_t GraphicBuffer::lock(uint32_t cpuUsage, void** vaddr, int32_t* outBytesP
 
 status_t GraphicBuffer::lock(uint32_t cpuUsage, const Rect& rect, void** vaddr, int32_t* outBytesPerPixel,
                              int32_t* outBytesPerStride) {
-    if (!vaddr || !handle || !contains(getBounds(), rect) || !allowsCpuAccess(usage, cpuUsage))
+    if (vaddr == nullptr || handle == nullptr || !contains(getBounds(), rect) ||
+        !allowsCpuAccess(usage, cpuUsage))
         return BAD_VALUE;
     BufferLayout layout;
     const status_t status = describeLayout(getWidth(), getHeight(), getLayerCount(), format, &layout);
     if (status != NO_ERROR) return status;
 
     std::lock_guard<std::mutex> lock(mMappingLock);
-    if (!mMapping) {
+    if (mMapping == nullptr) {
         void* mapping = mmap(nullptr, mByteCount, PROT_READ | PROT_WRITE, MAP_SHARED, handle->data[0], 0);
         if (mapping == MAP_FAILED) return NO_MEMORY;
         mMapping = mapping;
     }
     mLockCount++;
     *vaddr = mMapping;
-    if (outBytesPerPixel) *outBytesPerPixel = layout.bytesPerPixel;
-    if (outBytesPerStride) *outBytesPerStride = layout.bytesPerRow;
+    if (outBytesPerPixel != nullptr) *outBytesPerPixel = layout.bytesPerPixel;
+    if (outBytesPerStride != nullptr) *outBytesPerStride = layout.bytesPerRow;
     return NO_ERROR;
 }
 

@@ -36,15 +36,15 @@ void allTags(const vendor_tag_ops_t*, uint32_t* tags) {
 }
 
 const char* sectionName(const vendor_tag_ops_t*, uint32_t tag) {
-    return find(tag) ? kVendorSection : nullptr;
+    return find(tag) != nullptr ? kVendorSection : nullptr;
 }
 
 const char* tagName(const vendor_tag_ops_t*, uint32_t tag) {
-    return find(tag) ? find(tag)->name : nullptr;
+    return find(tag) != nullptr ? find(tag)->name : nullptr;
 }
 
 int tagType(const vendor_tag_ops_t*, uint32_t tag) {
-    return find(tag) ? find(tag)->type : -1;
+    return find(tag) != nullptr ? find(tag)->type : -1;
 }
 
 bool resolve(const char* section, const char* name, unsigned& id) {

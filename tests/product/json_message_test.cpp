@@ -59,6 +59,7 @@ TEST(JsonMessage, ReportsCodeAndOffsetOfTheError) {
         {R"({"a":1,})", 4, 7},
         {R"("\ud800")", 9, 1},
         {"1e400", 13, 0},
+        {"/* */{}", 3, 0},
         {"\xEF\xBB\xBF{}", 3, 0},                // a byte order mark
         {std::string("\0{}", 3), 1, 0},          // nothing before the NUL
         {std::string("{\"a\":\0 1}", 9), 3, 5},  // the text ends inside
@@ -129,6 +130,8 @@ TEST(JsonMessage, SmallMessagesLeaveTheHeapAloneAndLargerOnesGrowByOneChunk) {
         message.root().AddMember("general", 1, message.allocator());
         for (int j = 0; j < 10; ++j)
             ASSERT_FALSE(message.parse("{\"a\":"));
+        message.reset();
+        message.allocator().Malloc(5 * 1024);
     }
     EXPECT_EQ(counter.count(), 0U);
     ASSERT_TRUE(message.parse(event));

@@ -72,7 +72,8 @@ struct Row {
 
 void check(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
-        const std::string json = row.value ? "{\"a\":" + std::string(row.value) + "}" : "{\"b\":1}";
+        const std::string json =
+            row.value != nullptr ? "{\"a\":" + std::string(row.value) + "}" : "{\"b\":1}";
         EXPECT_EQ(row.result, row.read(json, row.index)) << json;
     }
 }

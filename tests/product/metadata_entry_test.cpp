@@ -23,12 +23,12 @@ bool gFailAppend = false;
 // These stand before the library's own for everything in this program.
 extern "C" camera_metadata_t* allocate_camera_metadata(size_t entries, size_t bytes) {
     camera_metadata_t* buffer = nextDefinition<decltype(allocate_camera_metadata)>(__func__)(entries, bytes);
-    if (buffer) ++gBuffers;
+    if (buffer != nullptr) ++gBuffers;
     return buffer;
 }
 
 extern "C" void free_camera_metadata(camera_metadata_t* buffer) {
-    if (buffer) --gBuffers;
+    if (buffer != nullptr) --gBuffers;
     nextDefinition<decltype(free_camera_metadata)>(__func__)(buffer);
 }
 

@@ -40,7 +40,7 @@ extern "C" int usleep(useconds_t length) {
 
 namespace {
 
-// A service whose calls run and then fail.
+// A service whose commands are carried out and then fail.
 struct FailingService : FakeDesktopService {
     static android::hardware::Status failure() {
         return android::hardware::Status::fromStatusT(android::FAILED_TRANSACTION);
@@ -50,12 +50,6 @@ struct FailingService : FakeDesktopService {
         reply("late");
         return failure();
     }
-    android::hardware::Return<bool> unlinkToDeath(
-        const android::sp<android::hardware::hidl_death_recipient>&) override {
-        ++unlinks;
-        return failure();
-    }
-    int unlinks = 0;
 };
 
 class ALink : public HelperFixture {
@@ -115,18 +109,19 @@ TEST_F(ALink, ReportsAFailedCallWithItsKindAndKeepsTheProxy) {
     EXPECT_TRUE(isConnected());
 }
 
-TEST_F(ALink, SurvivesAServiceThatFailsEveryCallOfTheConnection) {
+TEST_F(ALink, SurvivesAServiceThatFailsEveryCall) {
     service = FakeDesktopService::start();
-    failNextCalls(3, FailingService::failure());
+    failNextCalls(4, FailingService::failure());  // registration, death watch, surface, end of the watch
     remake();
     EXPECT_TRUE(isConnected());
-    const android::sp<FailingService> failing = new FailingService;
-    DesktopHelperTestAccess::setProxy(*helper, failing);
-    EXPECT_EQ(sendToApp(), "late") << "a reply that came before the failure counts";
-    EXPECT_EQ(log.count("setCommandTo: Failed during binder call, isDead 0"), 1u);
     helper->disconnectFromServiceLocked();
     EXPECT_FALSE(isConnected());
-    EXPECT_EQ(failing->unlinks, 1);
+    EXPECT_EQ(sendToApp(), "");
+    EXPECT_THAT(service->calls(), ElementsAre("registerCallback 2", "sendCommand 0 {}"));
+
+    DesktopHelperTestAccess::setProxy(*helper, new FailingService);
+    EXPECT_EQ(sendToApp(), "late") << "a reply that came before the failure counts";
+    EXPECT_EQ(log.count("setCommandTo: Failed during binder call, isDead 0"), 1u);
 }
 
 TEST_F(ALink, IsMadeAgainAfterADeath) {

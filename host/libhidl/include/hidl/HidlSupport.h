@@ -33,25 +33,25 @@ void checkLength(size_t length);
 }  // namespace details
 
 /**
- * / Told of the death of a remote object. linkToDeath() keeps only a weak pointer to it, so the caller holds
- * / it.
+ * Told of the death of a remote object. linkToDeath() keeps only a weak pointer to it, so the caller holds
+ * it.
  */
 struct hidl_death_recipient : public virtual RefBase {
     /**
-     * / Called once per registration, on a thread that made none of the calls on the dead object. `cookie` is
-     * / the registration's, `who` the proxy on which it was made.
+     * Called once per registration, on a thread that made none of the calls on the dead object. `cookie` is
+     * the registration's, `who` the proxy on which it was made.
      */
     virtual void serviceDied(uint64_t cookie, const wp<::android::hidl::base::V1_0::IBase>& who) = 0;
 };
 
 /**
- * / A native handle in a message: borrowed when made from a pointer, owned when copied from another
- * / hidl_handle. Copying duplicates the descriptors; a copy that fails (no descriptors left) aborts the
- * / process.
+ * A native handle in a message: borrowed when made from a pointer, owned when copied from another
+ * hidl_handle. Copying duplicates the descriptors; a copy that fails (no descriptors left) aborts the
+ * process.
  */
 struct hidl_handle {
     hidl_handle() = default;
-    /** / Borrows `handle`: neither closed nor freed here. */
+    /** Borrows `handle`: neither closed nor freed here. */
     hidl_handle(const native_handle_t* handle) : mHandle(handle) {}
     hidl_handle(const hidl_handle& other) { *this = other; }
     hidl_handle(hidl_handle&& other) noexcept { *this = std::move(other); }
@@ -61,12 +61,12 @@ struct hidl_handle {
     hidl_handle& operator=(const native_handle_t* handle);
     hidl_handle& operator=(hidl_handle&& other) noexcept;
 
-    /** / Points at `handle`; with `shouldOwn` the descriptors are closed and the handle freed at the end. */
+    /** Points at `handle`; with `shouldOwn` the descriptors are closed and the handle freed at the end. */
     void setTo(native_handle_t* handle, bool shouldOwn = false);
 
     const native_handle_t* operator->() const { return mHandle; }
     operator const native_handle_t*() const { return mHandle; }
-    /** / Borrowed; null for an empty handle. */
+    /** Borrowed; null for an empty handle. */
     const native_handle_t* getNativeHandle() const { return mHandle; }
 
   private:
@@ -77,14 +77,14 @@ struct hidl_handle {
 };
 
 /**
- * / Text by length: NUL bytes inside survive copies, and c_str() is always terminated. Owns its bytes except
- * / after setToExternal().
+ * Text by length: NUL bytes inside survive copies, and c_str() is always terminated. Owns its bytes except
+ * after setToExternal().
  */
 struct hidl_string {
     hidl_string() = default;
-    /** / Null makes an empty string. */
-    hidl_string(const char* text) : hidl_string(text, text ? strlen(text) : 0) {}
-    /** / Copies `length` bytes. */
+    /** Null makes an empty string. */
+    hidl_string(const char* text) : hidl_string(text, text != nullptr ? strlen(text) : 0) {}
+    /** Copies `length` bytes. */
     hidl_string(const char* text, size_t length) { copyFrom(text, length); }
     hidl_string(const std::string& text) : hidl_string(text.data(), text.size()) {}
     hidl_string(const hidl_string& other) : hidl_string(other.c_str(), other.size()) {}
@@ -104,8 +104,8 @@ struct hidl_string {
     void clear();
 
     /**
-     * / Points at `length` bytes of the caller's, which must outlive this object and be followed by a NUL;
-     * / aborts when they are not.
+     * Points at `length` bytes of the caller's, which must outlive this object and be followed by a NUL;
+     * aborts when they are not.
      */
     void setToExternal(const char* data, size_t length);
 
@@ -143,8 +143,7 @@ inline std::ostream& operator<<(std::ostream& out, const hidl_string& text) {
 }
 
 /**
- * / A sequence in a message, with at most UINT32_MAX elements. Owns its elements except after
- * setToExternal().
+ * A sequence in a message, with at most UINT32_MAX elements. Owns its elements except after setToExternal().
  */
 template <typename T>
 struct hidl_vec {
@@ -169,7 +168,7 @@ struct hidl_vec {
         if (this != &other) *this = hidl_vec(other);
         return *this;
     }
-    /** / `other` keeps its size and points at elements that are no longer its own: not to be used again. */
+    /** `other` keeps its size and points at elements that are no longer its own: not to be used again. */
     hidl_vec& operator=(hidl_vec&& other) noexcept {
         mOwned = std::move(other.mOwned);
         mBuffer = other.mBuffer;
@@ -190,8 +189,8 @@ struct hidl_vec {
     const_iterator end() const { return mBuffer + mSize; }
 
     /**
-     * / Keeps the elements that fit, by moving them; new ones are value-initialised. Pointers to elements
-     * / become invalid.
+     * Keeps the elements that fit, by moving them; new ones are value-initialised. Pointers to elements
+     * become invalid.
      */
     void resize(size_t size) {
         details::checkLength(size);
@@ -202,7 +201,7 @@ struct hidl_vec {
         mSize = static_cast<uint32_t>(size);
     }
 
-    /** / Points at `size` elements of the caller's, which must outlive this object. */
+    /** Points at `size` elements of the caller's, which must outlive this object. */
     void setToExternal(T* data, size_t size) {
         details::checkLength(size);
         mOwned.reset();
@@ -225,7 +224,7 @@ bool operator!=(const hidl_vec<T>& a, const hidl_vec<T>& b) {
     return !(a == b);
 }
 
-/** / A fixed sequence in a message; one dimension only. */
+/** A fixed sequence in a message; one dimension only. */
 template <typename T, size_t SIZE>
 struct hidl_array {
     hidl_array() = default;

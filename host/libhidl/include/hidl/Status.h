@@ -12,7 +12,7 @@
 
 namespace android::hardware {
 
-/** / How a call ended: fine, with an exception code from the peer, or with a transport error. */
+/** How a call ended: fine, with an exception code from the peer, or with a transport error. */
 class Status final {
   public:
     enum Exception : int32_t {
@@ -31,7 +31,7 @@ class Status final {
     static Status ok() { return {}; }
     static Status fromExceptionCode(int32_t exceptionCode) { return fromExceptionCode(exceptionCode, ""); }
     static Status fromExceptionCode(int32_t exceptionCode, const char* message);
-    /** / OK makes an OK status, any other value EX_TRANSACTION_FAILED with that error. */
+    /** OK makes an OK status, any other value EX_TRANSACTION_FAILED with that error. */
     static Status fromStatusT(status_t status);
 
     Status() = default;
@@ -41,10 +41,10 @@ class Status final {
 
     int32_t exceptionCode() const { return mException; }
     const char* exceptionMessage() const { return mMessage.c_str(); }
-    /** / The transport error; OK unless the exception code is EX_TRANSACTION_FAILED. */
+    /** The transport error; OK unless the exception code is EX_TRANSACTION_FAILED. */
     status_t transactionError() const { return mException == EX_TRANSACTION_FAILED ? mErrorCode : OK; }
     bool isOk() const { return mException == EX_NONE; }
-    /** / For logs only. */
+    /** For logs only. */
     std::string description() const;
 
   private:
@@ -56,23 +56,23 @@ class Status final {
 namespace details {
 
 /**
- * / The status of a Return and its duty: a failed one that is destroyed, or assigned over, before anybody
- * / checked it aborts the process. A Return belongs to one thread.
+ * The status of a Return and its duty: a failed one that is destroyed, or assigned over, before anybody
+ * checked it aborts the process. A Return belongs to one thread.
  */
 class return_status {
   public:
-    /** / Aborts unless OK; marks as checked. */
+    /** Aborts unless OK; marks as checked. */
     void assertOk() const;
-    /** / Marks as checked. */
+    /** Marks as checked. */
     bool isOk() const {
         mChecked = true;
         return mStatus.isOk();
     }
-    /** / Does not mark as checked. */
+    /** Does not mark as checked. */
     bool isOkUnchecked() const { return mStatus.isOk(); }
-    /** / True only when the peer is gone, and only then marks as checked. */
+    /** True only when the peer is gone, and only then marks as checked. */
     bool isDeadObject() const;
-    /** / Does not mark as checked. */
+    /** Does not mark as checked. */
     std::string description() const { return mStatus.description(); }
 
     return_status(const return_status&) = delete;
@@ -81,12 +81,12 @@ class return_status {
   protected:
     return_status() = default;
     return_status(const Status& status) : mStatus(status) {}
-    /** / The duty to check moves along. */
+    /** The duty to check moves along. */
     return_status(return_status&& other) noexcept;
     return_status& operator=(return_status&& other) noexcept;
     ~return_status();
 
-    /** / Aborts when there is no value to hand out, even if the failure was looked at before. */
+    /** Aborts when there is no value to hand out, even if the failure was looked at before. */
     void assertHasValue() const;
 
   private:
@@ -98,17 +98,17 @@ class return_status {
 
 }  // namespace details
 
-/** / What the runtime does with an OK Return that nobody checked. A failed one aborts in any case. */
+/** What the runtime does with an OK Return that nobody checked. A failed one aborts in any case. */
 enum class HidlReturnRestriction {
     NONE,
     ERROR_IF_UNCHECKED,
     FATAL_IF_UNCHECKED,
 };
 
-/** / Thread-safe; the start value is NONE. */
+/** Thread-safe; the start value is NONE. */
 void setProcessHidlReturnRestriction(HidlReturnRestriction restriction);
 
-/** / Result of a call that yields a scalar or an enumeration. */
+/** Result of a call that yields a scalar or an enumeration. */
 template <typename T>
 class [[nodiscard]] Return : public details::return_status {
   public:
@@ -117,19 +117,19 @@ class [[nodiscard]] Return : public details::return_status {
     Return(Return&&) noexcept = default;
     Return& operator=(Return&&) noexcept = default;
 
-    /** / Aborts when the call failed, also after isOk() said so. */
+    /** Aborts when the call failed, also after isOk() said so. */
     operator T() const {
         assertHasValue();
         return mValue;
     }
-    /** / The value, or `fallback` when the call failed; marks as checked. */
+    /** The value, or `fallback` when the call failed; marks as checked. */
     T withDefault(T fallback) { return isOk() ? mValue : fallback; }
 
   private:
     T mValue{};
 };
 
-/** / Result of a call that yields an interface. */
+/** Result of a call that yields an interface. */
 template <typename T>
 class [[nodiscard]] Return<sp<T>> : public details::return_status {
   public:
@@ -143,19 +143,19 @@ class [[nodiscard]] Return<sp<T>> : public details::return_status {
     Return(Return&&) noexcept = default;
     Return& operator=(Return&&) noexcept = default;
 
-    /** / Aborts when the call failed, also after isOk() said so. */
+    /** Aborts when the call failed, also after isOk() said so. */
     operator sp<T>() const {
         assertHasValue();
         return mValue;
     }
-    /** / The value, or `fallback` when the call failed; marks as checked. */
+    /** The value, or `fallback` when the call failed; marks as checked. */
     sp<T> withDefault(sp<T> fallback) { return isOk() ? mValue : fallback; }
 
   private:
     sp<T> mValue;
 };
 
-/** / Result of a call that yields nothing, or hands its results to a reply function. */
+/** Result of a call that yields nothing, or hands its results to a reply function. */
 template <>
 class [[nodiscard]] Return<void> : public details::return_status {
   public:

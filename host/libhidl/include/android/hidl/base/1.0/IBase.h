@@ -13,20 +13,20 @@
 namespace android::hidl::base::V1_0 {
 
 /**
- * / Root of every interface. The operations stand in the order of the virtual table. The ones defined here
- * are / those of a local object; a proxy overrides them.
+ * Root of every interface. The operations stand in the order of the virtual table. The ones defined here are
+ * those of a local object; a proxy overrides them.
  */
 struct IBase : virtual public ::android::RefBase {
     static const char* descriptor;
 
-    /** / False for an object of this process, true for a proxy. */
+    /** False for an object of this process, true for a proxy. */
     virtual bool isRemote() const;
 
     using interfaceChain_cb = std::function<void(
         const ::android::hardware::hidl_vec<::android::hardware::hidl_string>& descriptors)>;
     /**
-     * / Descriptors of the interface and its parents, the most derived first. Every operation that takes a
-     * / reply function fails with EX_ILLEGAL_ARGUMENT when it is empty.
+     * Descriptors of the interface and its parents, the most derived first. Every operation that takes a
+     * reply function fails with EX_ILLEGAL_ARGUMENT when it is empty.
      */
     virtual ::android::hardware::Return<void> interfaceChain(interfaceChain_cb _hidl_cb);
 
@@ -39,15 +39,15 @@ struct IBase : virtual public ::android::RefBase {
 
     using getHashChain_cb = std::function<void(
         const ::android::hardware::hidl_vec<::android::hardware::hidl_array<uint8_t, 32>>& hashchain)>;
-    /** / Absent: aborts. */
+    /** Absent: aborts. */
     virtual ::android::hardware::Return<void> getHashChain(getHashChain_cb _hidl_cb);
 
     virtual ::android::hardware::Return<void> setHALInstrumentation();
 
     /**
-     * / On a proxy: keeps a weak pointer to `recipient` until the proxy is destroyed. False only when the
-     * / proxy has told of its peer's death already; when the peer is dead otherwise, `recipient` is told at
-     * / once. Null is accepted. On a local object: whether `recipient` is non-null; it is never called.
+     * On a proxy: keeps a weak pointer to `recipient` until the proxy is destroyed. False only when the proxy
+     * has told of its peer's death already; when the peer is dead otherwise, `recipient` is told at once.
+     * Null is accepted. On a local object: whether `recipient` is non-null; it is never called.
      */
     virtual ::android::hardware::Return<bool> linkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie);
@@ -59,7 +59,7 @@ struct IBase : virtual public ::android::RefBase {
 
     virtual ::android::hardware::Return<void> notifySyspropsChanged();
 
-    /** / Removes the newest registration of `recipient`: false when there is none, or it has been told. */
+    /** Removes the newest registration of `recipient`: false when there is none, or it has been told. */
     virtual ::android::hardware::Return<bool> unlinkToDeath(
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient);
 

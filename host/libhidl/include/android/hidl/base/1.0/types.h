@@ -4,7 +4,7 @@
 
 namespace android::hidl::base::V1_0 {
 
-/** / Where an object lives: its process, its address there, and the width of that process. */
+/** Where an object lives: its process, its address there, and the width of that process. */
 struct DebugInfo final {
     enum class Architecture : int32_t { UNKNOWN = 0, IS_64BIT = 1, IS_32BIT = 2 };
 

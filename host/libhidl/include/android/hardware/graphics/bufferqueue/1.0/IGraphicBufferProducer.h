@@ -13,9 +13,9 @@
 namespace android::hardware::graphics::bufferqueue::V1_0 {
 
 /**
- * / The producer's end of a buffer queue, as it crosses between processes. Statuses and flags are plain
- * / integers: those of android::IGraphicBufferProducer. Operations that no adapter uses are not pure: they
- * / answer INVALID_OPERATION.
+ * The producer's end of a buffer queue, as it crosses between processes. Statuses and flags are plain
+ * integers: those of android::IGraphicBufferProducer. Operations that no adapter uses are not pure: they
+ * answer INVALID_OPERATION.
  */
 struct IGraphicBufferProducer : public ::android::hidl::base::V1_0::IBase {
     static const char* descriptor;

@@ -6,7 +6,7 @@
 
 namespace android::hardware::graphics::bufferqueue::V1_0 {
 
-/** / A producer's ear for buffers that the consumer releases. */
+/** A producer's ear for buffers that the consumer releases. */
 struct IProducerListener : public ::android::hidl::base::V1_0::IBase {
     static const char* descriptor;
 

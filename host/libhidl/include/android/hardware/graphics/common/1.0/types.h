@@ -4,7 +4,7 @@
 
 namespace android::hardware::graphics::common::V1_0 {
 
-/** / Pixel formats by their number; others may be carried by a cast. */
+/** Pixel formats by their number; others may be carried by a cast. */
 enum class PixelFormat : int32_t {
     RGBA_8888 = 1,
     RGBX_8888 = 2,
@@ -23,7 +23,7 @@ enum class PixelFormat : int32_t {
     YV12 = 842094169,
 };
 
-/** / Data spaces by their number; others may be carried by a cast. */
+/** Data spaces by their number; others may be carried by a cast. */
 enum class Dataspace : int32_t {
     UNKNOWN = 0,
     ARBITRARY = 1,

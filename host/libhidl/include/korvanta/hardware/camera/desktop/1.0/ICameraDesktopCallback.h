@@ -8,14 +8,14 @@
 
 namespace korvanta::hardware::camera::desktop::V1_0 {
 
-/** / A client's end of the desktop service: takes the commands that the peers send to it. */
+/** A client's end of the desktop service: takes the commands that the peers send to it. */
 struct ICameraDesktopCallback : public ::android::hidl::base::V1_0::IBase {
     static const char* descriptor;
 
     virtual bool isRemote() const override;
 
     using onCommand_cb = std::function<void(const ::android::hardware::hidl_string& reply)>;
-    /** / Handles one JSON command. The implementation calls `_hidl_cb` exactly once before it returns. */
+    /** Handles one JSON command. The implementation calls `_hidl_cb` exactly once before it returns. */
     virtual ::android::hardware::Return<void> onCommand(const ::android::hardware::hidl_string& command,
                                                         onCommand_cb _hidl_cb) = 0;
 
@@ -35,8 +35,8 @@ struct ICameraDesktopCallback : public ::android::hidl::base::V1_0::IBase {
         const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) override;
 
     /**
-     * / `parent` as this interface when its interface chain has it, otherwise null; with `emitError` a failed
-     * / question is passed on.
+     * `parent` as this interface when its interface chain has it, otherwise null; with `emitError` a failed
+     * question is passed on.
      */
     static ::android::hardware::Return<::android::sp<ICameraDesktopCallback>> castFrom(
         const ::android::sp<ICameraDesktopCallback>& parent, bool emitError = false);
