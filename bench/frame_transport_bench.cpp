@@ -369,7 +369,8 @@ bool registerAll() {
     }
     addAim({kSubject, "p50_us", 1.1, "lent nearby 3840x2160", "lent nearby 640x480"});
     const std::string subject = "frame to another process";
-    for (const auto& [name, run] : {std::pair("/product", &lendOnOneProcessor), std::pair("/floor", &lendBare)}) {
+    for (const auto& [name, run] :
+         {std::pair("/product", &lendOnOneProcessor), std::pair("/floor", &lendBare)}) {
         benchmark::RegisterBenchmark((subject + name).c_str(), run, kSizes[0])
             ->UseRealTime()
             ->Iterations(2000)

@@ -31,7 +31,7 @@ std::shared_ptr<Client> ProducerChannels::clientOf(SessionId session, const std:
         return use.session == session && use.busName == busName && use.producer == producer;
     });
     if (known != mUses.end()) return known->client;
-    const auto client = std::make_shared<Client>();
+    auto client = std::make_shared<Client>();
     client->name = std::to_string(session) + " " + busName;
     mUses.push_back({session, busName, producer, client});
     return client;

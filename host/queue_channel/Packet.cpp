@@ -12,7 +12,10 @@ namespace {
 
 using android::hardware::hidl_handle;
 
-// A message with room for the packet and a descriptor.
+// More than one is too many. The kernel closes what there is no room for; an emulator may lose it.
+constexpr size_t kDescriptorRoom = 4;
+
+// A message with room for the packet and descriptors.
 struct Message : msghdr {
     Message(void* packet, size_t size) : msghdr(), bytes{packet, size} {
         msg_iov = &bytes;
@@ -24,13 +27,13 @@ struct Message : msghdr {
     Message& operator=(const Message&) = delete;
 
     iovec bytes;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    alignas(cmsghdr) char control[CMSG_SPACE(kDescriptorRoom * sizeof(int))] = {};
 };
 
 // Keeps one descriptor and closes others; false unless there is at most one, and nothing else.
 bool takeDescriptor(const Message& message, hidl_handle* handle) {
     if (message.msg_controllen == 0) return true;
-    const auto* const header = reinterpret_cast<const cmsghdr*>(message.control);  // room for one only
+    const auto* const header = reinterpret_cast<const cmsghdr*>(message.control);  // no other has room
     if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) return false;
     for (size_t at = CMSG_LEN(0); at < header->cmsg_len; at += sizeof(int)) {
         native_handle_t* const native = native_handle_create(1, 0);
@@ -58,6 +61,7 @@ int send(int socket, const void* packet, size_t size, const hidl_handle& handle,
     } else {
         auto* const header = reinterpret_cast<cmsghdr*>(message.control);
         *header = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        message.msg_controllen = CMSG_SPACE(sizeof(int));
         std::memcpy(CMSG_DATA(header), native->data, sizeof(int));
     }
     ssize_t count;
