@@ -9,7 +9,6 @@
 #include <system/window.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "ConsumerQueue.h"
@@ -27,30 +26,6 @@ using android::base::unique_fd;
 using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
 using BProducer = android::IGraphicBufferProducer;
 
-// Takes the input apart; what is missing is 0.
-class Input {
-  public:
-    Input(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-
-    bool isEmpty() const { return mSize == 0; }
-    template <typename T>
-    void take(T* value) {
-        const size_t count = std::min(sizeof(T), mSize);
-        std::memcpy(static_cast<void*>(value), mData, count);
-        mData += count;
-        mSize -= count;
-    }
-    uint8_t takeByte() {
-        uint8_t byte = 0;
-        take(&byte);
-        return byte;
-    }
-
-  private:
-    const uint8_t* mData;
-    size_t mSize;
-};
-
 int sealedMemory() {
     static const unique_fd memory = [] {
         unique_fd fd(memfd_create("fuzz", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -61,21 +36,21 @@ int sealedMemory() {
 }
 
 template <typename Packet>
-void sendNext(RawChannelEnd& end, Input& input, Packet packet) {
-    const uint8_t how = input.takeByte();
-    input.take(&packet);
+void sendNext(RawChannelEnd& end, Bytes& input) {
+    const auto how = input.next<uint8_t>();
+    auto packet = input.next<Packet>();
     if (how & 0x10) packet.version = kVersion;
     const int extraBytes = (how & 0x0f) == 1 ? -1 : (how & 0x0f) == 2 ? 1 : 0;
     end.send(packet, extraBytes, std::vector<int>(how >> 6, sealedMemory()), MSG_DONTWAIT);
 }
 
-void feedServer(Input& input) {
+void feedServer(Bytes& input) {
     const ConsumerQueue queue;
     queue.producer->setDequeueTimeout(0);  // nothing waits
     const auto client = std::make_shared<Client>();
     RawChannelEnd end(ProducerServer::open(queue.surface, client));
-    while (!input.isEmpty()) {
-        sendNext(end, input, Request());
+    while (!input.empty()) {
+        sendNext<Request>(end, input);
         Reply reply;
         while (end.receive(reply, MSG_DONTWAIT) > 0) {
         }
@@ -122,15 +97,13 @@ void ask(const sp<BProducer>& producer, uint8_t what) {
     }
 }
 
-void feedCaller(Input& input) {
+void feedCaller(Bytes& input) {
     unique_fd socket;
     RawChannelEnd end = RawChannelEnd::openPair(&socket);
     const sp<BProducer> producer = new H2BGraphicBufferProducer(new RemoteProducer(std::move(socket)));
-    for (uint32_t number = 1; !input.isEmpty(); ++number) {
-        const uint8_t what = input.takeByte();
-        Reply reply;
-        reply.number = number;
-        sendNext(end, input, reply);  // before it is asked for
+    while (!input.empty()) {
+        const auto what = input.next<uint8_t>();
+        sendNext<Reply>(end, input);  // before it is asked for
         ask(producer, what);
         Request request;
         while (end.receive(request, MSG_DONTWAIT) > 0) {
@@ -143,8 +116,8 @@ void feedCaller(Input& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input input(data, size);
-    if (input.takeByte() % 2 == 0) {
+    Bytes input(data, size);
+    if (input.below(2) == 0) {
         feedServer(input);
     } else {
         feedCaller(input);
