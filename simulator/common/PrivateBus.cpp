@@ -1,6 +1,7 @@
 #include "PrivateBus.h"
 
 #include <android-base/unique_fd.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -78,6 +79,11 @@ unique_fd memoryFile(const std::string& text) {
 }  // namespace
 
 PrivateBus::PrivateBus() {
+    // The daemon would start, and admit nobody.
+    if (getpwuid(getuid()) == nullptr) {
+        throw std::runtime_error("the message bus needs a name for user " + std::to_string(getuid()) +
+                                 ": there is no entry in the password database");
+    }
     const unique_fd file = memoryFile(configuration(kAddressPrefix + ("vel-bus-" + randomName())));
     ChildProcess::Options options;
     options.command = {
@@ -97,6 +103,10 @@ PrivateBus::~PrivateBus() = default;
 void PrivateBus::kill() {
     mDaemon->kill(SIGKILL);
     (void)mDaemon->wait();
+}
+
+void PrivateBus::suspend() {
+    mDaemon->kill(SIGSTOP);
 }
 
 }  // namespace vel::sim

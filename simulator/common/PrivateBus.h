@@ -25,6 +25,8 @@ class PrivateBus {
 
     /** Ends the daemon at once, as a crash would; every connection breaks. */
     void kill();
+    /** Stops the daemon where it is: connections last, and nothing is answered any more. */
+    void suspend();
 
   private:
     std::unique_ptr<ChildProcess> mDaemon;
