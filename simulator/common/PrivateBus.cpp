@@ -78,7 +78,11 @@ unique_fd memoryFile(const std::string& text) {
 }  // namespace
 
 PrivateBus::PrivateBus() {
-    const unique_fd file = memoryFile(configuration(kAddressPrefix + ("vel-bus-" + randomName())));
+    start(kAddressPrefix + ("vel-bus-" + randomName()));
+}
+
+void PrivateBus::start(const std::string& address) {
+    const unique_fd file = memoryFile(configuration(address));
     ChildProcess::Options options;
     options.command = {
         "dbus-daemon", "--config-file=/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file),
@@ -97,6 +101,10 @@ PrivateBus::~PrivateBus() = default;
 void PrivateBus::kill() {
     mDaemon->kill(SIGKILL);
     (void)mDaemon->wait();
+}
+
+void PrivateBus::restart() {
+    start(std::string(mAddress));
 }
 
 }  // namespace vel::sim

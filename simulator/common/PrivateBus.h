@@ -25,8 +25,14 @@ class PrivateBus {
 
     /** Ends the daemon at once, as a crash would; every connection breaks. */
     void kill();
+    /** Starts a daemon anew at the same address, after kill(). Throws as the constructor does. */
+    void restart();
+    /** Sends the daemon a signal. */
+    void signal(int signal) { mDaemon->kill(signal); }
 
   private:
+    void start(const std::string& address);
+
     std::unique_ptr<ChildProcess> mDaemon;
     std::string mAddress;
 };
