@@ -36,8 +36,8 @@ class Peers {
     void continueService() { mService->kill(SIGCONT); }
     void stopApp() { mApp->kill(SIGSTOP); }
     void continueApp() { mApp->kill(SIGCONT); }
-    void stopBus() { mBus.signal(SIGSTOP); }
-    void continueBus() { mBus.signal(SIGCONT); }
+    void stopBus() { mBus.suspend(); }
+    void continueBus() { mBus.resume(); }
 
     /** Has the application open its camera, name its tags and configure its frames, as soon as it can. */
     void configureApp();

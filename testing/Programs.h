@@ -8,6 +8,9 @@
 
 // Link the target program_kit, and let the test depend on the programs that it starts.
 
+/** Where a program of the simulator is. */
+std::string programPath(const std::string& name);
+
 /**
  * Starts a program: one of the simulator by its name, any other by its path. It finds the bus of the address.
  */

@@ -55,6 +55,7 @@ class ScriptedProducer : public android::IGraphicBufferProducer {
     android::status_t connect(const android::sp<android::IProducerListener>& listener, int api,
                               bool producerControlledByApp, QueueBufferOutput* output) override;
     android::status_t disconnect(int api, DisconnectMode mode) override;
+    android::status_t setDequeueTimeout(nsecs_t) override { return android::NO_ERROR; }
 
   private:
     template <typename Answer>

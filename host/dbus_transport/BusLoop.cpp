@@ -5,6 +5,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
 #include <thread>
 
 #include "DesktopBusNames.h"
@@ -14,6 +17,10 @@ namespace vel::dbus_transport {
 namespace bus = vel::desktop_bus;
 
 namespace {
+
+// Between attempts to reach a bus that cannot be reached.
+constexpr std::chrono::milliseconds kShortestPause{50};
+constexpr std::chrono::milliseconds kLongestPause{2000};
 
 // A call that a thread waits for.
 class WaitedCall {
@@ -31,6 +38,12 @@ class WaitedCall {
         std::unique_lock<std::mutex> lock(mLock);
         mFinished.wait(lock, [this] { return mDone; });
         return mStatus;
+    }
+
+    CallStatus waitFor(std::chrono::milliseconds limit) {
+        std::unique_lock<std::mutex> lock(mLock);
+        if (mFinished.wait_for(lock, limit, [this] { return mDone; })) return mStatus;
+        return {CallStatus::FAILED, "the peer does not answer"};
     }
 
   private:
@@ -53,14 +66,27 @@ CallStatus outcome(sdbus::MethodReply* reply, const sdbus::Error* error,
 
 }  // namespace
 
-BusLoop::BusLoop(BusListener& listener)
-    : mListener(listener), mWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+BusLoop::BusLoop(BusListener& listener) : mListener(listener) {}
+
+bool BusLoop::startLocked() try {
+    if (mIsStarted) return true;
+    if (mWakeUp < 0) mWakeUp.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (mWakeUp < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
     std::thread([this] { run(); }).detach();
+    return mIsStarted = true;
+} catch (const std::system_error& error) {
+    __android_log_print(ANDROID_LOG_ERROR, bus::kLogTag, "The bus cannot be used: %s", error.what());
+    return false;
+}
+
+bool BusLoop::mayTryLocked(const std::string& address) const {
+    return address != mFailedAddress || std::chrono::steady_clock::now() >= mNextAttempt;
 }
 
 OpenSession BusLoop::open(const std::string& address, std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(mLock);
-    if (mState == State::CLOSED) {
+    if (!startLocked()) return {};
+    if (mState == State::CLOSED && mayTryLocked(address)) {
         mState = State::OPENING;
         mClosures.push_back([this, id = ++mLastSession.id, address] { openOnLoop(id, address); });
         wake();
@@ -74,18 +100,36 @@ OpenSession BusLoop::open(const std::string& address, std::chrono::milliseconds 
 CallStatus BusLoop::call(const RemoteObject& target, const char* interface, const char* method,
                          const WriteArguments& writeArguments, const ReadReply& readReply) {
     const auto waited = std::make_shared<WaitedCall>();
-    enqueue([&, this, waited] {
-        BusSession* session = sessionOnLoop(target.session);
-        if (session == nullptr) {
-            waited->finish({CallStatus::DEAD, "the connection to the bus has ended"});
-            return;
-        }
-        session->calls().begin(target.object, interface, method, writeArguments,
-                               [&readReply, waited](sdbus::MethodReply* reply, const sdbus::Error* error) {
-                                   waited->finish(outcome(reply, error, readReply));
-                               });
+    enqueue([&, waited] {
+        beginOnLoop(target, interface, method, writeArguments,
+                    [&readReply, waited](sdbus::MethodReply* reply, const sdbus::Error* error) {
+                        waited->finish(outcome(reply, error, readReply));
+                    });
     });
     return waited->wait();
+}
+
+CallStatus BusLoop::callWithin(std::chrono::milliseconds limit, const RemoteObject& target,
+                               const char* interface, const char* method,
+                               const WriteArguments& writeArguments, const ReadReply& readReply) {
+    const auto waited = std::make_shared<WaitedCall>();
+    enqueue([=] {
+        beginOnLoop(target, interface, method, writeArguments,
+                    [readReply, waited](sdbus::MethodReply* reply, const sdbus::Error* error) {
+                        waited->finish(outcome(reply, error, readReply));
+                    });
+    });
+    return waited->waitFor(limit);
+}
+
+void BusLoop::beginOnLoop(const RemoteObject& target, const char* interface, const char* method,
+                          const WriteArguments& writeArguments, bus::AsyncCalls::OnReply onReply) {
+    if (BusSession* const session = sessionOnLoop(target.session)) {
+        session->calls().begin(target.object, interface, method, writeArguments, std::move(onReply));
+        return;
+    }
+    const sdbus::Error ended(bus::kErrorNoReply, "the connection to the bus has ended");
+    onReply(nullptr, &ended);
 }
 
 void BusLoop::post(SessionId session, std::function<void(BusSession&)> work) {
@@ -154,6 +198,9 @@ void BusLoop::openOnLoop(SessionId id, const std::string& address) {
                             exception.what());
     }
     std::lock_guard<std::mutex> lock(mLock);
+    mPause = mSession ? std::chrono::milliseconds(0) : std::clamp(2 * mPause, kShortestPause, kLongestPause);
+    mFailedAddress = mSession ? "" : address;
+    mNextAttempt = std::chrono::steady_clock::now() + mPause;
     mState = mSession ? State::OPEN : State::CLOSED;
     if (mSession) mLastSession.ownName = mSession->uniqueName();
     mStateChanged.notify_all();

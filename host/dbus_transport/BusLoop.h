@@ -57,7 +57,9 @@ class BusLoop {
 
     /**
      * The session in progress, else a new one with the bus at the address; id 0 when that fails (logged) or
-     * takes longer than the limit, in which case the attempt goes on for a later call to find.
+     * takes longer than the limit, in which case the attempt goes on for a later call to find. An address
+     * that failed is left alone for a while, up to two seconds when it fails again and again: each attempt
+     * leaves memory behind in the bus library.
      */
     OpenSession open(const std::string& address, std::chrono::milliseconds limit);
 
@@ -67,6 +69,13 @@ class BusLoop {
      */
     CallStatus call(const RemoteObject& target, const char* interface, const char* method,
                     const WriteArguments& writeArguments, const ReadReply& readReply);
+    /**
+     * The same with a limit, behind which the status is FAILED. The functions may run later still, so they
+     * own what they use.
+     */
+    CallStatus callWithin(std::chrono::milliseconds limit, const RemoteObject& target, const char* interface,
+                          const char* method, const WriteArguments& writeArguments,
+                          const ReadReply& readReply);
 
     /** Runs on the loop's thread if the session still lasts by then. From any thread; does not block. */
     void post(SessionId session, std::function<void(BusSession&)> work);
@@ -76,6 +85,8 @@ class BusLoop {
     enum class State { CLOSED, OPENING, OPEN };
     using Closure = std::function<void()>;
 
+    bool startLocked();
+    bool mayTryLocked(const std::string& address) const;
     void enqueue(Closure closure);
     void wake();
     void run();
@@ -84,15 +95,21 @@ class BusLoop {
     void openOnLoop(SessionId id, const std::string& address);
     void endSession(const char* reason);
     BusSession* sessionOnLoop(SessionId id);
+    void beginOnLoop(const RemoteObject& target, const char* interface, const char* method,
+                     const WriteArguments& writeArguments, desktop_bus::AsyncCalls::OnReply onReply);
 
     BusListener& mListener;
-    const android::base::unique_fd mWakeUp;
+    android::base::unique_fd mWakeUp;  // from the start on
 
     std::mutex mLock;  // guards the fields below
+    bool mIsStarted = false;
     std::condition_variable mStateChanged;
     State mState = State::CLOSED;
     OpenSession mLastSession;
     std::deque<Closure> mClosures;
+    std::string mFailedAddress;  // empty when the last attempt was no failure
+    std::chrono::steady_clock::time_point mNextAttempt;
+    std::chrono::milliseconds mPause{0};  // before it
 
     std::unique_ptr<BusSession> mSession;  // the loop's thread only
 };

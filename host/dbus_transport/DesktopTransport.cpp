@@ -17,6 +17,9 @@ using korvanta::hardware::camera::desktop::V1_0::ICameraDesktopCallback;
 
 namespace {
 
+// A local bus answers at once or not at all; a HAL's thread is not to find out which.
+constexpr std::chrono::seconds kBusLimit{3};
+
 // The answer to an incoming command: a text, or an error.
 struct CommandAnswer {
     WireText text;
@@ -51,11 +54,19 @@ DesktopTransport& DesktopTransport::instance() {
     return transport;
 }
 
+OpenSession DesktopTransport::open(const std::string& address) {
+    return mWorkers.start() ? mLoop.open(address, kBusLimit) : OpenSession();
+}
+
 CallStatus DesktopTransport::getNameOwner(SessionId session, const std::string& name, std::string* owner) {
     const RemoteObject daemon{session, {"org.freedesktop.DBus", "/org/freedesktop/DBus"}};
-    return mLoop.call(
-        daemon, "org.freedesktop.DBus", "GetNameOwner", [&](sdbus::MethodCall& message) { message << name; },
-        [&](sdbus::MethodReply& reply) { reply >> *owner; });
+    const auto answer = std::make_shared<std::string>();
+    CallStatus status = mLoop.callWithin(
+        kBusLimit, daemon, "org.freedesktop.DBus", "GetNameOwner",
+        [name](sdbus::MethodCall& message) { message << name; },
+        [answer](sdbus::MethodReply& reply) { reply >> *answer; });
+    if (status.kind == CallStatus::OK) *owner = *answer;
+    return status;
 }
 
 InterfaceObject DesktopTransport::lend(const RemoteObject& peer, const OpenSession& session, Kind kind,
@@ -128,17 +139,19 @@ void DesktopTransport::discard(SessionId session, std::vector<ObjectExporter::Dr
 void DesktopTransport::publish(SessionId session, Kind kind, const std::string& path) {
     mLoop.post(session, [this, kind, path](BusSession& current) {
         current.addObject(path, [&](sdbus::IObject& object) {
-            addReferenceMethods(object, current.id(), path);
+            addReferenceMethods(object, current.id(), kind, path);
             if (kind == Kind::CALLBACK) addCallbackMethods(object, current, path);
             if (kind == Kind::PRODUCER) mProducers.addMethods(object, current, path);
         });
     });
 }
 
-void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session,
+void DesktopTransport::addReferenceMethods(sdbus::IObject& object, SessionId session, Kind kind,
                                            const std::string& path) {
     object.registerMethod(bus::kReferenceInterface, bus::kAcquire, "", "",
-                          [this, session, path](const sdbus::MethodCall& call) {
+                          [this, session, kind, path](const sdbus::MethodCall& call) {
+                              if (kind == Kind::CALLBACK)
+                                  throw sdbus::Error(bus::kErrorAccessDenied, "callbacks are not passed on");
                               if (!mExporter.holdAgain(session, call.getSender(), path))
                                   throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
                               call.createReply().send();
@@ -158,9 +171,14 @@ void DesktopTransport::addCallbackMethods(sdbus::IObject& object, BusSession& se
 void DesktopTransport::onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call) {
     const sp<IBase> object = mExporter.find(session.id(), Kind::CALLBACK, path);
     if (object == nullptr) throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
+    // Lent to the process that had the service's name, and never passed on.
+    if (!mExporter.isHeldBy(session.id(), call.getSender(), path))
+        throw sdbus::Error(bus::kErrorAccessDenied, call.getSender() + " is not the desktop service");
     const sp<ICameraDesktopCallback> callback = static_cast<ICameraDesktopCallback*>(object.get());
-    mWorkers.post(
-        [this, callback, command = WireText::read(call), id = session.id(), ticket = session.park(call)] {
+    const WireText command = WireText::read(call);
+    const auto ticket = session.park(call);
+    const bool isTaken =
+        mWorkers.postFor(call.getSender(), [this, callback, command, id = session.id(), ticket] {
             mLoop.post(id, [answer = runCommand(callback, command), ticket](BusSession& current) {
                 if (answer.errorName != nullptr) {
                     current.refuse(ticket, answer.errorName, answer.errorText);
@@ -169,6 +187,7 @@ void DesktopTransport::onCommand(BusSession& session, const std::string& path, s
                 current.answer(ticket, [&](sdbus::MethodReply& reply) { answer.text.write(reply); });
             });
         });
+    if (!isTaken) session.refuse(ticket, bus::kErrorLimitsExceeded, "no thread for the command");
 }
 
 }  // namespace vel::dbus_transport

@@ -26,7 +26,10 @@ class DesktopTransport final : private BusListener {
 
     BusLoop& loop() { return mLoop; }
 
-    /** The owner of a bus name; the status is DEAD when it has none. */
+    /** As BusLoop::open(), for a few seconds at most. */
+    OpenSession open(const std::string& address);
+
+    /** The owner of a bus name; the status is DEAD when it has none. Waits for a few seconds at most. */
     CallStatus getNameOwner(SessionId session, const std::string& name, std::string* owner);
 
     /**
@@ -52,7 +55,7 @@ class DesktopTransport final : private BusListener {
 
     /**
      * Has the links notified of the peer's death on a worker, at once when it is dead already. Blocks until
-     * the bus has answered.
+     * the bus has answered, for a few seconds at most.
      */
     void watch(const RemoteObject& peer, DeathWatch::Watcher watcher);
 
@@ -66,7 +69,7 @@ class DesktopTransport final : private BusListener {
     void discard(SessionId session, std::vector<ObjectExporter::Dropped> dropped);
 
     void publish(SessionId session, Kind kind, const std::string& path);
-    void addReferenceMethods(sdbus::IObject& object, SessionId session, const std::string& path);
+    void addReferenceMethods(sdbus::IObject& object, SessionId session, Kind kind, const std::string& path);
     void addCallbackMethods(sdbus::IObject& object, BusSession& session, const std::string& path);
     void onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call);
 

@@ -3,7 +3,6 @@
 #include <android/log.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 
 #include "DesktopBusNames.h"
@@ -15,9 +14,6 @@ namespace vel::dbus_transport {
 namespace bus = vel::desktop_bus;
 
 namespace {
-
-// A local socket answers at once or not at all; a HAL's thread is not to find out which.
-constexpr auto kOpenLimit = std::chrono::seconds(3);
 
 void tellOnceThatNoBusIsNamed() {
     static std::atomic<bool> told{false};
@@ -37,7 +33,7 @@ android::sp<korvanta::hardware::camera::desktop::V2_0::ICameraDesktop> findDeskt
     }
     if (name != "default") return nullptr;
     DesktopTransport& transport = DesktopTransport::instance();
-    const OpenSession session = transport.loop().open(address, kOpenLimit);
+    const OpenSession session = transport.open(address);
     if (session.id == 0) return nullptr;
     std::string owner;
     if (transport.getNameOwner(session.id, bus::kServiceName, &owner).kind != CallStatus::OK) return nullptr;

@@ -58,6 +58,8 @@ inline constexpr char kErrorPeerFailed[] = "korvanta.hardware.camera.desktop.Err
 inline constexpr char kErrorNoReply[] = "org.freedesktop.DBus.Error.NoReply";
 inline constexpr char kErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
 inline constexpr char kErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
+inline constexpr char kErrorAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+inline constexpr char kErrorLimitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 inline constexpr char kErrorUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
 
 // Of the lines that the transport logs.

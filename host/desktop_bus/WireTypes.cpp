@@ -88,7 +88,10 @@ void InterfaceObject::write(sdbus::Message& message) const {
 InterfaceObject InterfaceObject::read(sdbus::Message& message) {
     sdbus::Struct<std::string, sdbus::ObjectPath> value;
     message >> value;
-    if (std::get<0>(value).empty()) return {};
+    if (std::get<0>(value).empty()) {
+        if (std::get<1>(value) == "/") return {};
+        throw sdbus::Error(kErrorInvalidArgs, std::get<1>(value) + " is an object of no process");
+    }
     return {std::get<0>(value), std::get<1>(value)};
 }
 

@@ -25,7 +25,8 @@ class ReplacementQueue {
 
     /**
      * Fills a buffer of one row of that many bytes and queues it. False when there is no buffer within a
-     * quarter of a second or the HAL refuses; status() then tells why.
+     * quarter of a second, the HAL refuses, or it gives a slot or a buffer that was not asked for; status()
+     * then tells why. A connection that was ended at the HAL's side is made anew.
      */
     bool send(uint32_t rowBytes, int64_t timestampNs,
               const std::function<void(const android::sp<android::GraphicBuffer>&)>& fill);
@@ -33,7 +34,8 @@ class ReplacementQueue {
     android::status_t status() const { return mStatus; }
 
   private:
-    bool dequeue(uint32_t rowBytes, int& slot);
+    void connect();
+    android::sp<android::GraphicBuffer> dequeue(uint32_t rowBytes, int& slot);
 
     android::sp<android::IGraphicBufferProducer> mProducer;
     std::array<android::sp<android::GraphicBuffer>, android::BufferQueueDefs::NUM_BUFFER_SLOTS> mBuffers;

@@ -115,13 +115,9 @@ bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& optio
     return allSent;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    Options options;
-    if (const auto code = parse(argc, argv, options)) return *code;
-    vel::sim::applyCommonOptions(options.common);
+int run(const Options& options) {
     vel::sim::EndSignals signals;  // before any thread starts, so that all of them leave the signals alone
+    vel::sim::endSoonAfter(signals);
 
     std::atomic<ServiceClient*> link{nullptr};
     ServiceClient client(
@@ -143,4 +139,15 @@ int main(int argc, char** argv) {
     const bool allSent = sendAll(client, frames, options, signals);
     if (options.stay || options.commands.empty()) signals.wait();
     return allSent ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (const auto code = parse(argc, argv, options)) return *code;
+    return vel::sim::runProgram("desktop_app", [&] {
+        vel::sim::applyCommonOptions(options.common);
+        return run(options);
+    });
 }

@@ -2,11 +2,15 @@
 
 #include <VelChiDesktopHelper.h>
 
+#include <algorithm>
+#include <atomic>
 #include <sstream>
-#include <vector>
+#include <system_error>
 
 #include "CaptureSession.h"
 #include "Program.h"
+#include "StopSignal.h"
+#include "TaskQueue.h"
 
 namespace vel::sim {
 
@@ -39,7 +43,23 @@ struct Command {
 
 }  // namespace
 
+// An open framework camera. Its captures run on a thread of its own, one after the other.
+struct CameraServer::Camera {
+    void stop() {
+        end.set();
+        if (captures != nullptr) captures->tasks().cancel();
+    }
+
+    std::atomic<uint32_t> id{VelChiDesktopHelper::INVALID_CAMERA_ID};  // a restart changes it
+    StopSignal end;
+    std::unique_ptr<TaskThread> captures;  // from the first one on; last: it uses the members above
+};
+
 CameraServer::CameraServer(VelChiDesktopHelper* helper) : mHelper(helper) {}
+
+CameraServer::~CameraServer() {
+    stop();
+}
 
 bool CameraServer::execute(const std::string& line) {
     const Command command(line);
@@ -63,43 +83,89 @@ bool CameraServer::execute(const std::string& line) {
 void CameraServer::open(uint32_t fwkId) {
     uint32_t cameraId = fwkId;
     mHelper->updateCameraIdOnHalOpen(cameraId);
-    mOpenCameras[fwkId] = cameraId;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        std::unique_ptr<Camera>& camera = mOpenCameras[fwkId];
+        if (camera == nullptr) camera = std::make_unique<Camera>();
+        if (mIsStopped) camera->stop();
+        camera->id = cameraId;
+    }
     printLine("open %u -> camera %u", fwkId, cameraId);
 }
 
 void CameraServer::close(uint32_t fwkId) {
+    retire(fwkId);
     mHelper->onHalClose(fwkId);
-    mOpenCameras.erase(fwkId);
     printLine("close %u", fwkId);
 }
 
+// Tells the captures to end. One that hangs in a call keeps its camera here, so that nobody waits for it.
+void CameraServer::retire(uint32_t fwkId) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mClosed.erase(std::remove_if(mClosed.begin(), mClosed.end(),
+                                 [](const auto& closed) { return closed->captures->isOver(); }),
+                  mClosed.end());
+    auto camera = mOpenCameras.extract(fwkId);
+    if (camera.empty()) return;
+    camera.mapped()->stop();
+    if (camera.mapped()->captures != nullptr) mClosed.push_back(std::move(camera.mapped()));
+}
+
 bool CameraServer::capture(uint32_t fwkId, uint32_t frames, uint32_t framesPerSecond) {
-    const auto camera = mOpenCameras.find(fwkId);
+    const auto entry = mOpenCameras.find(fwkId);
     if (frames > kMaxFrames || framesPerSecond < 1 || framesPerSecond > kMaxFramesPerSecond) {
         printLine("error at most %u frames, at 1 to %u a second, can be captured", kMaxFrames,
                   kMaxFramesPerSecond);
         return false;
     }
-    if (camera == mOpenCameras.end()) {
+    if (entry == mOpenCameras.end()) {
         printLine("error camera %u is not open", fwkId);
         return false;
     }
-    CaptureSession(mHelper, camera->second, framesPerSecond, mStop).run(frames);
+    Camera* const camera = entry->second.get();
+    if (camera->captures == nullptr && !startCaptures(*camera)) return false;
+    camera->captures->tasks().post([this, camera, frames, framesPerSecond] {
+        CaptureSession(mHelper, camera->id, framesPerSecond, camera->end).run(frames);
+    });
     return true;
 }
 
+bool CameraServer::startCaptures(Camera& camera) try {
+    auto captures = std::make_unique<TaskThread>("the captures");
+    std::lock_guard<std::mutex> lock(mLock);
+    camera.captures = std::move(captures);
+    return true;
+} catch (const std::system_error& error) {
+    printLine("error %s", error.what());
+    return false;
+}
+
+void CameraServer::finish() {
+    for (const auto& [fwkId, camera] : mOpenCameras) {
+        if (camera->captures != nullptr) camera->captures->finish();
+    }
+}
+
+void CameraServer::stop() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mIsStopped = true;
+    for (const auto& [fwkId, camera] : mOpenCameras)
+        camera->stop();
+}
+
 void CameraServer::restartSession(uint32_t fwkId) {
-    const auto camera = mOpenCameras.find(fwkId);
-    if (camera == mOpenCameras.end()) {
+    const auto entry = mOpenCameras.find(fwkId);
+    if (entry == mOpenCameras.end()) {
         printLine("restart of %u refused: not open", fwkId);
         return;
     }
+    const uint32_t cameraId = entry->second->id;
     uint32_t original = VelChiDesktopHelper::INVALID_CAMERA_ID;
-    if (!mHelper->needsCameraIdSwitch(camera->second, original)) {
-        printLine("restart of %u: camera %u stays", fwkId, camera->second);
+    if (!mHelper->needsCameraIdSwitch(cameraId, original)) {
+        printLine("restart of %u: camera %u stays", fwkId, cameraId);
         return;
     }
-    printLine("restart of %u: camera %u must be switched", original, camera->second);
+    printLine("restart of %u: camera %u must be switched", original, cameraId);
     open(original);
 }
 

@@ -29,8 +29,8 @@ bool holds(const CameraMetadata& buffer, const MetadataChange& change, uint32_t 
 
 }  // namespace
 
-CaptureSession::CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond,
-                               const StopSignal& stop)
+CaptureSession::CaptureSession(VelChiDesktopHelper* helper, const std::atomic<uint32_t>& cameraId,
+                               uint32_t framesPerSecond, const StopSignal& stop)
     : mHelper(helper),
       mCameraId(cameraId),
       mFramesPerSecond(framesPerSecond),

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -17,8 +18,9 @@ namespace vel::sim {
  */
 class CaptureSession {
   public:
-    CaptureSession(VelChiDesktopHelper* helper, uint32_t cameraId, uint32_t framesPerSecond,
-                   const StopSignal& stop);
+    /** cameraId: the camera that is open, which a restart may change meanwhile. */
+    CaptureSession(VelChiDesktopHelper* helper, const std::atomic<uint32_t>& cameraId,
+                   uint32_t framesPerSecond, const StopSignal& stop);
 
     /**
      * Captures the frames at the steady rate, and blocks until all are done or the signal is set. Prints a
@@ -35,7 +37,7 @@ class CaptureSession {
     void printClosing(uint32_t frames) const;
 
     VelChiDesktopHelper* const mHelper;
-    const uint32_t mCameraId;
+    const std::atomic<uint32_t>& mCameraId;
     const uint32_t mFramesPerSecond;
     const StopSignal& mStop;
     const SyntheticSensor mSensor;

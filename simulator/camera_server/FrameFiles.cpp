@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <mutex>
+#include <set>
+
 #include "TestPicture.h"
 
 namespace vel::sim {
@@ -32,15 +35,57 @@ FrameStream::Draw PictureSource::drawing(uint32_t stream) {
 }
 
 bool PictureSource::drawVideo(const FrameView& frame) {
-    if (mFirst.empty()) return mVideo->readFrame(frame);
+    if (mFirst.empty()) {
+        mIsWaiting = true;
+        const bool isRead = mVideo->readFrame(frame);
+        mIsWaiting = false;
+        return isRead;
+    }
     copyFrame(ConstFrameView(mFirst.data(), size()), frame);
     mFirst = {};
     return true;
 }
 
-OutputFile::~OutputFile() {
+namespace {
+
+// The outputs that are not finished. Never destroyed: a process may end while its threads run.
+struct Unfinished {
+    std::mutex lock;
+    std::set<std::string> files;
+};
+Unfinished& unfinished() {
+    static Unfinished& instance = *new Unfinished;
+    return instance;
+}
+
+void removeRegular(const std::string& file) {
     struct stat status {};
-    if (!mFinished && stat(mFile.c_str(), &status) == 0 && S_ISREG(status.st_mode)) unlink(mFile.c_str());
+    if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode)) unlink(file.c_str());
+}
+
+}  // namespace
+
+OutputFile::OutputFile(const std::string& file, FrameSize size, FrameRate rate)
+    : mFile(file), mWriter(file, size, rate) {
+    std::lock_guard<std::mutex> lock(unfinished().lock);
+    unfinished().files.insert(mFile);
+}
+
+OutputFile::~OutputFile() {
+    std::lock_guard<std::mutex> lock(unfinished().lock);
+    if (unfinished().files.erase(mFile) != 0) removeRegular(mFile);
+}
+
+void OutputFile::finish() {
+    mWriter.close();
+    std::lock_guard<std::mutex> lock(unfinished().lock);
+    unfinished().files.erase(mFile);
+}
+
+void OutputFile::removeUnfinished() {
+    std::lock_guard<std::mutex> lock(unfinished().lock);
+    for (const std::string& file : unfinished().files)
+        removeRegular(file);
 }
 
 bool isSameFile(const std::string& one, const std::string& other) {

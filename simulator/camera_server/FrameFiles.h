@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,8 @@ class PictureSource {
     void readFirst();
     /** Draws the frames of a stream, in order, from then on. */
     FrameStream::Draw drawing(uint32_t stream);
+    /** Whether the next frame of the input is waited for. Any thread. */
+    bool isWaiting() const { return mIsWaiting; }
     /** What the input's decoder complained about although it went on; empty as a rule. */
     std::string complaint() const { return mVideo ? mVideo->complaint() : ""; }
 
@@ -40,28 +43,27 @@ class PictureSource {
     const FrameSize mSize;
     const FrameRate mRate;
     std::unique_ptr<VideoInput> mVideo;
+    std::atomic<bool> mIsWaiting{false};
     std::vector<uint8_t> mFirst;  // the input's first frame, until it is drawn
 };
 
 /** The file of replaced frames; gone again unless it was finished. Throws as Y4mWriter does. */
 class OutputFile {
   public:
-    OutputFile(const std::string& file, FrameSize size, FrameRate rate)
-        : mFile(file), mWriter(file, size, rate) {}
+    OutputFile(const std::string& file, FrameSize size, FrameRate rate);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     void write(const ConstFrameView& frame) { mWriter.writeFrame(frame); }
-    void finish() {
-        mWriter.close();
-        mFinished = true;
-    }
+    void finish();
+
+    /** Removes the outputs that are not finished, for a process that ends at once. Any thread. */
+    static void removeUnfinished();
 
   private:
     const std::string mFile;
     Y4mWriter mWriter;
-    bool mFinished = false;
 };
 
 /** Whether both names stand for one regular file. */

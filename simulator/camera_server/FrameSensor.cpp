@@ -5,6 +5,7 @@
 #include "FieldList.h"
 #include "FrameSession.h"
 #include "Program.h"
+#include "StartThread.h"
 
 namespace vel::sim {
 
@@ -30,30 +31,31 @@ bool FrameSensor::execute(const std::string& line) try {
     const FrameSetup setup = readFrameSetup(line);
     if (mSession != nullptr && !mSession->isOver()) throw std::invalid_argument("frames run already");
     end();
-    mSession = std::make_shared<FrameSession>(mHelper, setup, mStreamFd);
-    mThread = std::thread([session = mSession] { session->run(); });
+    const auto session = std::make_shared<FrameSession>(mHelper, setup, mStreamFd);
+    mThread = startThread("the frames", [session] { session->run(); });
+    setSession(session);
     return true;
-} catch (const std::invalid_argument& error) {
+} catch (const std::exception& error) {
     printLine("error %s", error.what());
     return false;
 }
 
-void FrameSensor::waitUntilOver() {
-    if (mThread.joinable()) mThread.join();
-}
-
 void FrameSensor::end() {
-    stop(false);
+    if (mSession != nullptr) mSession->stop(false);
+    if (mThread.joinable()) mThread.join();
+    setSession(nullptr);
 }
 
 void FrameSensor::abort() {
-    stop(true);
+    std::lock_guard<std::mutex> lock(mLock);
+    mIsAborted = true;
+    if (mSession != nullptr) mSession->stop(true);
 }
 
-void FrameSensor::stop(bool isAborted) {
-    if (mSession != nullptr) mSession->stop(isAborted);
-    if (mThread.joinable()) mThread.join();
-    mSession = nullptr;
+void FrameSensor::setSession(const std::shared_ptr<FrameSession>& session) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mSession = session;
+    if (mSession != nullptr && mIsAborted) mSession->stop(true);
 }
 
 }  // namespace vel::sim

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -12,7 +13,7 @@ class FrameSession;
 
 /**
  * The frames of the camera: up to four streams that go through image substitution, and a preview beside them
- * on the application frame path. Prints what happens. execute() and the destructor from one thread.
+ * on the application frame path. Prints what happens. execute(), end() and the destructor from one thread.
  */
 class FrameSensor {
   public:
@@ -35,21 +36,23 @@ class FrameSensor {
 
     /** Ends the frames that run, and waits for it. Frames of an input have then failed. */
     void end();
-    /** The same, and they have failed in any case: no output is left. */
+    /**
+     * Tells the frames that run, and those that are begun later, to end, and does not wait for it. They have
+     * failed in any case: no output is left. Any thread.
+     */
     void abort();
-
-    /** Waits until the frames that run have ended by themselves. */
-    void waitUntilOver();
 
     /** The descriptor behind the input "-"; -1 for none. It stays the caller's. */
     void setStream(int fd) { mStreamFd = fd; }
 
   private:
-    void stop(bool isAborted);
+    void setSession(const std::shared_ptr<FrameSession>& session);
 
     VelChiDesktopHelper* const mHelper;
     int mStreamFd = -1;
-    std::shared_ptr<FrameSession> mSession;
+    std::mutex mLock;
+    std::shared_ptr<FrameSession> mSession;  // changed under mLock, by execute() and end() alone
+    bool mIsAborted = false;                 // guarded by mLock
     std::thread mThread;
 };
 

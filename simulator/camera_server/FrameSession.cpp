@@ -3,12 +3,15 @@
 #include <VelChiDesktopHelper.h>
 #include <sys/eventfd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "PreviewFeed.h"
 #include "Program.h"
+#include "StartThread.h"
 #include "Timeline.h"
 
 namespace vel::sim {
@@ -39,11 +42,12 @@ FrameCounts total(const Streams& streams) {
     return sum;
 }
 
-void printProgress(const Streams& streams) {
+void printProgress(const Streams& streams, bool isWaitingForInput) {
     const FrameCounts sum = total(streams);
     printLine("frames so far: %" PRIu64 " sent, %" PRIu64 " replaced in time, %" PRIu64 " repeated, %" PRIu64
-              " late, %" PRIu64 " dropped",
-              sum.sent, sum.replaced, sum.repeated, sum.late, sum.dropped);
+              " late, %" PRIu64 " dropped%s",
+              sum.sent, sum.replaced, sum.repeated, sum.late, sum.dropped,
+              isWaitingForInput ? ", waiting for input" : "");
 }
 
 void printTable(const Streams& streams, uint64_t previewFrames) {
@@ -64,7 +68,9 @@ void printTable(const Streams& streams, uint64_t previewFrames) {
 }  // namespace
 
 FrameSession::FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd)
-    : mHelper(helper), mSetup(setup), mStreamFd(streamFd), mCancel(eventfd(0, EFD_CLOEXEC)) {}
+    : mHelper(helper), mSetup(setup), mStreamFd(streamFd), mCancel(eventfd(0, EFD_CLOEXEC)) {
+    if (mCancel < 0) throw std::system_error(errno, std::generic_category(), "no descriptor for the frames");
+}
 
 void FrameSession::run() {
     try {
@@ -137,11 +143,17 @@ FrameStream::Setup FrameSession::streamSetup(uint32_t index) {
 void FrameSession::streamToTheEnd() {
     mRunning = mStreams.size();
     std::vector<std::thread> threads;
-    for (const auto& stream : mStreams)
-        threads.emplace_back([this, &stream] { runStream(*stream); });
+    for (const auto& stream : mStreams) {
+        try {
+            threads.push_back(startThread("a stream", [this, &stream] { runStream(*stream); }));
+        } catch (const std::exception& error) {
+            fail(error.what());
+            endStream();
+        }
+    }
     for (auto next = StopSignal::Clock::now() + kReportEvery; mStreamsEnd.waitUntil(next);
          next += kReportEvery)
-        printProgress(mStreams);
+        printProgress(mStreams, mSource->isWaiting());
     for (std::thread& thread : threads)
         thread.join();
 }
@@ -152,6 +164,10 @@ void FrameSession::runStream(FrameStream& stream) {
     } catch (const std::exception& error) {
         fail(error.what());
     }
+    endStream();
+}
+
+void FrameSession::endStream() {
     if (--mRunning == 0) mStreamsEnd.set();
 }
 

@@ -25,7 +25,9 @@ namespace vel::sim {
  */
 class FrameSession {
   public:
-    /** streamFd: behind the input "-"; it stays the caller's. */
+    /**
+     * streamFd: behind the input "-"; it stays the caller's. Throws std::system_error without descriptors.
+     */
     FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd);
 
     /** Plays the frames to their end. Never throws: tells the outcome in a line. */
@@ -42,6 +44,7 @@ class FrameSession {
     FrameStream::Setup streamSetup(uint32_t index);
     void streamToTheEnd();
     void runStream(FrameStream& stream);
+    void endStream();
     void output(const FrameHeader& captured, const ConstFrameView& picture,
                 const std::optional<FrameHeader>& replacement, const std::optional<ConstFrameView>& replaced);
     void judge();

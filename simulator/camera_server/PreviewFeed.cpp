@@ -6,6 +6,8 @@
 
 #include "FrameBuffer.h"
 #include "FrameHeader.h"
+#include "Program.h"
+#include "StartThread.h"
 #include "Timeline.h"
 
 namespace vel::sim {
@@ -18,7 +20,13 @@ constexpr int kFps = 30;
 }
 
 PreviewFeed::PreviewFeed(VelChiDesktopHelper* helper, const StopSignal& end)
-    : mHelper(helper), mEnd(end), mPicture(kPreviewSize, 0), mThread([this] { run(); }) {}
+    : mHelper(helper), mEnd(end), mPicture(kPreviewSize, 0) {
+    try {
+        mThread = startThread("the preview", [this] { run(); });
+    } catch (const std::system_error& error) {
+        printLine("error %s", error.what());
+    }
+}
 
 void PreviewFeed::run() {
     const auto start = StopSignal::Clock::now();
@@ -35,12 +43,12 @@ void PreviewFeed::send(uint32_t counter) {
     const sp<GraphicBuffer> buffer = mIsConnected ? mHelper->getFrameToFill() : nullptr;
     if (buffer == nullptr) return;
     const int64_t captureNs = steadyNowNs();
-    {
+    if (buffer->getWidth() == rowBytes) {  // the application's queue may give any
         const MappedBuffer mapped(buffer, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
         if (mapped.data() != nullptr) mPicture.draw(counter, FrameView(mapped.data(), kPreviewSize));
+        ++mFrames;
     }
     mHelper->queueFilledFrame(captureNs);
-    ++mFrames;
 }
 
 }  // namespace vel::sim

@@ -14,7 +14,10 @@ namespace vel::sim {
 /** Sends small test pictures over the application frame path, on the one thread that it wants. */
 class PreviewFeed {
   public:
-    /** Starts; ends with the signal, which outlives this object. */
+    /**
+     * Starts, or prints an error line when there is no thread for it; ends with the signal, which outlives
+     * this object.
+     */
     PreviewFeed(VelChiDesktopHelper* helper, const StopSignal& end);
     /** Waits for the signal. */
     ~PreviewFeed() { join(); }
@@ -37,7 +40,7 @@ class PreviewFeed {
     const TestPicture mPicture;
     bool mIsConnected = false;
     std::atomic<uint64_t> mFrames{0};
-    std::thread mThread;  // last: it uses the members above
+    std::thread mThread;
 };
 
 }  // namespace vel::sim

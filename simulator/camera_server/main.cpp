@@ -3,9 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "CameraServer.h"
+#include "FrameFiles.h"
 #include "FrameSensor.h"
 #include "JsonMessage.h"
 #include "JsonUtils.h"
@@ -23,12 +23,14 @@ using android::JsonUtils;
 using vel::sim::CameraServer;
 using vel::sim::FrameSensor;
 using vel::sim::ServiceClient;
+using vel::sim::TaskQueue;
 
 constexpr char kCommands[] =
     "Commands, one a line; CAMERA is a framework id:\n"
     "  open CAMERA, close CAMERA, status CAMERA\n"
     "  capture CAMERA FRAMES FRAMES_PER_SECOND\n"
-    "      exchanges the metadata of each frame with the application\n"
+    "      exchanges the metadata of each frame with the application, until the camera is\n"
+    "      closed at the latest\n"
     "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0]\n"
     "         [input=FILE] [output=FILE] [sheet=FILE]\n"
     "      streams frames once the application has configured them; count=0 has no end but\n"
@@ -61,28 +63,25 @@ std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-// Feeds the queue with the lines of standard input; its end, or a signal, is the program's.
-void readInput(vel::sim::EndSignals& signals, vel::sim::TaskQueue& tasks, CameraServer& server,
-               FrameSensor& sensor) {
+// Feeds the queues with the lines of standard input; its end, or a signal, is the program's.
+void readInput(vel::sim::EndSignals& signals, TaskQueue& cameraTasks, TaskQueue& frameTasks,
+               CameraServer& server, FrameSensor& sensor) {
     for (std::string line; signals.readLine(line);) {
         if (line.empty() || vel::sim::answerHelp(line, kCommands)) continue;
-        tasks.post([&, line] { FrameSensor::isCommand(line) ? sensor.execute(line) : server.execute(line); });
+        if (FrameSensor::isCommand(line)) {
+            frameTasks.post([&, line] { sensor.execute(line); });
+        } else {
+            cameraTasks.post([&, line] { server.execute(line); });
+        }
     }
-    if (!signals.arrived()) return tasks.finish();
-    tasks.cancel();
-    server.stop();
+    cameraTasks.finish();
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    vel::sim::CommonOptions options;
-    int videoFd = -1;
-    if (const auto code = parse(argc, argv, options, videoFd)) return *code;
-    vel::sim::applyCommonOptions(options);
+int serve(const vel::sim::CommonOptions& options, int videoFd) {
     vel::sim::EndSignals signals;  // before any thread starts
+    vel::sim::endSoonAfter(signals, vel::sim::OutputFile::removeUnfinished);
 
-    vel::sim::TaskQueue tasks;
+    TaskQueue cameraTasks;
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
     vel::sim::installVendorTags(*helper);
     CameraServer server(helper);
@@ -95,14 +94,37 @@ int main(int argc, char** argv) {
             const uint32_t fwkId = restartRequestedFor(command);
             if (fwkId == VelChiDesktopHelper::INVALID_CAMERA_ID) return "UNKNOWN";
             // The restart runs on the HAL's thread, not within the request.
-            tasks.post([&server, fwkId] { server.restartSession(fwkId); });
+            cameraTasks.post([&server, fwkId] { server.restartSession(fwkId); });
             return "OK_CAMERA_SERVICE";
         },
         vel::sim::printLinkOf(options));
 
-    std::thread input(readInput, std::ref(signals), std::ref(tasks), std::ref(server), std::ref(sensor));
-    tasks.run();
-    input.join();
-    signals.arrived() ? sensor.abort() : sensor.end();
-    return 0;
+    // Frame commands have a thread of their own: the end of frames waits for a peer that hangs.
+    vel::sim::TaskThread frameCommands("the frame commands");
+    vel::sim::TaskThread input("the input");
+    const vel::sim::EndSignalWatcher watcher(signals, [&] {
+        cameraTasks.cancel();
+        frameCommands.tasks().cancel();
+        server.stop();
+        sensor.abort();
+    });
+    input.tasks().post([&] { readInput(signals, cameraTasks, frameCommands.tasks(), server, sensor); });
+    cameraTasks.run();
+    input.finish();
+    frameCommands.finish();
+    server.finish();
+    sensor.end();
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vel::sim::CommonOptions options;
+    int videoFd = -1;
+    if (const auto code = parse(argc, argv, options, videoFd)) return *code;
+    return vel::sim::runProgram("camera_server", [&] {
+        vel::sim::applyCommonOptions(options);
+        return serve(options, videoFd);
+    });
 }

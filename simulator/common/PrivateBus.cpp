@@ -1,6 +1,7 @@
 #include "PrivateBus.h"
 
 #include <android-base/unique_fd.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -78,6 +79,11 @@ unique_fd memoryFile(const std::string& text) {
 }  // namespace
 
 PrivateBus::PrivateBus() {
+    // The daemon would start, and admit nobody.
+    if (getpwuid(getuid()) == nullptr) {
+        throw std::runtime_error("the message bus needs a name for user " + std::to_string(getuid()) +
+                                 ": there is no entry in the password database");
+    }
     start(kAddressPrefix + ("vel-bus-" + randomName()));
 }
 
@@ -105,6 +111,14 @@ void PrivateBus::kill() {
 
 void PrivateBus::restart() {
     start(std::string(mAddress));
+}
+
+void PrivateBus::suspend() {
+    mDaemon->kill(SIGSTOP);
+}
+
+void PrivateBus::resume() {
+    mDaemon->kill(SIGCONT);
 }
 
 }  // namespace vel::sim

@@ -27,8 +27,10 @@ class PrivateBus {
     void kill();
     /** Starts a daemon anew at the same address, after kill(). Throws as the constructor does. */
     void restart();
-    /** Sends the daemon a signal. */
-    void signal(int signal) { mDaemon->kill(signal); }
+    /** Stops the daemon where it is: connections last, and nothing is answered any more. */
+    void suspend();
+    /** Lets it go on. */
+    void resume();
 
   private:
     void start(const std::string& address);

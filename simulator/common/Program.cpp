@@ -1,5 +1,6 @@
 #include "Program.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -9,21 +10,27 @@
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 #include "DesktopBusNames.h"
 #include "FieldList.h"
+#include "StartThread.h"
 #include "Timeline.h"
 
 namespace vel::sim {
 
 namespace {
 std::atomic<int64_t> gTimeOriginNs{0};
-}
+constexpr std::chrono::seconds kEndLimit{4};  // for what the signals find running
+}  // namespace
 
 void addCommonOptions(CLI::App& cli, CommonOptions& options) {
     cli.add_option("--bus", options.bus, "address of the bus")
@@ -43,6 +50,20 @@ std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {
     return std::nullopt;
 }
 
+int runProgram(const char* name, const std::function<int()>& work) {
+    for (int fd = -1; fd <= STDERR_FILENO;) {
+        fd = open("/dev/null", O_RDONLY);
+        if (fd < 0) break;
+        if (fd > STDERR_FILENO) close(fd);
+    }
+    try {
+        return work();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", name, error.what());
+        return EXIT_FAILURE;
+    }
+}
+
 void applyCommonOptions(const CommonOptions& options) {
     if (!options.bus.empty()) setenv(desktop_bus::kAddressVariable, options.bus.c_str(), 1);
     setTimeOrigin(options.timeOriginNs.value_or(steadyNowNs()));
@@ -58,8 +79,9 @@ void setTimeOrigin(int64_t originNs) {
 
 void printStamped(const std::string& line) {
     const std::string whole = timelineStamp(steadyNowNs(), timeOriginNs()) + line + "\n";
-    std::fwrite(whole.data(), 1, whole.size(), stdout);
-    std::fflush(stdout);
+    const bool isWritten =
+        std::fwrite(whole.data(), 1, whole.size(), stdout) == whole.size() && std::fflush(stdout) == 0;
+    if (!isWritten && errno == EPIPE) kill(getpid(), SIGTERM);
 }
 
 void printLine(const char* format, ...) {
@@ -84,7 +106,17 @@ void refuseLine(const std::string& line) {
     printLine("error not understood: %s (help lists the commands)", line.c_str());
 }
 
+namespace {
+
+android::base::unique_fd required(int fd, const char* purpose) {
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), purpose);
+    return android::base::unique_fd(fd);
+}
+
+}  // namespace
+
 EndSignals::EndSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGINT, SIGTERM})
@@ -92,7 +124,7 @@ EndSignals::EndSignals() {
     struct sigaction hangUp {};
     if (sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    mSignals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
+    mSignals = required(signalfd(-1, &signals, SFD_CLOEXEC), "no descriptor for signals");
 }
 
 // The signal is never taken from the descriptor, so that every wait sees it.
@@ -123,10 +155,27 @@ bool EndSignals::readLine(std::string& line) {
     return true;
 }
 
+void endSoonAfter(const EndSignals& signals, std::function<void()> lastWords) {
+    // The thread outlives the signals' owner.
+    auto arrived = std::make_shared<android::base::unique_fd>(
+        required(fcntl(signals.fd(), F_DUPFD_CLOEXEC, 0), "no descriptor for the end"));
+    startThread("the end", [arrived, lastWords = std::move(lastWords)] {
+        pollfd source{*arrived, POLLIN, 0};
+        while (poll(&source, 1, -1) <= 0) {
+        }
+        std::this_thread::sleep_for(kEndLimit);
+        lastWords();
+        alarm(1);  // whoever reads standard error may hang, too
+        std::fprintf(stderr, "a peer hangs in a call: ended without its answer\n");
+        _exit(EXIT_FAILURE);
+    }).detach();
+}
+
 EndSignalWatcher::EndSignalWatcher(EndSignals& signals, std::function<void()> onSignal)
-    : mStop(eventfd(0, EFD_CLOEXEC)), mThread([this, &signals, onSignal = std::move(onSignal)] {
+    : mStop(required(eventfd(0, EFD_CLOEXEC), "no descriptor for the end")),
+      mThread(startThread("signals", [this, &signals, onSignal = std::move(onSignal)] {
           if (signals.wait(-1, mStop)) onSignal();
-      }) {}
+      })) {}
 
 EndSignalWatcher::~EndSignalWatcher() {
     eventfd_write(mStop, 1);

@@ -33,6 +33,12 @@ void addCommonOptions(CLI::App& cli, CommonOptions& options);
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv);
 
 /**
+ * Does a program's work and returns its exit code, or 1 after a line on standard error when the work throws.
+ * Standard streams that are closed lead nowhere from then on: no descriptor takes their number.
+ */
+int runProgram(const char* name, const std::function<int()>& work);
+
+/**
  * Makes the options hold for this process: the bus address and the origin of printed times, which is now
  * when they tell none. Before any thread.
  */
@@ -45,7 +51,7 @@ void setTimeOrigin(int64_t originNs);
 
 /**
  * Prints a line behind its time stamp and flushes it, in one write, so that lines of threads do not mix; any
- * thread may call.
+ * thread may call. When nobody reads the output any longer, the process is asked to end, as by SIGTERM.
  */
 void printStamped(const std::string& line);
 
@@ -62,11 +68,13 @@ bool answerHelp(const std::string& line, const char* commands);
 void refuseLine(const std::string& line);
 
 /**
- * Takes SIGINT, SIGTERM and, unless it is ignored (nohup), SIGHUP as requests to end. Create it before any
- * thread starts: the threads then leave these signals alone.
+ * Ignores SIGPIPE: a reader that goes is told by the write. Takes SIGINT, SIGTERM and, unless it is ignored
+ * (nohup), SIGHUP as requests to end. Create it before any thread starts: the threads then leave these
+ * signals alone.
  */
 class EndSignals {
   public:
+    /** Throws std::system_error without descriptors. */
     EndSignals();
     /** Whether one of the signals has arrived. */
     bool arrived() const { return wait(0); }
@@ -87,9 +95,18 @@ class EndSignals {
     std::string mInput;  // read and not yet returned
 };
 
+/**
+ * Ends this process, with exit code 1 and a line on standard error, when it still runs four seconds after one
+ * of the signals: a peer that hangs keeps threads in its calls. Runs the last words before. Throws
+ * std::system_error without a thread for it.
+ */
+void endSoonAfter(
+    const EndSignals& signals, std::function<void()> lastWords = [] {});
+
 /** Calls a function once, when one of the signals arrives, on a thread that ends with this object. */
 class EndSignalWatcher {
   public:
+    /** Throws std::system_error without descriptors or threads. */
     EndSignalWatcher(EndSignals& signals, std::function<void()> onSignal);
     ~EndSignalWatcher();
     EndSignalWatcher(const EndSignalWatcher&) = delete;

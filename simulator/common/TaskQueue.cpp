@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "StartThread.h"
+
 namespace vel::sim {
 
 void TaskQueue::post(std::function<void()> task) {
@@ -40,6 +42,17 @@ void TaskQueue::run() {
         task();
         lock.lock();
     }
+}
+
+TaskThread::TaskThread(const char* purpose)
+    : mThread(startThread(purpose, [this] {
+          mTasks.run();
+          mIsOver = true;
+      })) {}
+
+void TaskThread::finish() {
+    mTasks.finish();
+    if (mThread.joinable()) mThread.join();
 }
 
 }  // namespace vel::sim

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 namespace vel::sim {
 
@@ -24,6 +26,27 @@ class TaskQueue {
     std::condition_variable mChanged;
     std::deque<std::function<void()>> mTasks;  // guarded by mLock
     bool mFinished = false;                    // guarded by mLock
+};
+
+/** A queue of work with a thread that does it. */
+class TaskThread {
+  public:
+    /** Throws std::system_error, which names the purpose, without a thread. */
+    explicit TaskThread(const char* purpose);
+    ~TaskThread() { finish(); }
+    TaskThread(const TaskThread&) = delete;
+    TaskThread& operator=(const TaskThread&) = delete;
+
+    TaskQueue& tasks() { return mTasks; }
+    /** Waits until the tasks posted so far are done, or those under way once they are cancelled. */
+    void finish();
+    /** Whether all is done after tasks().cancel(): finish() does not wait. */
+    bool isOver() const { return mIsOver; }
+
+  private:
+    TaskQueue mTasks;
+    std::atomic<bool> mIsOver{false};
+    std::thread mThread;  // last: it uses the members above
 };
 
 }  // namespace vel::sim

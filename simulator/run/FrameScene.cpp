@@ -15,6 +15,7 @@ constexpr char kReady[] = "] frames of ";
 constexpr char kEnded[] = "] frames ended: ";
 constexpr char kError[] = "] error ";
 constexpr char kWell[] = "well";
+constexpr char kWaitsForInput[] = "waiting for input";
 constexpr std::chrono::milliseconds kTick{100};
 
 std::string cameraCommand(const FrameOptions& options) {
@@ -36,6 +37,28 @@ std::string appCommand(const FrameOptions& options, const std::string& readyLine
     return "frames size=" + rest.substr(0, rest.find(' ')) + " effect=" + options.effect;
 }
 
+// Whether the camera server says anything new.
+class Progress {
+  public:
+    Progress(const Recorder& recorder, int patienceSeconds)
+        : mRecorder(recorder), mPatience(patienceSeconds) {}
+
+    // isExcused: it waits for what is no peer.
+    bool hasStopped(bool isExcused) {
+        const std::string line = mRecorder.newest("camera_server");
+        const auto now = std::chrono::steady_clock::now();
+        if (line != mLine || isExcused || line.find(kWaitsForInput) != std::string::npos) mSince = now;
+        mLine = line;
+        return now - mSince > mPatience;
+    }
+
+  private:
+    const Recorder& mRecorder;
+    const std::chrono::seconds mPatience;
+    std::string mLine;
+    std::chrono::steady_clock::time_point mSince = std::chrono::steady_clock::now();
+};
+
 }  // namespace
 
 std::string playFrames(const FrameOptions& options, Recorder& recorder,
@@ -45,6 +68,7 @@ std::string playFrames(const FrameOptions& options, Recorder& recorder,
     const size_t mark = recorder.mark();
     bool isConfigured = false;
     std::optional<std::string> ended;
+    Progress progress(recorder, options.patience);
     if (!send("camera_server", cameraCommand(options))) return "the camera server takes no commands";
     for (bool alive = true; alive && !ended && !recorder.isInterrupted(); alive = isAlive()) {
         (void)recorder.waitFor(camera("frames"), recorder.mark(), kTick);
@@ -56,6 +80,7 @@ std::string playFrames(const FrameOptions& options, Recorder& recorder,
         }
         const auto ready = isConfigured ? std::nullopt : recorder.find(camera(kReady), mark);
         if (ready) isConfigured = send("app", appCommand(options, *ready));
+        if (progress.hasStopped(!isConfigured && options.input == "-")) return "the frames make no progress";
     }
     if (recorder.isInterrupted()) return "interrupted";
     if (!ended) ended = recorder.find(camera(kEnded), mark);

@@ -11,6 +11,7 @@ namespace vel::sim {
 namespace {
 constexpr std::chrono::seconds kReadyLimit{10};
 constexpr std::chrono::seconds kEndLimit{5};
+constexpr std::chrono::milliseconds kTick{50};
 }  // namespace
 
 Peers::Peers(const std::string& directory, Recorder& recorder) : mDirectory(directory), mRecorder(recorder) {}
@@ -21,7 +22,7 @@ Peers::~Peers() {
 
 bool Peers::start(bool passStandardInput) {
     start("service", "desktop_service", {"--trace"});
-    if (!mRecorder.waitFor({"service", {"ready"}}, 0, kReadyLimit)) return false;
+    if (!waitUntilReady("service")) return false;
     // Inherited by the camera server alone: whoever feeds it notices when that one ends.
     const android::base::unique_fd stream(passStandardInput ? dup(STDIN_FILENO) : -1);
     start("camera_server", "camera_server", {"--video-fd", std::to_string(stream.get())});
@@ -38,6 +39,16 @@ void Peers::start(const std::string& name, const std::string& program,
     options.command.insert(options.command.end(), arguments.begin(), arguments.end());
     options.onLine = [this, name](const std::string& line) { mRecorder.add(name, line); };
     mChildren[name] = std::make_unique<ChildProcess>(std::move(options));
+}
+
+// False when the program ends first, or the limit passes.
+bool Peers::waitUntilReady(const std::string& name) {
+    const auto limit = std::chrono::steady_clock::now() + kReadyLimit;
+    while (!mRecorder.waitFor({name, {"ready"}}, 0, kTick)) {
+        if (!isAlive(name) || mRecorder.isInterrupted() || std::chrono::steady_clock::now() > limit)
+            return false;
+    }
+    return true;
 }
 
 bool Peers::send(const std::string& peer, const std::string& line) {
@@ -65,6 +76,10 @@ bool Peers::end(const std::string& name) {
     if (name == "service") child->kill(SIGTERM);
     const auto code = child->wait(kEndLimit);
     if (code == 0) return true;
+    if (!code) {  // it may still take back what it wrote
+        child->kill(SIGTERM);
+        (void)child->wait(kEndLimit);
+    }
     std::printf("%s did not end well: %s\n", name.c_str(), code ? std::to_string(*code).c_str() : "it hangs");
     return false;
 }

@@ -42,6 +42,7 @@ class Peers {
   private:
     void start(const std::string& name, const std::string& program,
                const std::vector<std::string>& arguments);
+    bool waitUntilReady(const std::string& name);
     bool end(const std::string& name);
 
     const std::string mDirectory;

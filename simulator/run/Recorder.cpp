@@ -105,6 +105,14 @@ std::optional<std::string> Recorder::find(const Expectation& expectation, size_t
     return std::nullopt;
 }
 
+std::string Recorder::newest(const std::string& source) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    const auto entry = std::find_if(mEntries.rbegin(), mEntries.rend(),
+                                    [&](const Entry& candidate) { return candidate.source == source; });
+    if (entry == mEntries.rend()) return "";
+    return entry->line.substr(entry->line.find("] ") + 1);
+}
+
 size_t Recorder::mark() const {
     std::lock_guard<std::mutex> lock(mLock);
     return mEntries.size();

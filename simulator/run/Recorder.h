@@ -47,6 +47,9 @@ class Recorder {
     /** The first line that came at or behind the mark and meets the expectation. */
     std::optional<std::string> find(const Expectation& expectation, size_t mark) const;
 
+    /** The newest line of a program, without its stamp; empty when there is none. */
+    std::string newest(const std::string& source) const;
+
     /** A mark behind the lines that came so far. */
     size_t mark() const;
 

@@ -2,13 +2,10 @@
 // application and the camera server, each a process of its own on a private bus, and checks that every
 // expected message was seen.
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
-#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -69,7 +66,7 @@ int tell(const Outcome& outcome, bool programsEndedWell, bool hasVideo) {
     return 0;
 }
 
-int run(const Options& options, Recorder& recorder) {
+int play(const Options& options, Recorder& recorder) {
     Peers peers(options.directory, recorder);
     Outcome outcome;
     if (peers.start(options.frames.input == "-")) {
@@ -94,15 +91,6 @@ const CLI::Validator kFileName(
         return name.find('\n') == std::string::npos ? "" : "a file's name must not hold a newline";
     },
     "");
-
-// So that no file that is opened later takes the number of a standard stream that was closed.
-void openStandardStreams() {
-    while (true) {
-        const int fd = open("/dev/null", O_RDONLY);
-        if (fd > STDERR_FILENO) close(fd);
-        if (fd < 0 || fd > STDERR_FILENO) return;
-    }
-}
 
 std::string directoryOf(const char* program) {
     const std::string path = program;
@@ -133,7 +121,23 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
                    "what the application does to them: tint (default), mirror, blur or none")
         ->type_name("EFFECT")
         ->check(CLI::IsMember({"tint", "mirror", "blur", "none"}));
+    cli.add_option("--patience", options.frames.patience,
+                   "seconds without progress until frames are given up (default 45); an input that gives "
+                   "nothing does not count")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 3600));
     return vel::sim::parseArguments(cli, argc, argv);
+}
+
+int run(const Options& options) {
+    vel::sim::EndSignals signals;
+    Recorder recorder;
+    const vel::sim::EndSignalWatcher watcher(signals, [&] { recorder.interrupt(); });
+    if (options.frames.input == "-" && isatty(STDIN_FILENO) != 0)
+        throw std::invalid_argument("standard input is a terminal, no YUV4MPEG2 stream");
+    const int code = play(options, recorder);
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return code;
+    throw std::runtime_error("the timeline cannot be written to standard output");
 }
 
 }  // namespace
@@ -141,19 +145,5 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
 int main(int argc, char** argv) {
     Options options;
     if (const auto code = parse(argc, argv, options)) return *code;
-    openStandardStreams();
-    vel::sim::EndSignals signals;
-    std::signal(SIGPIPE, SIG_IGN);  // a reader of the timeline that goes is told by the write
-    Recorder recorder;
-    const vel::sim::EndSignalWatcher watcher(signals, [&] { recorder.interrupt(); });
-    try {
-        if (options.frames.input == "-" && isatty(STDIN_FILENO) != 0)
-            throw std::invalid_argument("standard input is a terminal, no YUV4MPEG2 stream");
-        const int code = run(options, recorder);
-        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return code;
-        throw std::runtime_error("the timeline cannot be written to standard output");
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "desktop_run: %s\n", error.what());
-        return 1;
-    }
+    return vel::sim::runProgram("desktop_run", [&] { return run(options); });
 }

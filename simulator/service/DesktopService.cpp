@@ -4,6 +4,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
+#include <map>
 
 #include "DesktopBusNames.h"
 #include "Program.h"
@@ -17,20 +18,20 @@ using korvanta::hardware::camera::desktop::V2_0::ClientType;
 
 namespace {
 
+// Of one sender's commands: each holds a thread of its receiver.
+constexpr size_t kMaxUnderWay = 32;
+
 constexpr auto kTypeHal = static_cast<uint8_t>(ClientType::CLIENT_CAMERA_HAL);
 
-std::string typeName(uint8_t type) {
-    switch (static_cast<ClientType>(type)) {
-        case ClientType::CLIENT_APP:
-            return "APP";
-        case ClientType::CLIENT_CAMERA_SERVICE:
-            return "CAMERA_SERVICE";
-        case ClientType::CLIENT_CAMERA_HAL:
-            return "HAL";
-        case ClientType::CLIENT_IMG_SUB:
-            return "IMG_SUB";
-    }
-    return "TYPE_" + std::to_string(type);  // a peer may send any byte
+const std::map<uint8_t, std::string> kTypeNames = {
+    {static_cast<uint8_t>(ClientType::CLIENT_APP), "APP"},
+    {static_cast<uint8_t>(ClientType::CLIENT_CAMERA_SERVICE), "CAMERA_SERVICE"},
+    {kTypeHal, "HAL"},
+    {static_cast<uint8_t>(ClientType::CLIENT_IMG_SUB), "IMG_SUB"},
+};
+
+const std::string& typeName(uint8_t type) {
+    return kTypeNames.at(type);
 }
 
 // Goes behind a type in the trace.
@@ -48,7 +49,19 @@ std::string peekText(sdbus::Message& message) {
 uint8_t readType(sdbus::MethodCall& call) {
     uint8_t type = 0;
     call >> type;
+    if (kTypeNames.count(type) == 0)
+        throw sdbus::Error(bus::kErrorInvalidArgs, "there is no client type " + std::to_string(type));
     return type;
+}
+
+// An object of the caller's own, or null.
+InterfaceObject readOwnObject(sdbus::MethodCall& call) {
+    const InterfaceObject object = InterfaceObject::read(call);
+    if (!object.isNull() && object.busName != call.getSender()) {
+        throw sdbus::Error(bus::kErrorInvalidArgs,
+                           "\"" + object.busName + "\" is not the caller's name, " + call.getSender());
+    }
+    return object;
 }
 
 // Runs a method; whatever it throws becomes the caller's error reply. Anything but an sdbus::Error would
@@ -96,10 +109,19 @@ void DesktopService::publish() {
 
 void DesktopService::registerCallback(sdbus::MethodCall& call) {
     const uint8_t type = readType(call);
-    const InterfaceObject callback = InterfaceObject::read(call);
-    replace(mCallbacks, type, callback);
-    mTrace.event(typeName(type) + (callback.isNull() ? " unregistered" : " registered") +
-                 description(callback));
+    const InterfaceObject callback = readOwnObject(call);
+    const InterfaceObject newest = newestOf(type);
+    const InterfaceObject own = removeRegistration(type, call.getSender());
+    if (!own.isNull()) mCalls.sendOneWay(own, bus::kReferenceInterface, bus::kRelease);
+    if (!callback.isNull()) {
+        mTrace.event(typeName(type) + " registered" + description(callback));
+        const InterfaceObject other = newestOf(type);
+        if (!other.isNull()) mTrace.event(typeName(type) + " replaced" + description(other));
+        mCallbacks[type].push_back(callback);
+    } else if (!own.isNull()) {
+        mTrace.event(typeName(type) + " unregistered");
+        traceRestored(type, newest);
+    }
     call.createReply().send();
 }
 
@@ -109,25 +131,36 @@ void DesktopService::sendCommand(sdbus::MethodCall& call) {
         mTrace.message(nameOf(call.getSender()), typeName(type), peekText(call));
         (void)readType(call);  // peeking has gone back to the beginning
     }
-    const auto callback = mCallbacks.find(type);
-    if (callback == mCallbacks.end()) {
+    const std::string sender = call.getSender();
+    if (const auto count = mUnderWay.find(sender);
+        count != mUnderWay.end() && count->second == kMaxUnderWay) {
+        refuse(call, type,
+               sdbus::Error(bus::kErrorLimitsExceeded, "too many commands wait for their answers"));
+        return;
+    }
+    const InterfaceObject receiver = newestOf(type);
+    if (receiver.isNull()) {
         refuse(call, type,
                sdbus::Error(bus::kErrorNoPeer, typeName(type) + " has not registered a callback"));
         return;
     }
+    ++mUnderWay[sender];
     mCalls.begin(
-        callback->second, bus::kCallbackInterface, bus::kOnCommand,
+        receiver, bus::kCallbackInterface, bus::kOnCommand,
         [&call](sdbus::MethodCall& onCommand) { call.copyTo(onCommand, false); },
-        [this, call, type](sdbus::MethodReply* reply, const sdbus::Error* error) {
-            answerCommand(call, type, reply, error);
+        [this, call, type, receiver](sdbus::MethodReply* reply, const sdbus::Error* error) {
+            const auto count = mUnderWay.find(call.getSender());
+            if (--count->second == 0) mUnderWay.erase(count);
+            answerCommand(call, type, receiver, reply, error);
         });
 }
 
-void DesktopService::answerCommand(const sdbus::MethodCall& command, uint8_t type, sdbus::MethodReply* reply,
+void DesktopService::answerCommand(const sdbus::MethodCall& command, uint8_t type,
+                                   const InterfaceObject& receiver, sdbus::MethodReply* reply,
                                    const sdbus::Error* error) try {
     if (error != nullptr) {
         // Under a name of this service: a bus error would read as the death of the service itself.
-        const bool registered = mCallbacks.count(type) != 0;
+        const bool registered = isRegistered(type, receiver.busName);
         refuse(command, type,
                sdbus::Error(registered ? bus::kErrorPeerFailed : bus::kErrorNoPeer,
                             typeName(type) + (registered ? " failed: " : " went before it replied: ") +
@@ -144,8 +177,17 @@ void DesktopService::answerCommand(const sdbus::MethodCall& command, uint8_t typ
 
 void DesktopService::setSurface(sdbus::MethodCall& call) {
     const uint8_t type = readType(call);
-    const InterfaceObject producer = InterfaceObject::read(call);
-    replace(mSurfaces, type, producer);
+    const InterfaceObject producer = readOwnObject(call);
+    const auto before = mSurfaces.find(type);
+    if (before != mSurfaces.end()) {
+        if (before->second.busName != call.getSender() && !isPeer(call.getSender())) {
+            throw sdbus::Error(bus::kErrorAccessDenied,
+                               "the surface is another process's, and the caller has not registered");
+        }
+        mCalls.sendOneWay(before->second, bus::kReferenceInterface, bus::kRelease);
+        mSurfaces.erase(before);
+    }
+    if (!producer.isNull()) mSurfaces[type] = producer;
     mTrace.event(nameOf(call.getSender()) + (producer.isNull() ? " surface-cleared " : " surface-set ") +
                  typeName(type) + description(producer));
     call.createReply().send();
@@ -160,29 +202,46 @@ void DesktopService::getSurface(sdbus::MethodCall& call) {
 
 void DesktopService::onPeerDied(const std::string& busName) {
     const std::string who = nameOf(busName);
-    const auto drop = [&](ObjectsByType& objects, const char* what) {
-        for (auto entry = objects.begin(); entry != objects.end();) {
-            if (entry->second.busName != busName) {
-                ++entry;
-                continue;
-            }
-            mTrace.event(who + " died " + what + " " + typeName(entry->first) + " dropped");
-            entry = objects.erase(entry);
+    for (auto entry = mSurfaces.begin(); entry != mSurfaces.end();) {
+        if (entry->second.busName != busName) {
+            ++entry;
+            continue;
         }
-    };
-    drop(mSurfaces, "surface");
-    drop(mCallbacks, "callback");
+        mTrace.event(who + " died surface " + typeName(entry->first) + " dropped");
+        entry = mSurfaces.erase(entry);
+    }
+    for (const auto& [type, name] : kTypeNames) {
+        if (!isRegistered(type, busName)) continue;
+        const InterfaceObject newest = newestOf(type);
+        (void)removeRegistration(type, busName);
+        mTrace.event(who + " died callback " + name + " dropped");
+        traceRestored(type, newest);
+    }
     mCalls.failCallsTo(busName);
 }
 
-void DesktopService::replace(ObjectsByType& objects, uint8_t type, const InterfaceObject& object) {
-    const InterfaceObject before = objects[type];
-    if (object.isNull()) {
-        objects.erase(type);
-    } else {
-        objects[type] = object;
-    }
-    if (!before.isNull()) mCalls.sendOneWay(before, bus::kReferenceInterface, bus::kRelease);
+InterfaceObject DesktopService::removeRegistration(uint8_t type, const std::string& busName) {
+    const auto entry = mCallbacks.find(type);
+    if (entry == mCallbacks.end()) return {};
+    Registrations& registrations = entry->second;
+    const auto own = std::find_if(registrations.begin(), registrations.end(),
+                                  [&](const auto& object) { return object.busName == busName; });
+    if (own == registrations.end()) return {};
+    const InterfaceObject removed = *own;
+    registrations.erase(own);
+    if (registrations.empty()) mCallbacks.erase(entry);
+    return removed;
+}
+
+InterfaceObject DesktopService::newestOf(uint8_t type) const {
+    const auto entry = mCallbacks.find(type);
+    return entry != mCallbacks.end() ? entry->second.back() : InterfaceObject();
+}
+
+void DesktopService::traceRestored(uint8_t type, const InterfaceObject& newestBefore) const {
+    const InterfaceObject newest = newestOf(type);
+    if (!newest.isNull() && !(newest == newestBefore))
+        mTrace.event(typeName(type) + " restored" + description(newest));
 }
 
 void DesktopService::refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error) try {
@@ -192,11 +251,22 @@ void DesktopService::refuse(const sdbus::MethodCall& call, uint8_t type, const s
     mTrace.event(std::string("SERVICE unanswered ") + exception.what());
 }
 
+bool DesktopService::isRegistered(uint8_t type, const std::string& busName) const {
+    const auto entry = mCallbacks.find(type);
+    return entry != mCallbacks.end() &&
+           std::any_of(entry->second.begin(), entry->second.end(),
+                       [&](const auto& object) { return object.busName == busName; });
+}
+
+bool DesktopService::isPeer(const std::string& busName) const {
+    return std::any_of(kTypeNames.begin(), kTypeNames.end(),
+                       [&](const auto& entry) { return isRegistered(entry.first, busName); });
+}
+
 // A process may register under several types; whatever a process with the HAL in it sends is the HAL's.
 std::string DesktopService::nameOf(const std::string& busName) const {
-    const auto hal = mCallbacks.find(kTypeHal);
-    if (hal != mCallbacks.end() && hal->second.busName == busName) return typeName(kTypeHal);
-    const auto peer = std::find_if(mCallbacks.begin(), mCallbacks.end(),
-                                   [&](const auto& entry) { return entry.second.busName == busName; });
-    return peer != mCallbacks.end() ? typeName(peer->first) : busName;
+    if (isRegistered(kTypeHal, busName)) return typeName(kTypeHal);
+    const auto peer = std::find_if(kTypeNames.begin(), kTypeNames.end(),
+                                   [&](const auto& entry) { return isRegistered(entry.first, busName); });
+    return peer != kTypeNames.end() ? peer->second : busName;
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "AsyncCalls.h"
 #include "WireTypes.h"
@@ -21,6 +22,11 @@ class Trace;
 /**
  * The desktop service: passes commands between the peers that have registered a callback, and keeps surfaces
  * for them. It understands neither commands nor surfaces; both are handed on as they came.
+ *
+ * Of several processes that registered under a type the newest gets its commands; when it goes, the one
+ * before it does again. A process registers, and gives as a surface, objects of its own only, and takes back
+ * only its own registration. A surface of another process is replaced or cleared by processes that have
+ * registered alone. Whatever breaks these rules is refused and changes nothing.
  *
  * Everything happens on the connection's thread, and nothing there ever waits for a peer: a command is begun
  * towards its receiver, and the sender is answered when the receiver answers or dies.
@@ -40,26 +46,33 @@ class DesktopService {
     void collectFinished() { mCalls.collectFinished(); }
 
   private:
-    using ObjectsByType = std::map<uint8_t, vel::desktop_bus::InterfaceObject>;
+    using InterfaceObject = vel::desktop_bus::InterfaceObject;
+    using Registrations = std::vector<InterfaceObject>;  // one for each process, the newest last
 
     void registerCallback(sdbus::MethodCall& call);
     void sendCommand(sdbus::MethodCall& call);
-    void answerCommand(const sdbus::MethodCall& command, uint8_t type, sdbus::MethodReply* reply,
-                       const sdbus::Error* error);
+    void answerCommand(const sdbus::MethodCall& command, uint8_t type, const InterfaceObject& receiver,
+                       sdbus::MethodReply* reply, const sdbus::Error* error);
     void setSurface(sdbus::MethodCall& call);
     void getSurface(sdbus::MethodCall& call);
 
     /** Drops what the peer had registered and ends the commands that wait for it. */
     void onPeerDied(const std::string& busName);
-    /** Stores the object under its type (null removes) and gives back the reference to the one before. */
-    void replace(ObjectsByType& objects, uint8_t type, const vel::desktop_bus::InterfaceObject& object);
+    /** Takes the process's registration out of the type; null when it has none. */
+    InterfaceObject removeRegistration(uint8_t type, const std::string& busName);
+    /** Who gets the commands of a type; null when nobody does. */
+    InterfaceObject newestOf(uint8_t type) const;
+    void traceRestored(uint8_t type, const InterfaceObject& newestBefore) const;
     void refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error);
+    bool isRegistered(uint8_t type, const std::string& busName) const;
+    bool isPeer(const std::string& busName) const;
     std::string nameOf(const std::string& busName) const;
 
     sdbus::IConnection& mConnection;
     const Trace& mTrace;
-    vel::desktop_bus::AsyncCalls mCalls;
-    ObjectsByType mCallbacks;
-    ObjectsByType mSurfaces;
+    std::map<std::string, size_t> mUnderWay;       // commands that wait for their answers, by sender
+    std::map<uint8_t, Registrations> mCallbacks;   // no type without a registration
+    std::map<uint8_t, InterfaceObject> mSurfaces;  // no null ones
+    vel::desktop_bus::AsyncCalls mCalls;  // ends its calls when it goes, which uses the members above
     std::unique_ptr<sdbus::IObject> mObject;
 };

@@ -2,9 +2,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <stdexcept>
 
 #include "AsyncCalls.h"
 #include "DesktopService.h"
@@ -28,7 +27,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-void serve(const std::string& address, const Trace& trace) {
+int serve(const std::string& address, const Trace& trace) try {
     const vel::sim::EndSignals signals;
     const auto connection = sdbus::createSessionBusConnectionWithAddress(address);
     DesktopService service(*connection, trace);
@@ -38,6 +37,10 @@ void serve(const std::string& address, const Trace& trace) {
         service.collectFinished();
         if (!processed) vel::desktop_bus::waitForBusOr(*connection, signals.fd());
     }
+    return EXIT_SUCCESS;
+} catch (const sdbus::Error& error) {
+    if (error.getName() != "org.freedesktop.DBus.Error.FileExists") throw;
+    throw std::runtime_error("another process serves this bus already");
 }
 
 }  // namespace
@@ -45,16 +48,8 @@ void serve(const std::string& address, const Trace& trace) {
 int main(int argc, char** argv) {
     Options options;
     if (const auto code = parse(argc, argv, options)) return *code;
-    vel::sim::applyCommonOptions(options.common);
-    try {
-        serve(options.common.bus, Trace(options.trace));
-        return EXIT_SUCCESS;
-    } catch (const sdbus::Error& error) {
-        const bool taken = error.getName() == "org.freedesktop.DBus.Error.FileExists";
-        std::fprintf(stderr, "desktop_service: %s\n",
-                     taken ? "another process serves this bus already" : error.what());
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "desktop_service: %s\n", error.what());
-    }
-    return EXIT_FAILURE;
+    return vel::sim::runProgram("desktop_service", [&] {
+        vel::sim::applyCommonOptions(options.common);
+        return serve(options.common.bus, Trace(options.trace));
+    });
 }

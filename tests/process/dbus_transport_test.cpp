@@ -7,17 +7,19 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-bus.h>
 
 #include "ChildProcess.h"
 #include "DesktopBusNames.h"
+#include "NextDefinition.h"
 #include "PrivateBus.h"
 #include "Programs.h"
 #include "WaitUntil.h"
@@ -34,6 +36,18 @@ using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 namespace {
 
 using vel::desktop_bus::kAddressVariable;
+
+std::atomic<int> gBusAttempts{0};
+
+}  // namespace
+
+// In place of the bus library's, which is called for each attempt to reach a bus.
+extern "C" int sd_bus_start(sd_bus* bus) {
+    ++gBusAttempts;
+    return nextDefinition<decltype(sd_bus_start)>(__func__)(bus);
+}
+
+namespace {
 
 struct Outcome {
     bool isOk = false;
@@ -93,6 +107,7 @@ std::string answer(const std::string& command) {
 //   link               "linked"; when the service dies later, "died"
 //   send <text>        sends to the application from a thread of its own: "sending", then "sent ok",
 //                      "sent dead" or "sent failed"
+//   attempts <n>       looks for the service n times: "attempts", and how often the bus was tried meanwhile
 //   exit               leaves main() at once
 //
 // The callback answers a command with the command itself, save "hang", which it says and never answers.
@@ -106,6 +121,7 @@ class Peer {
         if (verb == "register") registerCallback();
         if (verb == "link") say(mService->linkToDeath(mRecipient, 0) ? "linked" : "not linked");
         if (verb == "send") sendFromThread(rest);
+        if (verb == "attempts") countAttempts(std::stoi(rest));
         return verb != "exit";
     }
 
@@ -118,6 +134,13 @@ class Peer {
     void registerCallback() {
         const bool done = mService->registerCallback(ClientType::CLIENT_APP, mCallback).isOk();
         say(done ? "registered" : "not registered");
+    }
+
+    void countAttempts(int lookUps) {
+        gBusAttempts = 0;
+        for (int i = 0; i < lookUps; ++i)
+            (void)ICameraDesktop::tryGetService("default", false);
+        say("attempts " + std::to_string(gBusAttempts));
     }
 
     void sendFromThread(const std::string& text) {
@@ -335,27 +358,25 @@ TEST_F(ADesktopService, HostileTextsNeverReachTheCallback) {
         return "taken";
     });
     ASSERT_TRUE(mService->registerCallback(ClientType::CLIENT_CAMERA_HAL, hal).isOk());
-    const auto registered = mProcess->waitForLine("HAL registered");
-    ASSERT_TRUE(registered);
-    std::istringstream object(registered->substr(registered->find(" :")));
-    std::string name, path;
-    object >> name >> path;
     const auto connection = sdbus::createSessionBusConnectionWithAddress(sBus->address());
-    const auto callback = sdbus::createProxy(*connection, name, path);
-    // The reply to a stranger's text, or the name of the error.
+    const auto service =
+        sdbus::createProxy(*connection, vel::desktop_bus::kServiceName, vel::desktop_bus::kServicePath);
+    // The reply to a stranger's text, or the error, which the service passes on.
     const auto call = [&](int fd, uint64_t length) {
         try {
             sdbus::Variant reply;
-            callback->callMethod("OnCommand")
-                .onInterface("korvanta.hardware.camera.desktop.V1_0.ICameraDesktopCallback")
-                .withArguments(sdbus::Variant(sdbus::make_struct(sdbus::UnixFd(fd), length)))
+            service->callMethod(vel::desktop_bus::kSendCommand)
+                .onInterface(vel::desktop_bus::kServiceInterface)
+                .withArguments(static_cast<uint8_t>(ClientType::CLIENT_CAMERA_HAL),
+                               sdbus::Variant(sdbus::make_struct(sdbus::UnixFd(fd), length)))
                 .storeResultsTo(reply);
             return reply.get<std::string>();
         } catch (const sdbus::Error& error) {
-            return error.getName();
+            return error.getMessage();
         }
     };
-    const char* const invalid = "org.freedesktop.DBus.Error.InvalidArgs";
+    const char* const invalid =
+        "HAL failed: org.freedesktop.DBus.Error.InvalidArgs: the command is not acceptable";
 
     const int memory = memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     ASSERT_EQ(ftruncate(memory, 100), 0);
@@ -418,6 +439,34 @@ TEST_F(ADesktopService, ProcessMayExitWithCallsInFlightBothWays) {
     EXPECT_TRUE(mService->ping().isOk());
 }
 
+// The peer answers none of its commands, and the service passes on what two callers send without waiting.
+TEST_F(ADesktopService, PeerHasNoThreadForEveryCommandThatSomebodySends) {
+    const auto app = startApp();
+    const auto threads = [&] {
+        std::ifstream status("/proc/" + std::to_string(app->pid()) + "/status");
+        std::string line;
+        while (std::getline(status, line) && line.rfind("Threads:", 0) != 0) {
+        }
+        return line.empty() ? 0 : std::stoi(line.substr(line.find('\t')));
+    };
+    const int before = threads();
+    for (int caller = 0; caller < 3; ++caller) {
+        const auto connection = sdbus::createSessionBusConnectionWithAddress(sBus->address());
+        const auto service =
+            sdbus::createProxy(*connection, vel::desktop_bus::kServiceName, vel::desktop_bus::kServicePath);
+        for (int i = 0; i < 100; ++i) {
+            auto call = service->createMethodCall(vel::desktop_bus::kServiceInterface,
+                                                  vel::desktop_bus::kSendCommand);
+            call << static_cast<uint8_t>(ClientType::CLIENT_APP) << sdbus::Variant(std::string("hang"));
+            call.dontExpectReply();
+            (void)service->callMethod(call);
+        }
+        EXPECT_TRUE(mProcess->waitForLine("LimitsExceeded")) << caller;
+    }
+    EXPECT_FALSE(sendToApp("one more").isOk);
+    EXPECT_LE(threads(), before + 70);
+}
+
 TEST(ADesktopBus, ThatDiesFailsCallsAndTellsDeaths) {
     PrivateBus bus;
     const auto service = startService(bus.address());
@@ -430,6 +479,25 @@ TEST(ADesktopBus, ThatDiesFailsCallsAndTellsDeaths) {
     EXPECT_NE(service->wait(), 0) << "the service says that it cannot go on";
     EXPECT_TRUE(peer->waitForLine("sent dead"));
     EXPECT_TRUE(peer->waitForLine("died"));
+    EXPECT_TRUE(obeys(*peer, "find", "null"));
+}
+
+TEST(ADesktopBus, ThatCannotBeReachedIsTriedEverMoreSeldom) {
+    const auto peer = startPeer("unix:path=/nonexistent/bus");
+    peer->writeLine("attempts 500");
+    const auto line = peer->waitForLine("attempts ");
+    ASSERT_TRUE(line);
+    const int attempts = std::stoi(line->substr(line->find(' ')));
+    EXPECT_GE(attempts, 1);
+    EXPECT_LT(attempts, 50);
+}
+
+TEST(ADesktopBus, ThatStopsLeavesNobodyWaiting) {
+    PrivateBus bus;
+    const auto service = startService(bus.address());
+    const auto peer = startPeer(bus.address());
+    ASSERT_TRUE(obeys(*peer, "find", "found"));
+    bus.suspend();
     EXPECT_TRUE(obeys(*peer, "find", "null"));
 }
 

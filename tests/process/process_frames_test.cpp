@@ -250,6 +250,40 @@ TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
     EXPECT_EQ(run->wait(kLimit), 1);
 }
 
+// Programs of which one is a script of the test's own.
+class AlteredPrograms {
+  public:
+    AlteredPrograms(const std::string& altered, const std::string& script) {
+        for (const char* name : {"desktop_service", "camera_server", "desktop_app"}) {
+            if (name == altered) continue;
+            std::filesystem::create_symlink(programPath(name), mFolder.path(name));
+        }
+        std::filesystem::permissions(mFolder.write(altered, "#!/bin/sh\n" + script),
+                                     std::filesystem::perms::owner_all);
+    }
+    std::string folder() const { return mFolder.path(""); }
+
+  private:
+    const TemporaryFolder mFolder;
+};
+
+TEST(ARunWithFiles, EndsWhenAPeerHangsOrIsGone) {
+    const TemporaryFolder folder;
+    const std::string input = folder.write(
+        "input", "YUV4MPEG2 W64 H48 F25:1\nFRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x'));
+    const AlteredPrograms hung(
+        "camera_server",
+        "while read -r line; do case \"$line\" in frames*) ;; *) echo \"$line\" ;; esac; done |"
+        "exec '" +
+            programPath("camera_server") + "' \"$@\"\n");
+    const AlteredPrograms gone("desktop_service", "exit 1\n");
+    for (const AlteredPrograms* programs : {&hung, &gone}) {
+        const auto run = startProgram(
+            {"desktop_run", "--programs", programs->folder(), "--patience", "2", "--input", input});
+        EXPECT_EQ(run->wait(8s), 1) << (programs == &hung);
+    }
+}
+
 // Frames on standard input, whose end the run never sees.
 TEST(ARunWithFiles, ThatIsInterruptedLeavesNoOutput) {
     std::string frames = "YUV4MPEG2 W64 H48 F25:1\n";

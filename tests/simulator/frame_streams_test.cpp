@@ -3,27 +3,51 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
+#include <media/NdkImageReader.h>
+#include <pthread.h>
 
+#include <atomic>
+#include <cerrno>
+#include <climits>
 #include <memory>
 
 #include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
+#include "FrameSensor.h"
 #include "FrameStream.h"
+#include "NextDefinition.h"
+#include "PreviewFeed.h"
 #include "ReplacementQueue.h"
+#include "ScriptedProducer.h"
 #include "TestPicture.h"
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
+#include "WaitUntil.h"
 
 namespace {
 
 using namespace vel::sim;
 using android::GraphicBuffer;
 using android::sp;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using ClientType = FakeDesktopService::ClientType;
+
+std::atomic<int> gGrantedThreads{-1};  // before one is refused; negative: all
+
+}  // namespace
+
+// In place of the C library's, so that a test can refuse a thread.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* argument) {
+    if (gGrantedThreads >= 0 && gGrantedThreads-- == 0) return EAGAIN;
+    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
+}
+
+namespace {
 
 // An application of the test's own, which sends what it likes.
 class AFrameStream : public testing::Test {
@@ -94,6 +118,78 @@ TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
     EXPECT_EQ(counts.wrong, 1u);
     EXPECT_EQ(stream.latency().count(), counts.replaced);
     EXPECT_LT(stream.latency().maxNs(), durationNs);
+}
+
+// A HAL that gives slots that do not exist or were never filled, and buffers of another size.
+TEST(AReplacementQueue, WritesIntoNothingButABufferOfTheSizeThatItAskedFor) {
+    constexpr uint32_t kBytes = 4096;
+    constexpr int kNew = ScriptedProducer::BUFFER_NEEDS_REALLOCATION;
+    const sp<ScriptedProducer> hal = new ScriptedProducer;
+    ReplacementQueue queue(new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(hal));
+    int filled = 0;
+    // requested: the bytes of the buffer that the HAL hands out; 0 when none may be asked for.
+    const auto sends = [&](const ScriptedProducer::Dequeue& answer, uint32_t requested) {
+        hal->onDequeue(answer);
+        if (requested != 0) {
+            hal->onRequest({android::NO_ERROR, new GraphicBuffer(requested, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
+                                                                 GRALLOC_USAGE_SW_WRITE_OFTEN)});
+        }
+        return queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { ++filled; });
+    };
+    for (const int status : {0, kNew}) {
+        for (const int slot : {-3, 64, INT_MAX})
+            EXPECT_FALSE(sends({status, slot}, 0)) << status << " " << slot;
+    }
+    EXPECT_FALSE(sends({0, 5}, 0)) << "never requested";
+    EXPECT_FALSE(sends({kNew, 5}, 16)) << "too small";
+    EXPECT_FALSE(sends({0, 5}, 0)) << "and not kept";
+    EXPECT_EQ(filled, 0);
+    EXPECT_TRUE(sends({kNew, 5}, kBytes));
+    EXPECT_TRUE(sends({0, 5}, 0));
+    EXPECT_EQ(filled, 2);
+
+    hal->forgetCalls();
+    hal->onDequeue({android::NO_INIT});  // as after a disconnection by somebody else
+    EXPECT_FALSE(sends({0, 5}, 0)) << "a slot of the connection before";
+    EXPECT_THAT(hal->calls(), Contains("connect api 4"));
+    EXPECT_TRUE(sends({kNew, 5}, kBytes));
+}
+
+// An application whose first buffer is too small for the picture.
+TEST(APreviewFeed, DrawsIntoNothingButABufferOfItsPicturesSize) {
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    const auto helper = DesktopHelperTestAccess::create();
+    const sp<ScriptedProducer> application = new ScriptedProducer;
+    const auto rowBytes = static_cast<uint32_t>(frameRowBytes(kPreviewSize));
+    for (const uint32_t width : {16u, rowBytes}) {
+        application->onDequeue({ScriptedProducer::BUFFER_NEEDS_REALLOCATION, 0});
+        application->onRequest({android::NO_ERROR, new GraphicBuffer(width, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
+                                                                     GRALLOC_USAGE_SW_WRITE_OFTEN)});
+    }
+    service->offerSurface(ClientType::CLIENT_APP,
+                          new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(application));
+    StopSignal end;
+    PreviewFeed feed(helper.get(), end);
+    EXPECT_TRUE(waitUntil([&] { return feed.frames() == 1; }));
+    end.set();
+    feed.join();
+    EXPECT_EQ(application->queued().size(), 2u) << "every slot goes back";
+    vel::host::clearLocalServices();
+}
+
+TEST(AFrameSensor, TellsThatAThreadWasRefusedAndGoesOn) {
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    const auto helper = DesktopHelperTestAccess::create();
+    FrameSensor sensor(helper.get());
+    for (int grants = 0; grants < 4; ++grants) {  // of the session, the preview and the streams
+        testing::internal::CaptureStdout();
+        gGrantedThreads = grants;
+        (void)sensor.execute("frames 0 size=64x48 streams=2 count=2");
+        EXPECT_TRUE(waitUntil([] { return gGrantedThreads < 0; }));
+        sensor.end();
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("no thread for ")) << grants;
+    }
+    vel::host::clearLocalServices();
 }
 
 }  // namespace
