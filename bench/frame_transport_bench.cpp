@@ -1,11 +1,14 @@
 // A frame lent and queued on the queue of an application in another process, by the size of the frame, beside
-// a copy of such a frame into shared memory and beside the same frames through GStreamer's shared memory
-// elements. 4:2:0 pictures.
+// the bare exchange of its packets, a copy of such a frame into shared memory, and the same frames through
+// GStreamer's shared memory elements. 4:2:0 pictures.
 
 #include <benchmark/benchmark.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "Packet.h"
 #include "Percentiles.h"
 #include "RatioReporter.h"
 #include "ServicePeers.h"
@@ -50,7 +54,51 @@ struct Size {
 constexpr Size kSizes[] = {
     {"640x480", 640, 480, 2000}, {"1920x1080", 1920, 1080, 1500}, {"3840x2160", 3840, 2160, 400}};
 
-// --- Processor time ---
+// --- Processes and processors ---
+
+std::vector<pid_t> children() {
+    std::vector<pid_t> all;
+    for (const fs::directory_entry& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream listed(task.path() / "children");
+        for (pid_t child = 0; listed >> child;)
+            all.push_back(child);
+    }
+    return all;
+}
+
+// Keeps this process and its children on the first processor for as long as it lives. A call that wakes a
+// sleeping processor can take ten times as long, and the kernel's choice may stay for a whole run.
+class OneProcessor {
+  public:
+    OneProcessor() {
+        sched_getaffinity(0, sizeof(mUsual), &mUsual);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(firstOf(mUsual), &one);
+        keepOn(one);
+    }
+    ~OneProcessor() { keepOn(mUsual); }
+
+  private:
+    static int firstOf(const cpu_set_t& processors) {
+        int first = 0;
+        while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &processors))
+            ++first;
+        return first;
+    }
+    static void keepOn(const cpu_set_t& processors) {
+        std::vector<pid_t> all = children();
+        all.push_back(getpid());
+        for (const pid_t process : all) {
+            std::error_code ended;
+            for (const auto& task :
+                 fs::directory_iterator("/proc/" + std::to_string(process) + "/task", ended))
+                sched_setaffinity(std::stoi(task.path().filename()), sizeof(processors), &processors);
+        }
+    }
+
+    cpu_set_t mUsual;
+};
 
 double secondsOf(const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
@@ -62,22 +110,26 @@ double secondsOf(int who) {
     return secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime);
 }
 
-// Of this process and of every child that it ever had.
+// Processor time of this process and of every child that it ever had.
 double cpuSeconds() {
     double sum = secondsOf(RUSAGE_SELF) + secondsOf(RUSAGE_CHILDREN);
-    for (const fs::directory_entry& task : fs::directory_iterator("/proc/self/task")) {
-        std::ifstream children(task.path() / "children");
-        for (pid_t child = 0; children >> child;) {
-            clockid_t clock;
-            timespec time = {};
-            if (clock_getcpuclockid(child, &clock) == 0 && clock_gettime(clock, &time) == 0)
-                sum += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-        }
+    for (const pid_t child : children()) {
+        clockid_t clock;
+        timespec time = {};
+        if (clock_getcpuclockid(child, &clock) == 0 && clock_gettime(clock, &time) == 0)
+            sum += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
     }
     return sum;
 }
 
-// --- The product and the copy ---
+template <typename Work>
+void measureWithCpu(benchmark::State& state, Work work) {
+    const double before = cpuSeconds();
+    measureEach(state, work);
+    state.counters["cpu_us"] = (cpuSeconds() - before) * 1e6 / static_cast<double>(state.iterations());
+}
+
+// --- The product, the packets and the copy ---
 
 void lend(benchmark::State& state, const Size& size) {
     VelChiDesktopHelper& helper = ServicePeers::get().helper();
@@ -89,15 +141,68 @@ void lend(benchmark::State& state, const Size& size) {
         return state.SkipWithError("no connection to the queue");
     for (int i = 0; i < 16; ++i)  // until every slot has a buffer of the size
         frame();
-    const double before = cpuSeconds();
-    measureEach(state, frame);
-    state.counters["cpu_us"] = (cpuSeconds() - before) * 1e6 / static_cast<double>(state.iterations());
+    measureWithCpu(state, frame);
+}
+
+void lendOnOneProcessor(benchmark::State& state, const Size& size) {
+    (void)ServicePeers::get();  // first, so that they are kept there too
+    const OneProcessor here;
+    lend(state, size);
+}
+
+// Another process, which has an answer to each packet at once.
+class EchoProcess {
+  public:
+    EchoProcess() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+            throw std::system_error(errno, std::generic_category(), "socketpair");
+        mSocket.reset(ends[0]);
+        mChild = fork();
+        if (mChild == 0) answer(ends);
+        close(ends[1]);
+    }
+    ~EchoProcess() {
+        mSocket.reset();
+        waitpid(mChild, nullptr, 0);
+    }
+
+    bool exchange() {
+        return send(mSocket, &mRequest, sizeof(mRequest), MSG_NOSIGNAL) > 0 &&
+               recv(mSocket, &mReply, sizeof(mReply), 0) > 0;
+    }
+
+  private:
+    [[noreturn]] void answer(const int* ends) {
+        close(ends[0]);
+        while (recv(ends[1], &mRequest, sizeof(mRequest), 0) > 0)
+            (void)send(ends[1], &mReply, sizeof(mReply), MSG_NOSIGNAL);
+        _exit(0);
+    }
+
+    android::base::unique_fd mSocket;
+    pid_t mChild = -1;
+    vel::queue_channel::Request mRequest;
+    vel::queue_channel::Reply mReply;
+};
+
+// What a frame lent and queued costs the kernel.
+void echo(benchmark::State& state, const Size&) {
+    const OneProcessor here;
+    EchoProcess other;
+    const auto exchangeTwice = [&] {
+        if (!other.exchange() || !other.exchange()) state.SkipWithError("the other process is gone");
+    };
+    for (int i = 0; i < 16; ++i)
+        exchangeTwice();
+    measureWithCpu(state, exchangeTwice);
 }
 
 // The bare calls that a lent and queued frame cannot do without, on the same queue.
 void lendBare(benchmark::State& state, const Size& size) {
     using namespace android;
     ServicePeers& peers = ServicePeers::get();
+    const OneProcessor here;
     peers.helper().disconnectProducer();  // one connection at a time
     const sp<IGraphicBufferProducer> producer = new H2BGraphicBufferProducer(
         peers.service().getSurface(VelChiDesktopHelper::ClientType::CLIENT_APP).withDefault(nullptr));
@@ -141,19 +246,28 @@ void copy(benchmark::State& state, const Size& size) {
 
 // --- GStreamer ---
 
-// The sending end in a directory of its own; both go with this object. Its sink copies each frame: when the
-// source writes into the shared memory, the sink often waits for ever.
+// What makes the frames: fakesrc hands out memory of its own, which the sink copies. filesrc writes zeros
+// into the sink's shared memory; when the receiver has not given enough of it back, they are copied after
+// all.
+std::vector<std::string> copiedFrames(const Size& size) {
+    return {"fakesrc", "sizetype=fixed", "sizemax=" + std::to_string(size.bytes())};
+}
+std::vector<std::string> framesWrittenInPlace(const Size& size) {
+    return {"filesrc", "location=/dev/zero", "blocksize=" + std::to_string(size.bytes())};
+}
+
+// The sending end in a directory of its own; both go with this object.
 class GstreamerSender {
   public:
-    explicit GstreamerSender(const Size& size) {
+    GstreamerSender(const Size& size, std::vector<std::string> elements) {
         char directory[] = "/tmp/vel-bench-XXXXXX";
         if (mkdtemp(directory) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
         mDirectory = directory;
         try {
-            mChild = launch({"fakesrc", "sizetype=fixed", "sizemax=" + std::to_string(size.bytes()), "!",
-                             "shmsink", "socket-path=" + socket(),
-                             "shm-size=" + std::to_string(size.bytes() * kGstreamerSlots),
-                             "wait-for-connection=true", "sync=false"});
+            elements.insert(elements.end(), {"!", "shmsink", "socket-path=" + socket(),
+                                             "shm-size=" + std::to_string(size.bytes() * kGstreamerSlots),
+                                             "wait-for-connection=true", "sync=false"});
+            mChild = launch(std::move(elements));
         } catch (const std::exception&) {
             fs::remove(mDirectory);
             throw;
@@ -209,8 +323,8 @@ struct Cost {
 };
 
 // What that many frames cost with the start of the receiving end.
-Cost receive(const Size& size, int frames) {
-    const GstreamerSender sender(size);
+Cost receive(const Size& size, const std::vector<std::string>& source, int frames) {
+    const GstreamerSender sender(size, source);
     const auto start = std::chrono::steady_clock::now();
     const double cpuBefore = cpuSeconds();
     if (sender.startReceiver(frames)->wait(kGstreamerLimit) != 0)
@@ -220,10 +334,11 @@ Cost receive(const Size& size, int frames) {
 }
 
 // The difference of a long and a short run, so that the start of the programs does not count.
+template <std::vector<std::string> (*source)(const Size&)>
 void gstreamer(benchmark::State& state, const Size& size) {
     try {
-        const Cost few = receive(size, kGstreamerStartFrames);
-        const Cost many = receive(size, kGstreamerStartFrames + size.gstreamerFrames);
+        const Cost few = receive(size, source(size), kGstreamerStartFrames);
+        const Cost many = receive(size, source(size), kGstreamerStartFrames + size.gstreamerFrames);
         for (auto _ : state)
             state.SetIterationTime((many.seconds - few.seconds) / size.gstreamerFrames);
         state.counters["cpu_us"] = (many.cpuSeconds - few.cpuSeconds) * 1e6 / size.gstreamerFrames;
@@ -240,13 +355,22 @@ bool registerAll() {
                 ->Unit(benchmark::kMicrosecond);
         };
         add("lent", lend)->Iterations(1000)->UseRealTime();
+        add("lent nearby", lendOnOneProcessor)->Iterations(1000)->UseRealTime();
+        add("echo", echo)->Iterations(1000)->UseRealTime();
         add("memcpy", copy)->Iterations(200)->UseRealTime();
-        add("GStreamer", gstreamer)->Iterations(1)->Repetitions(3)->UseManualTime();
+        add("GStreamer copied", gstreamer<copiedFrames>)->Iterations(1)->Repetitions(3)->UseManualTime();
+        add("GStreamer in place", gstreamer<framesWrittenInPlace>)
+            ->Iterations(1)
+            ->Repetitions(3)
+            ->UseManualTime();
+        addAim({kSubject, "p50_us", 2.5, std::string("lent nearby ") + size.name,
+                std::string("echo ") + size.name});
         sizes.emplace_back(size.name);
     }
-    addAim({kSubject, "p50_us", 1.1, "lent 3840x2160", "lent 640x480"});
+    addAim({kSubject, "p50_us", 1.1, "lent nearby 3840x2160", "lent nearby 640x480"});
     const std::string subject = "frame to another process";
-    for (const auto& [name, run] : {std::pair("/product", &lend), std::pair("/floor", &lendBare)}) {
+    for (const auto& [name, run] :
+         {std::pair("/product", &lendOnOneProcessor), std::pair("/floor", &lendBare)}) {
         benchmark::RegisterBenchmark((subject + name).c_str(), run, kSizes[0])
             ->UseRealTime()
             ->Iterations(2000)
@@ -258,9 +382,17 @@ bool registerAll() {
               {{"lent and queued, median", "lent", "p50_us"},
                {"lent and queued, 99th percentile", "lent", "p99_us"},
                {"lent and queued, CPU of all processes", "lent", "cpu_us"},
+               {"on one processor, median", "lent nearby", "p50_us"},
+               {"on one processor, 99th percentile", "lent nearby", "p99_us"},
+               {"on one processor, CPU of all processes", "lent nearby", "cpu_us"},
+               {"bare packets on one processor, median", "echo", "p50_us"},
+               {"bare packets on one processor, 99th percentile", "echo", "p99_us"},
+               {"bare packets on one processor, CPU of both", "echo", "cpu_us"},
                {"memcpy into shared memory, median", "memcpy", "p50_us"},
-               {"GStreamer with a copy, elapsed", "GStreamer", "real"},
-               {"GStreamer with a copy, CPU of all processes", "GStreamer", "cpu_us"}}});
+               {"GStreamer with a copy, elapsed", "GStreamer copied", "real"},
+               {"GStreamer with a copy, CPU of all processes", "GStreamer copied", "cpu_us"},
+               {"GStreamer written in place, elapsed", "GStreamer in place", "real"},
+               {"GStreamer written in place, CPU of all processes", "GStreamer in place", "cpu_us"}}});
     return true;
 }
 

@@ -108,13 +108,13 @@ void DesktopTransport::watch(const RemoteObject& peer, DeathWatch::Watcher watch
 void DesktopTransport::onPeerDied(SessionId session, const std::string& busName) {
     notifyLater(mDeathWatch.take(session, busName));
     discard(session, mExporter.releaseHolder(session, busName));
-    mProducers.onPeerDied(session, busName);
+    mChannels.onPeerDied(session, busName);
 }
 
 void DesktopTransport::onSessionEnded(SessionId session) {
     notifyLater(mDeathWatch.takeAll(session));
     discard(session, mExporter.releaseSession(session));
-    mProducers.onSessionEnded(session);
+    mChannels.onSessionEnded(session);
 }
 
 // On workers, never on the loop: a recipient takes locks that other threads hold while they wait for a reply,
@@ -141,7 +141,7 @@ void DesktopTransport::publish(SessionId session, Kind kind, const std::string& 
         current.addObject(path, [&](sdbus::IObject& object) {
             addReferenceMethods(object, current.id(), kind, path);
             if (kind == Kind::CALLBACK) addCallbackMethods(object, current, path);
-            if (kind == Kind::PRODUCER) mProducers.addMethods(object, current, path);
+            if (kind == Kind::PRODUCER) addProducerMethods(object, current.id(), path);
         });
     });
 }
@@ -166,6 +166,23 @@ void DesktopTransport::addCallbackMethods(sdbus::IObject& object, BusSession& se
                                           const std::string& path) {
     object.registerMethod(bus::kCallbackInterface, bus::kOnCommand, "v", {"command"}, "v", {"reply"},
                           [this, &session, path](sdbus::MethodCall call) { onCommand(session, path, call); });
+}
+
+void DesktopTransport::addProducerMethods(sdbus::IObject& object, SessionId session,
+                                          const std::string& path) {
+    object.registerMethod(bus::kProducerInterface, bus::kOpenChannel, "", {}, "h", {"channel"},
+                          [this, session, path](const sdbus::MethodCall& call) {
+                              const sp<IBase> producer = mExporter.find(session, Kind::PRODUCER, path);
+                              if (producer == nullptr || !mExporter.isHeldBy(session, call.getSender(), path))
+                                  throw sdbus::Error(bus::kErrorUnknownObject, path + " is no longer there");
+                              auto channel = mChannels.open(
+                                  session, call.getSender(),
+                                  static_cast<ProducerChannels::IGraphicBufferProducer*>(producer.get()));
+                              if (channel < 0) throw sdbus::Error(bus::kErrorFailed, "no channel to be had");
+                              sdbus::MethodReply reply = call.createReply();
+                              reply << sdbus::UnixFd(channel.release(), sdbus::adopt_fd);
+                              reply.send();
+                          });
 }
 
 void DesktopTransport::onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call) {

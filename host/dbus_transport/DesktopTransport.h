@@ -8,7 +8,7 @@
 #include "BusLoop.h"
 #include "DeathLinks.h"
 #include "ObjectExporter.h"
-#include "ProducerStub.h"
+#include "ProducerChannels.h"
 #include "WorkerPool.h"
 
 namespace vel::dbus_transport {
@@ -71,13 +71,14 @@ class DesktopTransport final : private BusListener {
     void publish(SessionId session, Kind kind, const std::string& path);
     void addReferenceMethods(sdbus::IObject& object, SessionId session, Kind kind, const std::string& path);
     void addCallbackMethods(sdbus::IObject& object, BusSession& session, const std::string& path);
+    void addProducerMethods(sdbus::IObject& object, SessionId session, const std::string& path);
     void onCommand(BusSession& session, const std::string& path, sdbus::MethodCall& call);
 
     WorkerPool& mWorkers = *new WorkerPool;
     ObjectExporter mExporter;
     DeathWatch mDeathWatch;
+    ProducerChannels mChannels{mWorkers};
     BusLoop& mLoop = *new BusLoop(*this);  // its thread uses the others
-    ProducerStub& mProducers = *new ProducerStub(mLoop, mWorkers, mExporter);
 };
 
 }  // namespace vel::dbus_transport

@@ -22,25 +22,8 @@ inline constexpr char kOnCommand[] = "OnCommand";  // v -> v
 
 inline constexpr char kProducerInterface[] =
     "android.hardware.graphics.bufferqueue.V1_0.IGraphicBufferProducer";
-// A handle is "ah", its descriptor or none. A buffer is a handle and "uuuiuutt": width, height, stride,
-// format, usage, generation, layers, id. The input of a queued frame is "xiiiiiiiuuah": time, whether it is
-// automatic, data space, crop (left, top, right, bottom), scaling, transform, sticky transform, fence. Its
-// output is "uuuutb": width, height, transform hint, frames pending, next frame, whether a frame was
-// replaced.
-inline constexpr char kRequestBuffer[] = "RequestBuffer";                          // i -> i, buffer
-inline constexpr char kSetMaxDequeuedBufferCount[] = "SetMaxDequeuedBufferCount";  // i -> i
-inline constexpr char kSetAsyncMode[] = "SetAsyncMode";                            // b -> i
-inline constexpr char kDequeueBuffer[] = "DequeueBuffer";                          // uuiu -> ii, handle
-inline constexpr char kQueueBuffer[] = "QueueBuffer";                              // i, input -> i, output
-inline constexpr char kCancelBuffer[] = "CancelBuffer";                            // i, handle -> i
-inline constexpr char kQuery[] = "Query";                                          // i -> ii
-inline constexpr char kConnect[] = "Connect";                                      // ib -> i, output
-inline constexpr char kDisconnect[] = "Disconnect";                                // ii -> i
-inline constexpr char kAllowAllocation[] = "AllowAllocation";                      // b -> i
-inline constexpr char kSetGenerationNumber[] = "SetGenerationNumber";              // u -> i
-inline constexpr char kGetConsumerName[] = "GetConsumerName";                      // -> s
-inline constexpr char kSetDequeueTimeout[] = "SetDequeueTimeout";                  // x -> i
-inline constexpr char kGetUniqueId[] = "GetUniqueId";                              // -> it
+// A new channel to the queue, for a process that holds a reference: the descriptor of a socket.
+inline constexpr char kOpenChannel[] = "OpenChannel";  // -> h
 
 // Every exported object also has this interface. Whoever is handed a reference by the object's own process
 // holds it, and whoever hears of the object from a third one acquires its own. Each is given back by one

@@ -3,7 +3,9 @@
 #include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
 #include <hidl/HidlTransportSupport.h>
 #include <korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h>
+#include <sdbus-c++/sdbus-c++.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <system/window.h>
 #include <unistd.h>
@@ -30,6 +32,7 @@ using korvanta::hardware::camera::desktop::V2_0::ClientType;
 using korvanta::hardware::camera::desktop::V2_0::ICameraDesktop;
 using vel::sim::ChildProcess;
 using vel::sim::PrivateBus;
+namespace bus = vel::desktop_bus;
 
 namespace {
 
@@ -291,6 +294,11 @@ TEST_F(ABlockedDequeue, EndsWhenTheConsumerOrItsProcessGoes) {
     EXPECT_EQ(borrow(mService), nullptr) << "the queues of a dead process are gone";
 }
 
+TEST_F(ABlockedDequeue, EndsWithTheBus) {
+    mBus.kill();
+    EXPECT_EQ(mDequeued.get(), DEAD_OBJECT);
+}
+
 // Counts dequeues.
 struct CountingProducer : LocalProducer {
     using LocalProducer::LocalProducer;
@@ -360,25 +368,50 @@ TEST_F(ARemoteProducer, KeepsItsIdentity) {
     EXPECT_TRUE(one->ping().isOk()) << "a proxy keeps its object";
 }
 
+TEST_F(ARemoteProducer, IsNotHarmedByAnotherClient) {
+    const sp<Producer> producer = borrowFromPeer();
+    const auto connection = sdbus::createSessionBusConnectionWithAddress(mBus.address());
+    const auto service = sdbus::createProxy(*connection, bus::kServiceName, bus::kServicePath);
+    sdbus::Struct<std::string, sdbus::ObjectPath> surface;
+    service->callMethod(bus::kGetSurface)
+        .onInterface(bus::kServiceInterface)
+        .withArguments(static_cast<uint8_t>(kType))
+        .storeResultsTo(surface);
+    const auto object = sdbus::createProxy(*connection, std::get<0>(surface), std::get<1>(surface));
+    const auto openChannel = [&] {
+        sdbus::UnixFd channel;
+        object->callMethod(bus::kOpenChannel).onInterface(bus::kProducerInterface).storeResultsTo(channel);
+        return channel;
+    };
+    EXPECT_THROW(openChannel(), sdbus::Error) << "it holds no reference";
+    object->callMethod(bus::kAcquire).onInterface(bus::kReferenceInterface);
+    const sdbus::UnixFd channel = openChannel();
+    EXPECT_EQ(send(channel.get(), "nonsense", 8, MSG_NOSIGNAL), 8);
+    char reply;
+    EXPECT_EQ(recv(channel.get(), &reply, 1, 0), 0);
+    EXPECT_EQ(connect(producer), OK);
+}
+
 TEST_F(ARemoteProducer, LeavesNoDescriptorsBehind) {
     tell("own");
     SignalFence fence;
     fence.signal();
-    size_t here = 0;
-    std::string there;
-    for (int round = 0; round <= 500; ++round) {
+    const auto useProducer = [&] {
         const sp<Producer> producer = borrow(mService);
         ASSERT_EQ(connect(producer), OK);
         int slot = -1;
         ASSERT_NE(pixelsOf(dequeueNew(producer, &slot), kUsage), nullptr);
         ASSERT_EQ(producer->cancelBuffer(slot, fence.fence()), OK);
         ASSERT_EQ(producer->disconnect(kApi), OK);
-        if (round > 0) continue;
-        here = openDescriptors();
-        there = tell("descriptors");
-    }
-    EXPECT_EQ(openDescriptors(), here);
-    EXPECT_EQ(tell("descriptors"), there);
+    };
+    useProducer();
+    const size_t here = openDescriptors();
+    const int there = std::stoi(tell("descriptors"));
+    for (int round = 0; round < 500; ++round)
+        useProducer();
+    EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= here; }))
+        << "the bus's thread keeps a reply a moment";
+    EXPECT_TRUE(waitUntil([&] { return std::stoi(tell("descriptors")) <= there; }));
 }
 
 }  // namespace

@@ -2,24 +2,35 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <memory>
+#include <sstream>
 
 #include "ChildProcess.h"
+#include "DesktopBusNames.h"
 #include "FrameView.h"
+#include "Packet.h"
 #include "PrivateBus.h"
 #include "Programs.h"
+#include "RawChannelEnd.h"
 #include "TemporaryFolder.h"
 #include "WaitUntil.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Le;
@@ -194,6 +205,158 @@ TEST_F(FramesBetweenProcesses, StartAndStopInChangingSizesWithoutGrowth) {
     EXPECT_TRUE(waitUntil([&] { return descriptorsOf(camera->pid()).size() == descriptors; }))
         << descriptors << " became " << descriptorsOf(camera->pid()).size();
     EXPECT_THAT(residentKib(camera->pid()), Le(memory + kMaxGrowthKib));
+}
+
+// --- Hostile peers ---
+
+namespace bus = vel::desktop_bus;
+using android::base::unique_fd;
+using vel::queue_channel::Operation;
+using vel::queue_channel::Reply;
+using vel::queue_channel::Request;
+using Surface = sdbus::Struct<std::string, sdbus::ObjectPath>;
+
+// A process on the bus that keeps to the bus's rules, and to no channel's.
+class HostilePeer {
+  public:
+    explicit HostilePeer(const std::string& busAddress)
+        : mConnection(sdbus::createSessionBusConnectionWithAddress(busAddress)) {
+        mConnection->enterEventLoopAsync();
+    }
+    ~HostilePeer() { mConnection->leaveEventLoop(); }
+
+    // Channels to the object, as many as its process gives and at most so many.
+    std::vector<RawChannelEnd> openChannels(const Surface& surface, size_t most) {
+        const auto object = sdbus::createProxy(*mConnection, std::get<0>(surface), std::get<1>(surface));
+        object->callMethod(bus::kAcquire).onInterface(bus::kReferenceInterface);
+        std::vector<RawChannelEnd> channels;
+        try {
+            while (channels.size() < most) {
+                sdbus::UnixFd channel;
+                object->callMethod(bus::kOpenChannel)
+                    .onInterface(bus::kProducerInterface)
+                    .storeResultsTo(channel);
+                channels.emplace_back(unique_fd(channel.release()));
+            }
+        } catch (const sdbus::Error&) {
+        }
+        return channels;
+    }
+
+    // Takes the place of the application's surface: this end of the only channel to it.
+    std::future<RawChannelEnd> offerSurface() {
+        mObject = sdbus::createObject(*mConnection, "/hostile");
+        mObject->registerMethod(bus::kOpenChannel).onInterface(bus::kProducerInterface).implementedAs([this] {
+            if (mIsOpen.exchange(true)) throw sdbus::Error(bus::kErrorFailed, "one is enough");
+            unique_fd other;
+            mOpened.set_value(RawChannelEnd::openPair(&other));
+            return sdbus::UnixFd(other.release(), sdbus::adopt_fd);
+        });
+        for (const char* method : {bus::kAcquire, bus::kRelease})
+            mObject->registerMethod(method).onInterface(bus::kReferenceInterface).implementedAs([] {});
+        mObject->finishRegistration();
+        constexpr uint8_t kApplication = 0;
+        sdbus::createProxy(*mConnection, bus::kServiceName, bus::kServicePath)
+            ->callMethod(bus::kSetSurface)
+            .onInterface(bus::kServiceInterface)
+            .withArguments(kApplication, Surface(mConnection->getUniqueName(), "/hostile"));
+        return mOpened.get_future();
+    }
+
+  private:
+    const std::unique_ptr<sdbus::IConnection> mConnection;
+    std::unique_ptr<sdbus::IObject> mObject;
+    std::promise<RawChannelEnd> mOpened;
+    std::atomic<bool> mIsOpen{false};
+};
+
+size_t socketsOf(pid_t pid) {
+    const std::vector<std::string> targets = descriptorsOf(pid);
+    return static_cast<size_t>(std::count_if(targets.begin(), targets.end(), [](const std::string& target) {
+        return target.find("socket:") != std::string::npos;
+    }));
+}
+
+// The camera server owns the reader of the replacements, the application the queue of the captures.
+TEST_F(FramesBetweenProcesses, GoOnWhateverAHostileClientSends) {
+    startFrames("64x48", "streams=2 fps=100", "");
+    ASSERT_TRUE(camera->waitForLine("frames so far: ")) << "every queue has its channel";
+    for (const auto& [name, program] : {std::pair("HAL", camera.get()), std::pair("APP", app.get())}) {
+        const std::string set = name + std::string(" surface-set IMG_SUB ");
+        const std::string line = service->waitForLine(set).value_or("");
+        std::istringstream words(line.substr(line.find(set) + set.size()));
+        std::string busName, path;
+        words >> busName >> path;
+        const size_t sockets = socketsOf(program->pid());
+        {
+            HostilePeer peer(bus.address());
+            std::vector<RawChannelEnd> channels = peer.openChannels({busName, path}, 1000);
+            EXPECT_THAT(channels.size(), AllOf(Ge(16u), Le(64u))) << name;
+            const Request request(Operation::GET_UNIQUE_ID);
+            for (size_t i = 0; i < channels.size(); ++i) {
+                if (i % 4 == 0) channels[i].send(Request(Operation{}));
+                if (i % 4 == 1) channels[i].send(request, 0, std::vector<int>(8, STDERR_FILENO));
+                for (int n = 0; i % 4 == 2 && n < 100000 && channels[i].send(request); ++n)
+                    continue;
+            }
+        }
+        EXPECT_TRUE(waitUntil([&, pid = program->pid()] { return socketsOf(pid) <= sockets; })) << name;
+    }
+    camera->writeLine("frames end");
+    EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+}
+
+// It plays the queue of the preview: answers as it should up to an operation, and there as it should not.
+TEST_F(FramesBetweenProcesses, AreReplacedAfterAHostileApplication) {
+    struct Deed {
+        Operation at;
+        std::function<void(RawChannelEnd&, Reply)> answer;
+    };
+    const Deed deeds[] = {
+        {Operation::CONNECT,
+         [](RawChannelEnd& channel, Reply reply) {
+             reply.version = 0;
+             channel.send(reply);
+         }},
+        {Operation::DEQUEUE_BUFFER, [](RawChannelEnd&, Reply) {}},
+        {Operation::DEQUEUE_BUFFER,
+         [](RawChannelEnd& channel, Reply reply) {
+             while (channel.send(reply))
+                 ++reply.number;
+         }},
+        {Operation::REQUEST_BUFFER,
+         [](RawChannelEnd& channel, Reply reply) {
+             reply.attributes.width = reply.attributes.height = reply.attributes.stride = 1u << 31;
+             const unique_fd memory(memfd_create("small", MFD_CLOEXEC));
+             channel.send(reply, 0, {memory});
+         }},
+    };
+    for (const Deed& deed : deeds) {
+        HostilePeer peer(bus.address());
+        std::future<RawChannelEnd> opened = peer.offerSurface();
+        camera->writeLine("frames 0 size=64x48 fps=100");
+        ASSERT_EQ(opened.wait_for(kLimit), std::future_status::ready);
+        {
+            RawChannelEnd channel = opened.get();
+            Reply reply;
+            for (Request request; channel.receive(request) > 0 && request.operation != deed.at;) {
+                reply.operation = request.operation;
+                reply.number = request.number;
+                reply.status = request.operation == Operation::DEQUEUE_BUFFER ? 1 : 0;  // it needs a buffer
+                channel.send(reply);
+            }
+            reply.operation = deed.at;
+            ++reply.number;
+            deed.answer(channel, reply);
+        }
+        ASSERT_TRUE(camera->waitForLine("frames of 64x48 ready"));
+        configure("64x48", "");
+        EXPECT_TRUE(camera->waitForLine("frames so far: "));
+        camera->writeLine("frames end");
+        EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+        app->writeLine("frames end");
+        ASSERT_TRUE(app->waitForLine("frames ended: "));
+    }
 }
 
 // --- The run with files

@@ -1,0 +1,362 @@
+// Both ends of a channel in one process, each against honest and hostile packets.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <gui/bufferqueue/1.0/H2BGraphicBufferProducer.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <system/window.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <future>
+#include <mutex>
+#include <set>
+
+#include "ConsumerQueue.h"
+#include "LogCapture.h"
+#include "ProducerServer.h"
+#include "RawChannelEnd.h"
+#include "RemoteProducer.h"
+#include "WaitUntil.h"
+
+using namespace android;             // NOLINT(google-build-using-namespace)
+using namespace vel::queue_channel;  // NOLINT(google-build-using-namespace)
+using android::base::unique_fd;
+using android::hardware::Return;
+using android::hardware::Void;
+using android::hardware::graphics::bufferqueue::V1_0::utils::H2BGraphicBufferProducer;
+using BProducer = android::IGraphicBufferProducer;
+
+namespace {
+
+constexpr int kApi = NATIVE_WINDOW_API_CAMERA;
+
+size_t openDescriptors() {
+    DIR* const folder = opendir("/proc/self/fd");
+    size_t count = 0;
+    while (readdir(folder) != nullptr)
+        ++count;
+    closedir(folder);
+    return count;
+}
+
+// What is wrong with a packet.
+struct Fault {
+    const char* name;
+    void (*spoil)(uint16_t& version, Operation& operation, uint32_t& number, int32_t& slot);
+    int extraBytes = 0;
+    int descriptors = 0;
+};
+#define SPOILT(statement)                                                          \
+    [](uint16_t& version, Operation& operation, uint32_t& number, int32_t& slot) { \
+        (void)version, (void)operation, (void)number, (void)slot;                  \
+        statement;                                                                 \
+    }
+const Fault kFaults[] = {
+    {"another version", SPOILT(version = kVersion + 1)},
+    {"operation 0", SPOILT(operation = Operation{})},
+    {"an operation too many", SPOILT(operation = Operation(uint16_t(Operation::GET_UNIQUE_ID) + 1))},
+    {"a slot too high", SPOILT(slot = kSlotCount)},
+    {"a slot too low", SPOILT(slot = kNoSlot - 1)},
+    {"short", SPOILT(), -1},
+    {"empty", SPOILT(), INT_MIN},
+    {"long", SPOILT(), 1},
+    {"a descriptor with a query", SPOILT(operation = Operation::QUERY), 0, 1},
+    {"two descriptors", SPOILT(), 0, 2},
+    {"four descriptors", SPOILT(), 0, 4},
+};
+
+template <typename Packet>
+void sendSpoilt(RawChannelEnd& end, Packet packet, const Fault& fault) {
+    fault.spoil(packet.version, packet.operation, packet.number, packet.slot);
+    end.send(packet, fault.extraBytes, std::vector<int>(fault.descriptors, STDERR_FILENO));
+}
+
+// Counts the dequeues that have begun, and answers a query by what was asked.
+struct CountingProducer : TWGraphicBufferProducer<HGraphicBufferProducer> {
+    using TWGraphicBufferProducer::TWGraphicBufferProducer;
+    Return<void> dequeueBuffer(uint32_t width, uint32_t height, RemoteProducer::PixelFormat format,
+                               uint32_t usage, bool timestamps, dequeueBuffer_cb reply) override {
+        ++begun;
+        return TWGraphicBufferProducer::dequeueBuffer(width, height, format, usage, timestamps, reply);
+    }
+    Return<void> query(int32_t what, query_cb reply) override {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mThreads.insert(gettid());
+        }
+        reply(OK, what);
+        return Void();
+    }
+    size_t threads() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mThreads.size();
+    }
+    std::atomic<int> begun{0};
+
+  private:
+    std::mutex mLock;
+    std::set<pid_t> mThreads;  // that have carried a query out; guarded by mLock
+};
+
+class AChannel : public testing::Test {
+  protected:
+    AChannel() {
+        client->name = "a client";
+        remote = new RemoteProducer(open());
+        producer = new H2BGraphicBufferProducer(remote);
+    }
+    ~AChannel() override { consumer->abandon(); }
+
+    unique_fd open() { return ProducerServer::open(local, client); }
+
+    status_t connect() {
+        BProducer::QueueBufferOutput output;
+        return producer->connect(nullptr, kApi, false, &output);
+    }
+    status_t dequeue(const sp<BProducer>& from, int* slot) {
+        sp<Fence> fence;
+        return from->dequeueBuffer(slot, &fence, 64, 1, PIXEL_FORMAT_RGBA_8888, GRALLOC_USAGE_SW_WRITE_OFTEN,
+                                   nullptr, nullptr);
+    }
+    void expectAlive() {
+        int value = 0;
+        EXPECT_EQ(producer->query(4711, &value), OK);
+        EXPECT_EQ(value, 4711);
+    }
+
+    const ConsumerQueue mQueue;
+    const sp<BProducer> queue = mQueue.producer;
+    const sp<BufferItemConsumer> consumer = mQueue.consumer;
+    const sp<CountingProducer> local = new CountingProducer(queue);
+    const std::shared_ptr<Client> client = std::make_shared<Client>();
+    sp<RemoteProducer> remote;
+    sp<BProducer> producer;
+};
+
+TEST_F(AChannel, EndsAloneWithABadRequest) {
+    Request request(Operation::CANCEL_BUFFER);
+    Reply reply;
+    RawChannelEnd honest(open());
+    ASSERT_TRUE(honest.send(request, 0, {STDERR_FILENO}));
+    EXPECT_EQ(honest.receive(reply), static_cast<ssize_t>(sizeof(reply)));
+    expectAlive();
+    const size_t descriptors = openDescriptors();
+    for (const Fault& fault : kFaults) {
+        SCOPED_TRACE(fault.name);
+        LogCapture log;
+        {
+            RawChannelEnd raw(open());
+            sendSpoilt(raw, request, fault);
+            EXPECT_EQ(raw.receive(reply), 0);
+            EXPECT_FALSE(raw.send(request));
+        }
+        EXPECT_EQ(log.texts(kLogTag).size(), 1u);
+        EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= descriptors; }));
+        expectAlive();
+    }
+}
+
+TEST_F(AChannel, StartsNoThreadForACallerThatIsAlone) {
+    int value = 0;
+    for (int round = 0; round < 20000; ++round)
+        producer->query(round, &value);
+    EXPECT_EQ(value, 19999);
+    EXPECT_LE(local->threads(), 16u);
+}
+
+TEST_F(AChannel, EndsWhenItsRepliesAreLeftUnread) {
+    LogCapture log;
+    RawChannelEnd raw(open());
+    const Request request(Operation::GET_UNIQUE_ID);
+    size_t sent = 0;
+    while (sent < 100000 && raw.send(request))
+        ++sent;
+    EXPECT_LT(sent, 100000u);
+    EXPECT_EQ(log.count("unread"), 1u);
+    expectAlive();
+}
+
+TEST_F(AChannel, LetsCallsPassBesideItsFillOfWaitingDequeues) {
+    ASSERT_EQ(connect(), OK);
+    int slot = -1;
+    ASSERT_GE(dequeue(producer, &slot), 0);
+    ASSERT_GE(dequeue(producer, &slot), 0);
+    std::vector<std::future<status_t>> waiting;
+    for (int i = 1; i < ProducerServer::kMaxThreads; ++i) {
+        waiting.push_back(std::async(std::launch::async, [&] {
+            int got = -1;
+            return dequeue(producer, &got);
+        }));
+        ASSERT_TRUE(waitUntil([&] { return local->begun == 2 + i; }));
+    }
+    int refused = -1;
+    EXPECT_EQ(dequeue(producer, &refused), WOULD_BLOCK);
+    expectAlive();
+    EXPECT_EQ(producer->cancelBuffer(slot, Fence::NO_FENCE), OK);
+    EXPECT_TRUE(waitUntil([&] {
+        for (auto& dequeued : waiting)
+            if (dequeued.wait_for(std::chrono::seconds(0)) == std::future_status::ready) return true;
+        return false;
+    }));
+    consumer->abandon();
+    int gotSlots = 0;
+    for (auto& dequeued : waiting) {
+        const status_t status = dequeued.get();
+        gotSlots += status == OK;
+        EXPECT_TRUE(status == OK || status == NO_INIT) << status;
+    }
+    EXPECT_EQ(gotSlots, 1);
+}
+
+TEST_F(AChannel, GivesBackTheSlotOfADequeueWhoseClientIsGone) {
+    for (const bool isAlive : {true, false}) {
+        ASSERT_TRUE(waitUntil([&] { return connect() == OK; }));
+        int slot = -1;
+        ASSERT_GE(dequeue(producer, &slot), 0);
+        ASSERT_GE(dequeue(producer, &slot), 0);
+        RawChannelEnd raw(open());
+        const int begun = local->begun;
+        const Request request(Operation::DEQUEUE_BUFFER);
+        ASSERT_TRUE(raw.send(request));
+        ASSERT_TRUE(waitUntil([&] { return local->begun == begun + 1; }));
+        if (isAlive) {
+            raw.close();
+            EXPECT_EQ(producer->cancelBuffer(slot, Fence::NO_FENCE), OK);
+        } else {
+            client->isAlive = false;
+            client->disconnectFrom(*local);
+            int ignored = -1;
+            EXPECT_EQ(dequeue(producer, &ignored), DEAD_OBJECT);
+            EXPECT_EQ(local->begun, begun + 1) << "nothing is carried out any more";
+            // To give the slot back may take a connection for a moment.
+            BProducer::QueueBufferOutput output;
+            ASSERT_TRUE(waitUntil([&] { return queue->connect(nullptr, kApi, false, &output) == OK; }));
+        }
+        EXPECT_EQ(queue->setDequeueTimeout(s2ns(30)), OK);
+        EXPECT_GE(dequeue(queue, &slot), 0);
+        if (!isAlive) {
+            EXPECT_GE(dequeue(queue, &slot), 0);
+        }
+        EXPECT_EQ(queue->setDequeueTimeout(-1), OK);
+        EXPECT_EQ(queue->disconnect(kApi), OK);
+    }
+}
+
+TEST_F(AChannel, AnswersEachOfManyCallersWhatItAsked) {
+    ASSERT_EQ(connect(), OK);
+    int slot = -1;
+    ASSERT_GE(dequeue(producer, &slot), 0);
+    ASSERT_GE(dequeue(producer, &slot), 0);
+    auto waiting = std::async(std::launch::async, [&] {
+        int got = -1;
+        return dequeue(producer, &got);
+    });
+    std::vector<std::future<int>> callers;
+    for (int caller = 0; caller < 8; ++caller) {
+        callers.push_back(std::async(std::launch::async, [&, caller] {
+            int wrong = 0;
+            for (int round = 0; round < 300; ++round) {
+                int value = -1;
+                const int asked = caller * 1000 + round;
+                wrong += producer->query(asked, &value) != OK || value != asked;
+            }
+            return wrong;
+        }));
+    }
+    for (auto& caller : callers)
+        EXPECT_EQ(caller.get(), 0);
+    EXPECT_EQ(producer->cancelBuffer(slot, Fence::NO_FENCE), OK);
+    EXPECT_EQ(waiting.get(), OK);
+}
+
+TEST_F(AChannel, MayLeadToAnotherOne) {
+    const auto between = std::make_shared<Client>();
+    const sp<RemoteProducer> far = new RemoteProducer(ProducerServer::open(remote, between));
+    producer = new H2BGraphicBufferProducer(far);
+    ASSERT_EQ(connect(), OK);
+    int slot = -1;
+    ASSERT_EQ(dequeue(producer, &slot), BProducer::BUFFER_NEEDS_REALLOCATION);
+    sp<GraphicBuffer> buffer;
+    ASSERT_EQ(producer->requestBuffer(slot, &buffer), OK);
+    EXPECT_EQ(buffer->getWidth(), 64u);
+    EXPECT_EQ(producer->cancelBuffer(99, Fence::NO_FENCE), BAD_VALUE);
+    EXPECT_EQ(producer->disconnect(kApi), OK);
+    client->isAlive = false;
+    EXPECT_EQ(connect(), DEAD_OBJECT);
+    EXPECT_EQ(connect(), DEAD_OBJECT) << "and so does every later call";
+}
+
+// A proxy whose queue is played by the test.
+class AHostileQueue : public testing::Test {
+  protected:
+    void SetUp() override {
+        unique_fd other;
+        raw = std::make_unique<RawChannelEnd>(RawChannelEnd::openPair(&other));
+        remote = new RemoteProducer(std::move(other));
+        producer = new H2BGraphicBufferProducer(remote);
+    }
+
+    // A reply to the next request, as it should be.
+    Reply replyToNext() {
+        Request request;
+        EXPECT_GT(raw->receive(request), 0);
+        Reply reply;
+        reply.operation = request.operation;
+        reply.number = request.number;
+        return reply;
+    }
+
+    std::unique_ptr<RawChannelEnd> raw;
+    sp<RemoteProducer> remote;
+    sp<BProducer> producer;
+};
+
+TEST_F(AHostileQueue, EndsEveryCallWithABadReply) {
+    std::vector<Fault> faults(std::begin(kFaults), std::end(kFaults));
+    faults.push_back({"a number that nobody has", SPOILT(number += 7)});
+    faults.push_back({"another operation", SPOILT(operation = Operation::CONNECT)});
+    for (const Fault& fault : faults) {
+        SCOPED_TRACE(fault.name);
+        SetUp();
+        LogCapture log;
+        const auto ask = [this] {
+            sp<GraphicBuffer> buffer;
+            return producer->requestBuffer(0, &buffer);
+        };
+        auto first = std::async(std::launch::async, ask);
+        Reply reply = replyToNext();
+        auto second = std::async(std::launch::async, ask);
+        const Reply secondReply = replyToNext();
+        EXPECT_TRUE(raw->send(secondReply, 0, {STDERR_FILENO})) << "an honest one";
+        EXPECT_EQ(second.get(), BAD_VALUE) << "the memory of no buffer";
+        sendSpoilt(*raw, reply, fault);
+        EXPECT_EQ(first.get(), DEAD_OBJECT);
+        EXPECT_EQ(ask(), DEAD_OBJECT);
+        EXPECT_EQ(log.texts(kLogTag).size(), 1u);
+    }
+}
+
+TEST_F(AHostileQueue, CannotPassMemoryThatMayShrinkOrANameWithoutAnEnd) {
+    auto name = std::async(std::launch::async, [this] { return producer->getConsumerName(); });
+    Reply named = replyToNext();
+    std::memset(named.name, 'x', sizeof(named.name));
+    raw->send(named);
+    EXPECT_EQ(name.get().length(), sizeof(named.name));
+
+    auto requested = std::async(std::launch::async, [this] {
+        sp<GraphicBuffer> buffer;
+        return producer->requestBuffer(0, &buffer);
+    });
+    Reply reply = replyToNext();
+    reply.attributes = {64, 1, 64, RemoteProducer::PixelFormat::RGBA_8888, GRALLOC_USAGE_SW_WRITE_OFTEN,
+                        0,  1, 1};
+    const unique_fd memory(memfd_create("unsealed", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    ASSERT_EQ(ftruncate(memory, 64 * 4), 0);
+    raw->send(reply, 0, {memory});
+    EXPECT_EQ(requested.get(), BAD_VALUE);
+}
+
+}  // namespace
