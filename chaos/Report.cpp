@@ -33,7 +33,7 @@ void keepNearest(BoundedCall& nearest, const BoundedCall& other) {
     if (other.share() >= nearest.share()) nearest = other;
 }
 
-constexpr char kRow[] = "%-19s | %6s | %-40s | %-36s | %-12s | %-12s | %-11s | %-7s | %s\n";
+constexpr char kRow[] = "%-19s | %6s | %-42s | %-36s | %-12s | %-12s | %-11s | %-7s | %s\n";
 
 }  // namespace
 
