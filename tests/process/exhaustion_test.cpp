@@ -132,6 +132,7 @@ TEST_F(AnExhaustedLibrary, SkipsFramesWithoutDescriptors) {
             EXPECT_FALSE(sendFrame());
         }
         EXPECT_THAT(errors(), testing::StartsWith(error));
+        EXPECT_EQ(log.count("E A buffer queue has sent what there is no descriptor for"), 1u);
         ASSERT_TRUE(waitUntil([&] { return sendFrame(); })) << error;
         EXPECT_TRUE(app->waitForLine("released"));
     }
