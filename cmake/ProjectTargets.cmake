@@ -1,6 +1,12 @@
 # What every target of the project shares. Flags live on interface targets; nothing is set globally.
 find_package(Threads REQUIRED)
 
+# Where things are installed. The platform's libraries have names that a system may use for others, so they lie in a
+# folder of their own.
+include(GNUInstallDirs)
+set(VEL_PLATFORM_LIBDIR ${CMAKE_INSTALL_LIBDIR}/${PROJECT_NAME})
+set(VEL_PLATFORM_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/${PROJECT_NAME}/platform)
+
 # Warnings and sanitizers, for every target.
 add_library(vel_base_flags INTERFACE)
 target_compile_options(vel_base_flags INTERFACE -Wall -Wextra -Werror -Wformat=2)
@@ -31,12 +37,26 @@ target_include_directories(platform_debian SYSTEM INTERFACE ${ANDROID_INCLUDE_DI
 find_library(ANDROID_LIBLOG log PATH_SUFFIXES android REQUIRED)
 find_library(ANDROID_LIBUTILS utils PATH_SUFFIXES android REQUIRED)
 find_library(ANDROID_LIBCUTILS cutils PATH_SUFFIXES android REQUIRED)
+cmake_path(GET ANDROID_LIBLOG PARENT_PATH ANDROID_LIBDIR)  # not where the loader looks by itself
 target_link_libraries(platform_debian INTERFACE ${ANDROID_LIBLOG} ${ANDROID_LIBUTILS} ${ANDROID_LIBCUTILS})
 
 # RapidJSON is header-only; a system include keeps its own warnings out of ours.
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
 add_library(rapidjson_headers INTERFACE)
 target_include_directories(rapidjson_headers SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+
+# vel_platform_library(<target> <include folder> ...)
+# Makes a shared library of the platform known as platform::<target>, with its headers here and where it is installed.
+function(vel_platform_library target)
+  add_library(platform::${target} ALIAS ${target})
+  foreach(folder ${ARGN})
+    target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${folder}>)
+    install(DIRECTORY ${folder}/ DESTINATION ${VEL_PLATFORM_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+  endforeach()
+  target_include_directories(${target} PUBLIC $<INSTALL_INTERFACE:${VEL_PLATFORM_INCLUDEDIR}>)
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN;${ANDROID_LIBDIR}")
+  install(TARGETS ${target} EXPORT platform LIBRARY DESTINATION ${VEL_PLATFORM_LIBDIR})
+endfunction()
 
 # vel_add_test(<name> SOURCES ... [LIBS ...] [LABELS ...] [TIMEOUT seconds] [ARGS ...])
 # One executable a subject, run as one shuffled test.

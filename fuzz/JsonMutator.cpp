@@ -5,10 +5,7 @@
 #include <vector>
 
 #include "FuzzTarget.h"
-#include "RapidJson.h"
-
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "JsonUtils.h"
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maxSize);
 
@@ -92,9 +89,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
     document.Parse(reinterpret_cast<const char*>(data), size);
     if (document.HasParseError() || seed % 4 == 0) return LLVMFuzzerMutate(data, size, maxSize);
     Mutation(document, seed).apply();
-    rapidjson::StringBuffer text;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
-    if (!document.Accept(writer) || text.GetSize() > maxSize) return LLVMFuzzerMutate(data, size, maxSize);
-    std::memcpy(data, text.GetString(), text.GetSize());
-    return text.GetSize();
+    const std::string text = android::JsonUtils::toString(document);
+    if (text.empty() || text.size() > maxSize) return LLVMFuzzerMutate(data, size, maxSize);
+    std::memcpy(data, text.data(), text.size());
+    return text.size();
 }

@@ -11,6 +11,7 @@
 #include <utils/StrongPointer.h>  // after <cstdint>, which it needs
 
 #include "Export.h"
+#include "ThreadSafety.h"
 
 namespace android {
 class GraphicBuffer;
@@ -122,13 +123,13 @@ class VEL_EXPORT VelChiDesktopHelper {
      * The lowest framework id whose camera is open as overrideId, or INVALID_CAMERA_ID (with an error line
      * when overrideId is out of range). The caller holds mSettingsLock.
      */
-    uint32_t getOriginalFwkIdLocked(uint32_t overrideId) const;
+    uint32_t getOriginalFwkIdLocked(uint32_t overrideId) const VEL_REQUIRES(mSettingsLock);
 
     /**
      * The id open for fwkId, or INVALID_CAMERA_ID with an error line when fwkId is out of range or its camera
      * is closed. The caller holds mSettingsLock.
      */
-    uint32_t getCurrentOverrideIdLocked(uint32_t fwkId) const;
+    uint32_t getCurrentOverrideIdLocked(uint32_t fwkId) const VEL_REQUIRES(mSettingsLock);
 
     /** The id open for fwkId, else fwkId itself (with the error line of getCurrentOverrideIdLocked). */
     uint32_t getCurrentOverrideId(uint32_t fwkId);
@@ -269,10 +270,10 @@ class VEL_EXPORT VelChiDesktopHelper {
      * start; when found, the callback and the death recipient are registered. True when connected afterwards.
      * The caller holds mServiceLock (the constructor, which nobody else sees yet, does not).
      */
-    VEL_LOCAL bool connectToServiceLocked();
+    VEL_LOCAL bool connectToServiceLocked() VEL_REQUIRES(mServiceLock);
 
     /** Ends the death registration and drops the proxy. The caller holds mServiceLock. */
-    VEL_LOCAL void disconnectFromServiceLocked();
+    VEL_LOCAL void disconnectFromServiceLocked() VEL_REQUIRES(mServiceLock);
 
     /**
      * Drops the dead proxy and starts a detached thread that tries to connect three times, 500 ms apart.
@@ -328,7 +329,7 @@ class VEL_EXPORT VelChiDesktopHelper {
 
     VEL_LOCAL VelChiDesktopHelper();
 
-    VEL_LOCAL void fillDesktopSettings();
+    VEL_LOCAL void fillDesktopSettings() VEL_REQUIRES(mSettingsLock);
     VEL_LOCAL void setImgSubSurface(const android::sp<HidlProducer>& producer);
     VEL_LOCAL bool replaceImgSubHelper(const std::shared_ptr<VelImgSubHelper>& next);
     VEL_LOCAL void setServiceProxy(const android::sp<ICameraDesktop>& proxy);
@@ -336,7 +337,7 @@ class VEL_EXPORT VelChiDesktopHelper {
     VEL_LOCAL void reconnectToService();
     VEL_LOCAL void handleCameraOpenEvent(const JsonValue& event);
     VEL_LOCAL void handleCameraClosedEvent(const JsonValue& event);
-    VEL_LOCAL bool isAnyCameraDesktopLocked() const;
+    VEL_LOCAL bool isAnyCameraDesktopLocked() const VEL_REQUIRES(mSettingsLock);
     VEL_LOCAL std::string answerOverrideId(const JsonValue& get);
     VEL_LOCAL uint32_t overrideIdForClient(uint32_t originalId, const std::string& clientName);
 
@@ -345,10 +346,10 @@ class VEL_EXPORT VelChiDesktopHelper {
     android::sp<ICameraDesktop> mCameraDesktop;  // null while not connected; copied through serviceProxy()
     uint32_t mAppWidth = 0;                      // of the application's buffers, in pixels
     uint32_t mAppHeight = 0;
-    uint32_t mAppFormat = 0;                         // platform pixel format
-    int32_t mAppDequeuedSlot = -1;                   // slot lent to the HAL, -1 for none
-    std::mutex mSettingsLock;                        // every field of every record below
-    DesktopSettings mDesktopSettings[kCameraCount];  // by framework id
+    uint32_t mAppFormat = 0;        // platform pixel format
+    int32_t mAppDequeuedSlot = -1;  // slot lent to the HAL, -1 for none
+    std::mutex mSettingsLock;       // every field of every record below
+    DesktopSettings mDesktopSettings[kCameraCount] VEL_GUARDED_BY(mSettingsLock);  // by framework id
     android::sp<android::GraphicBuffer> mAppBuffers[kAppSlotCount];
     android::sp<CamDesktopCallback> mCallback;
     android::sp<android::IGraphicBufferProducer> mAppProducer;

@@ -8,6 +8,7 @@
 #include <utils/StrongPointer.h>  // after <cstdint>, which it needs
 
 #include "Export.h"
+#include "ThreadSafety.h"
 
 namespace android {
 class GraphicBuffer;
@@ -96,7 +97,7 @@ class VEL_EXPORT VelImgSubHelper {
      * replacement or no connection. The lock is let go during each pause of the wait.
      */
     android::sp<android::GraphicBuffer> imgSubAcquireFrame(uint32_t streamIndex,
-                                                           std::shared_ptr<AImage>& outImage);
+                                                           std::shared_ptr<AImage>& outImage) VEL_UNCHECKED;
 
     /** Lets go of the HAL's reference to a replacement. Takes no lock. */
     void imgSubReleaseFrame(uint32_t streamIndex, std::shared_ptr<AImage> image);
@@ -105,10 +106,10 @@ class VEL_EXPORT VelImgSubHelper {
     void setImgSubAppConnected(bool connected);
 
     /** Connects to the application's queue unless connected; true when usable. The caller holds mLock. */
-    VEL_LOCAL bool connectImgSubProducer_locked();
+    VEL_LOCAL bool connectImgSubProducer_locked() VEL_REQUIRES(mLock);
 
     /** Disconnects from the application's queue and drops it. The caller holds mLock. */
-    VEL_LOCAL void disconnectImgSubProducer_locked();
+    VEL_LOCAL void disconnectImgSubProducer_locked() VEL_REQUIRES(mLock);
 
   private:
     friend struct ImgSubHelperTestAccess;
@@ -118,27 +119,29 @@ class VEL_EXPORT VelImgSubHelper {
 
     VEL_LOCAL android::sp<android::GraphicBuffer> handOut_locked(uint32_t streamIndex,
                                                                  const std::shared_ptr<AImage>& image,
-                                                                 std::shared_ptr<AImage>& outImage);
-    VEL_LOCAL bool mayWaitForImage_locked() const;
-    VEL_LOCAL int32_t drainReader_locked();
-    VEL_LOCAL void fileImage_locked(AImage* image);
+                                                                 std::shared_ptr<AImage>& outImage)
+        VEL_REQUIRES(mLock);
+    VEL_LOCAL bool mayWaitForImage_locked() const VEL_REQUIRES(mLock);
+    VEL_LOCAL int32_t drainReader_locked() VEL_REQUIRES(mLock);
+    VEL_LOCAL void fileImage_locked(AImage* image) VEL_REQUIRES(mLock);
 
     std::mutex mLock;
-    android::sp<android::IGraphicBufferProducer>
-        mImgSubProducer;  // the application's queue, null until connected
+    android::sp<android::IGraphicBufferProducer> mImgSubProducer
+        VEL_GUARDED_BY(mLock);  // the application's queue, null until connected
     android::sp<HidlProducer> mReaderProducer;
     AImageReader* mImageReader;  // owned
     uint32_t mOutputWidth;       // of outbound buffers
     uint32_t mOutputHeight;
-    uint32_t mOutputFormat;                // platform pixel format
-    int32_t mDequeuedSlots[kStreamCount];  // slot lent to the HAL, -1 for none
-    uint32_t mImageWidth;                  // of one frame, in pixels
+    uint32_t mOutputFormat;                                      // platform pixel format
+    int32_t mDequeuedSlots[kStreamCount] VEL_GUARDED_BY(mLock);  // slot lent to the HAL, -1 for none
+    uint32_t mImageWidth;                                        // of one frame, in pixels
     uint32_t mImageHeight;
-    std::atomic<bool> mImgSubAppConnected;  // written without mLock
-    uint32_t mMaxStreamIndex = 0;           // highest stream a buffer was asked for
+    std::atomic<bool> mImgSubAppConnected;               // written without mLock
+    uint32_t mMaxStreamIndex VEL_GUARDED_BY(mLock) = 0;  // highest stream a buffer was asked for
     bool mMergeStreams;
-    std::shared_ptr<AImage> mReceivedImages[kStreamCount];  // newest of each stream
-    std::shared_ptr<AImage> mHeldImages[kStreamCount];      // last handed to the HAL
+    std::shared_ptr<AImage> mReceivedImages[kStreamCount] VEL_GUARDED_BY(mLock);  // newest of each stream
+    std::shared_ptr<AImage> mHeldImages[kStreamCount] VEL_GUARDED_BY(mLock);      // last handed to the HAL
     VelChiDesktopHelper* mHelper;
-    android::sp<android::GraphicBuffer> mImgSubBuffers[kSlotCount];  // outbound, by slot
+    android::sp<android::GraphicBuffer> mImgSubBuffers[kSlotCount] VEL_GUARDED_BY(
+        mLock);  // outbound, by slot
 };

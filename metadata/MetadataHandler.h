@@ -7,6 +7,7 @@
 
 #include "DesktopCaptureMetadata.h"
 #include "RapidJson.h"
+#include "ThreadSafety.h"
 
 /**
  * Turns the metadata of a capture into a JSON object and back, and keeps the two filters that say which tags
@@ -46,8 +47,8 @@ class MetadataHandler {
      * strings are skipped; a list that is no array empties the filter. A name ends at its first NUL. Takes
      * mLock throughout, so that an export sees the old filter or the new one.
      */
-    void setRequestsOfInterest(const rapidjson::Value& list);
-    void setResultsOfInterest(const rapidjson::Value& list);
+    void setRequestsOfInterest(const rapidjson::Value& list) VEL_UNCHECKED;
+    void setResultsOfInterest(const rapidjson::Value& list) VEL_UNCHECKED;
 
     /**
      * Appends to out, an object, a member for each tag of the capture's filter that its buffer holds; a null
@@ -96,8 +97,8 @@ class MetadataHandler {
     bool resolveTagId(const std::string& name, unsigned* id);
     void convertMember(DesktopCaptureMetadata& md, const std::string& name, const rapidjson::Value& values);
 
-    std::mutex mLock;  // guards the two filters
-    TagIds mRequestsOfInterest;
-    TagIds mResultsOfInterest;
+    std::mutex mLock;
+    TagIds mRequestsOfInterest VEL_GUARDED_BY(mLock);
+    TagIds mResultsOfInterest VEL_GUARDED_BY(mLock);
     VendorTagCallback mVendorTagCallback;  // guarded by a lock of its own
 };

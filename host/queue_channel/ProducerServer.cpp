@@ -21,7 +21,6 @@ using QueueBufferOutput = IGraphicBufferProducer::QueueBufferOutput;
 
 namespace {
 
-// Enough that a caller which is quicker than the thread that has answered it has no other one started.
 constexpr int kMaxReaders = 4;
 
 // A dequeue that waits when its client is disconnected may get one of the slots that this frees.
@@ -89,7 +88,7 @@ void ProducerServer::serve() {
         if (received == Received::MALFORMED) return end("a packet makes no sense");
         const bool mayWait = leaveReader();
         carryOut(request, fence, mayWait);
-    } while (becomeReader());
+    } while (mayStay());
 }
 
 // False when no other thread waits for requests.
@@ -98,14 +97,17 @@ bool ProducerServer::leaveReader() {
     return --mReaders > 0 || addThreadLocked();
 }
 
-bool ProducerServer::becomeReader() {
+void ProducerServer::becomeReader() {
     std::lock_guard<std::mutex> lock(mLock);
-    if (mReaders == kMaxReaders) {
-        --mThreads;
-        return false;
-    }
     ++mReaders;
-    return true;
+}
+
+bool ProducerServer::mayStay() {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mReaders <= kMaxReaders) return true;
+    --mReaders;
+    --mThreads;
+    return false;
 }
 
 // As the platform does for its own services: a producer of this process that breaks the rules about its reply
@@ -217,6 +219,7 @@ ProducerServer::Return ProducerServer::tell(android::hardware::Return<int32_t> s
 bool ProducerServer::respond(Answer& answer, int32_t status, const hidl_handle& handle) {
     ++answer.count;
     answer.reply.status = status;
+    becomeReader();  // before the caller can be quicker than this thread
     int error = EPIPE;
     if (mClient->isAlive) error = send(mSocket, &answer.reply, sizeof(answer.reply), handle, MSG_DONTWAIT);
     if (error != 0)

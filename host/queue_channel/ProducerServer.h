@@ -50,7 +50,8 @@ class ProducerServer : public std::enable_shared_from_this<ProducerServer> {
     bool addThreadLocked();
     void serve();
     bool leaveReader();
-    bool becomeReader();
+    void becomeReader();
+    bool mayStay();
     void carryOut(const Request& request, const hidl_handle& fence, bool mayWait);
     Return call(const Request& request, const hidl_handle& fence, Answer& answer);
     Return tell(android::hardware::Return<int32_t> status, Answer& answer);
@@ -63,7 +64,7 @@ class ProducerServer : public std::enable_shared_from_this<ProducerServer> {
 
     std::mutex mLock;  // guards the fields below
     int mThreads = 0;
-    int mReaders = 0;  // threads that wait for a request
+    int mReaders = 0;  // threads that wait for a request, or will once their reply is sent
     bool mHasEnded = false;
 };
 

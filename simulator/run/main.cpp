@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -92,10 +93,9 @@ const CLI::Validator kFileName(
     },
     "");
 
-std::string directoryOf(const char* program) {
-    const std::string path = program;
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash);
+// However it was started.
+std::string ownDirectory() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
 std::optional<int> parse(int argc, char** argv, Options& options) {
@@ -104,7 +104,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         "desktop service, the desktop application and the camera server on a private bus. Prints the "
         "timeline, writes out/contact-sheet.png, and fails, naming what is missing, unless all went as "
         "expected. Leaves no process behind.");
-    options.directory = directoryOf(argv[0]);
+    options.directory = ownDirectory();
     cli.add_option("--programs", options.directory,
                    "folder of the three programs (default: this program's own)")
         ->type_name("FOLDER");
