@@ -27,7 +27,7 @@ constexpr std::chrono::nanoseconds kMargin = 10s, kBoundWithoutWait = 3s;
 constexpr size_t kMoreMemoryKib = SIZE_MAX / 2;  // a sanitizer keeps what was freed
 #else
 constexpr std::chrono::nanoseconds kMargin = 2s, kBoundWithoutWait = 500ms;
-constexpr size_t kMoreMemoryKib = 8 * 1024;
+constexpr size_t kMoreMemoryKib = size_t{8} * 1024;
 #endif
 constexpr auto kHangLimit = 20s;
 constexpr unsigned kRoundLimitSeconds = 120;

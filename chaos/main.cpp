@@ -15,6 +15,7 @@
 #include "Workload.h"
 
 // For a leak checker: the bus library keeps memory of each attempt to reach a bus that is not there.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the checker's
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:sd_bus_new\n";
 }
