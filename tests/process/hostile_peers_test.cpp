@@ -164,8 +164,7 @@ TEST_F(AmongStrangers, TheCameraServerWaitsForNobody) {
     EXPECT_TRUE(camera->wait(10s));
 }
 
-// --- Exhausted and closed
-// ----------------------------------------------------------------------------------------------
+// --- Exhausted and closed ---
 
 // The program, as the shell starts it: before and behind its name stands what its surroundings are.
 std::unique_ptr<ChildProcess> startInShell(const std::string& before, const std::string& program,
