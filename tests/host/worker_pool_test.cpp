@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
-#include <vector>
 
 #include "NextDefinition.h"
 #include "WaitUntil.h"
@@ -26,22 +25,6 @@ void countThisThread() {
     (void)counted;
 }
 
-// Pieces of work that wait.
-struct Gate {
-    WorkerPool::Work work() {
-        return [this] {
-            countThisThread();
-            ++entered;
-            opened.wait();
-        };
-    }
-    void open() { promise.set_value(); }
-
-    std::promise<void> promise;
-    std::shared_future<void> opened = promise.get_future().share();
-    std::atomic<size_t> entered{0};
-};
-
 }  // namespace
 
 // In place of the C library's, so that a test can refuse a thread.
@@ -54,13 +37,19 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 // Pools are never destroyed.
 TEST(AWorkerPool, BoundsThePeersAndShrinksThoughItIsNeverIdle) {
     static WorkerPool& pool = *new WorkerPool(std::chrono::milliseconds(300));
-    static Gate& gate = *new Gate;
+    static std::promise<void> gate;
+    static std::atomic<size_t> entered{0};
+    const auto work = [opened = gate.get_future().share()] {
+        countThisThread();
+        ++entered;
+        opened.wait();
+    };
     for (size_t i = 0; i < WorkerPool::kMaxForPeer; ++i)
-        EXPECT_TRUE(pool.postFor(":1.1", gate.work()));
-    EXPECT_FALSE(pool.postFor(":1.1", gate.work()));
-    EXPECT_TRUE(pool.postFor(":1.2", gate.work())) << "the others go on";
-    ASSERT_TRUE(waitUntil([] { return gate.entered == WorkerPool::kMaxForPeer + 1; }));
-    gate.open();
+        EXPECT_TRUE(pool.postFor(":1.1", work));
+    EXPECT_FALSE(pool.postFor(":1.1", work));
+    EXPECT_TRUE(pool.postFor(":1.2", work)) << "the others go on";
+    ASSERT_TRUE(waitUntil([] { return entered == WorkerPool::kMaxForPeer + 1; }));
+    gate.set_value();
     // One after the other, without a pause.
     EXPECT_TRUE(waitUntil([] {
         std::promise<void> done;
