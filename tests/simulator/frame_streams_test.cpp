@@ -18,7 +18,6 @@
 #include "FrameSensor.h"
 #include "FrameStream.h"
 #include "NextDefinition.h"
-#include "PreviewFeed.h"
 #include "ReplacementQueue.h"
 #include "ScriptedProducer.h"
 #include "TestPicture.h"
@@ -31,7 +30,6 @@ namespace {
 using namespace vel::sim;
 using android::GraphicBuffer;
 using android::sp;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using ClientType = FakeDesktopService::ClientType;
@@ -126,55 +124,34 @@ TEST(AReplacementQueue, WritesIntoNothingButABufferOfTheSizeThatItAskedFor) {
     constexpr int kNew = ScriptedProducer::BUFFER_NEEDS_REALLOCATION;
     const sp<ScriptedProducer> hal = new ScriptedProducer;
     ReplacementQueue queue(new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(hal));
-    int filled = 0;
-    // requested: the bytes of the buffer that the HAL hands out; 0 when none may be asked for.
-    const auto sends = [&](const ScriptedProducer::Dequeue& answer, uint32_t requested) {
+    const struct {
+        ScriptedProducer::Dequeue answer;
+        uint32_t requested;  // the bytes of the buffer that the HAL hands out; 0 when none may be asked for
+        bool isSent;
+    } rows[] = {
+        {{kNew, -3}, 0, false},
+        {{kNew, 64}, 0, false},
+        {{0, INT_MAX}, 0, false},
+        {{0, 5}, 0, false},  // never requested
+        {{kNew, 5}, 16, false},
+        {{0, 5}, 0, false},  // and not kept
+        {{kNew, 5}, kBytes, true},
+        {{0, 5}, 0, true},
+        {{android::NO_INIT}, 0, false},  // as after a disconnection by somebody else
+        {{0, 5}, 0, false},              // a slot of the connection before
+        {{kNew, 5}, kBytes, true},
+    };
+    for (const auto& [answer, requested, isSent] : rows) {
+        SCOPED_TRACE(answer.slot);
         hal->onDequeue(answer);
         if (requested != 0) {
             hal->onRequest({android::NO_ERROR, new GraphicBuffer(requested, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
                                                                  GRALLOC_USAGE_SW_WRITE_OFTEN)});
         }
-        return queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { ++filled; });
-    };
-    for (const int status : {0, kNew}) {
-        for (const int slot : {-3, 64, INT_MAX})
-            EXPECT_FALSE(sends({status, slot}, 0)) << status << " " << slot;
+        bool isFilled = false;
+        EXPECT_EQ(queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { isFilled = true; }), isSent);
+        EXPECT_EQ(isFilled, isSent);
     }
-    EXPECT_FALSE(sends({0, 5}, 0)) << "never requested";
-    EXPECT_FALSE(sends({kNew, 5}, 16)) << "too small";
-    EXPECT_FALSE(sends({0, 5}, 0)) << "and not kept";
-    EXPECT_EQ(filled, 0);
-    EXPECT_TRUE(sends({kNew, 5}, kBytes));
-    EXPECT_TRUE(sends({0, 5}, 0));
-    EXPECT_EQ(filled, 2);
-
-    hal->forgetCalls();
-    hal->onDequeue({android::NO_INIT});  // as after a disconnection by somebody else
-    EXPECT_FALSE(sends({0, 5}, 0)) << "a slot of the connection before";
-    EXPECT_THAT(hal->calls(), Contains("connect api 4"));
-    EXPECT_TRUE(sends({kNew, 5}, kBytes));
-}
-
-// An application whose first buffer is too small for the picture.
-TEST(APreviewFeed, DrawsIntoNothingButABufferOfItsPicturesSize) {
-    const sp<FakeDesktopService> service = FakeDesktopService::start();
-    const auto helper = DesktopHelperTestAccess::create();
-    const sp<ScriptedProducer> application = new ScriptedProducer;
-    const auto rowBytes = static_cast<uint32_t>(frameRowBytes(kPreviewSize));
-    for (const uint32_t width : {16u, rowBytes}) {
-        application->onDequeue({ScriptedProducer::BUFFER_NEEDS_REALLOCATION, 0});
-        application->onRequest({android::NO_ERROR, new GraphicBuffer(width, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
-                                                                     GRALLOC_USAGE_SW_WRITE_OFTEN)});
-    }
-    service->offerSurface(ClientType::CLIENT_APP,
-                          new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(application));
-    StopSignal end;
-    PreviewFeed feed(helper.get(), end);
-    EXPECT_TRUE(waitUntil([&] { return feed.frames() == 1; }));
-    end.set();
-    feed.join();
-    EXPECT_EQ(application->queued().size(), 2u) << "every slot goes back";
-    vel::host::clearLocalServices();
 }
 
 TEST(AFrameSensor, TellsThatAThreadWasRefusedAndGoesOn) {
