@@ -172,6 +172,23 @@ TEST_F(AChannel, CarriesMemoryAndFencesBothWays) {
     EXPECT_EQ(dequeued->wait(0), OK);
 }
 
+TEST_F(AChannel, GivesAFenceAndABufferAlsoWhenItFails) {
+    ASSERT_EQ(connect(), OK);
+    for (const int status : {int{BProducer::BUFFER_NEEDS_REALLOCATION}, int{NO_INIT}}) {
+        slot = 8;
+        EXPECT_EQ(dequeue(), status);
+        EXPECT_EQ(slot, 0);
+        ASSERT_NE(dequeued, nullptr);
+        EXPECT_FALSE(dequeued->isValid());
+        sp<GraphicBuffer> buffer;
+        EXPECT_LT(producer->requestBuffer(5, &buffer), OK);
+        ASSERT_NE(buffer, nullptr);
+        EXPECT_EQ(buffer->initCheck(), OK) << "only the status tells";
+        EXPECT_EQ(buffer->getWidth(), 0u);
+        consumer->abandon();
+    }
+}
+
 TEST_F(AChannel, EndsAloneWithABadRequest) {
     Request request(Operation::CANCEL_BUFFER);
     Reply reply;

@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
-#include <pthread.h>
 
-#include <atomic>
-#include <cerrno>
 #include <climits>
 #include <memory>
 
@@ -15,9 +12,8 @@
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
-#include "FrameSensor.h"
 #include "FrameStream.h"
-#include "NextDefinition.h"
+#include "PreviewFeed.h"
 #include "ReplacementQueue.h"
 #include "ScriptedProducer.h"
 #include "TestPicture.h"
@@ -33,19 +29,6 @@ using android::sp;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using ClientType = FakeDesktopService::ClientType;
-
-std::atomic<int> gGrantedThreads{-1};  // before one is refused; negative: all
-
-}  // namespace
-
-// In place of the C library's, so that a test can refuse a thread.
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                              void* argument) {
-    if (gGrantedThreads >= 0 && gGrantedThreads-- == 0) return EAGAIN;
-    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
-}
-
-namespace {
 
 // An application of the test's own, which sends what it likes.
 class AFrameStream : public testing::Test {
@@ -154,18 +137,25 @@ TEST(AReplacementQueue, WritesIntoNothingButABufferOfTheSizeThatItAskedFor) {
     }
 }
 
-TEST(AFrameSensor, TellsThatAThreadWasRefusedAndGoesOn) {
+// An application whose first buffer is too small for the picture.
+TEST(APreviewFeed, DrawsIntoNothingButABufferOfItsPicturesSize) {
     const sp<FakeDesktopService> service = FakeDesktopService::start();
     const auto helper = DesktopHelperTestAccess::create();
-    FrameSensor sensor(helper.get());
-    for (int grants = 0; grants < 4; ++grants) {  // of the session, the preview and the streams
-        testing::internal::CaptureStdout();
-        gGrantedThreads = grants;
-        (void)sensor.execute("frames 0 size=64x48 streams=2 count=2");
-        EXPECT_TRUE(waitUntil([] { return gGrantedThreads < 0; }));
-        sensor.end();
-        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("no thread for ")) << grants;
+    const sp<ScriptedProducer> application = new ScriptedProducer;
+    const auto rowBytes = static_cast<uint32_t>(frameRowBytes(kPreviewSize));
+    for (const uint32_t width : {16u, rowBytes}) {
+        application->onDequeue({ScriptedProducer::BUFFER_NEEDS_REALLOCATION, 0});
+        application->onRequest({android::NO_ERROR, new GraphicBuffer(width, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
+                                                                     GRALLOC_USAGE_SW_WRITE_OFTEN)});
     }
+    service->offerSurface(ClientType::CLIENT_APP,
+                          new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(application));
+    StopSignal end;
+    PreviewFeed feed(helper.get(), end);
+    EXPECT_TRUE(waitUntil([&] { return feed.frames() == 1; }));
+    end.set();
+    feed.join();
+    EXPECT_EQ(application->queued().size(), 2u) << "every slot goes back";
     vel::host::clearLocalServices();
 }
 

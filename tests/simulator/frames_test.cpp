@@ -7,6 +7,7 @@
 #include "Effects.h"
 #include "FrameCounter.h"
 #include "FrameView.h"
+#include "LatencyStats.h"
 #include "TestPicture.h"
 
 namespace vel::sim {
@@ -57,6 +58,17 @@ TEST(EveryPicture, StaysInsideTheFrameHoweverSmallAndLong) {
             EffectFilter(effect, size).apply(Frame(size).view(), inside);
         EXPECT_EQ(std::count(block.begin(), block.begin() + kGuard, 0xa5), kGuard);
         EXPECT_EQ(std::count(block.end() - kGuard, block.end(), 0xa5), kGuard);
+    }
+}
+
+TEST(LatencyStats, KeepPercentilesWithinTheirStatedError) {
+    LatencyStats stats;
+    for (int64_t ms = 1; ms <= 1000; ++ms)
+        stats.record(ms * 1'000'000);
+    EXPECT_EQ(stats.maxNs(), 1'000'000'000);
+    for (const int percent : {1, 50, 90, 99, 100}) {
+        EXPECT_GE(stats.percentileNs(percent), percent * 10'000'000) << percent;
+        EXPECT_LE(stats.percentileNs(percent), percent * 10'000'000 * (1 + 1.0 / 64)) << percent;
     }
 }
 
