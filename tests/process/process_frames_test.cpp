@@ -5,9 +5,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -48,7 +46,7 @@ size_t descriptorsOf(pid_t pid, const std::string& kind = "") {
 
 // A stream's line of the closing table.
 struct StreamRow {
-    unsigned long long sent = 0, inTime = 0, repeated = 0, late = 0, dropped = 0, copies = 0;
+    unsigned sent = 0, inTime = 0, repeated = 0, late = 0, dropped = 0, copies = 0;
 };
 
 class FramesBetweenProcesses : public testing::Test {
@@ -85,15 +83,12 @@ class FramesBetweenProcesses : public testing::Test {
     }
     std::string outcome() { return camera->waitForLine("frames ended: ", kLimit).value_or("it hangs"); }
     StreamRow row(int stream) {
-        StreamRow read;
         const std::string name = "stream " + std::to_string(stream) + " ";
-        const std::string line = camera->waitForLine(name, kLimit).value_or("");
-        const size_t at = line.find(name);
-        EXPECT_NE(at, std::string::npos);
-        if (at == std::string::npos) return read;
-        EXPECT_EQ(std::sscanf(line.c_str() + at + name.size(), "%llu %llu %llu %llu %llu %llu", &read.sent,
-                              &read.inTime, &read.repeated, &read.late, &read.dropped, &read.copies),
-                  6);
+        const std::string line = camera->waitForLine(name, kLimit).value_or(name);
+        std::istringstream numbers(line.substr(line.find(name) + name.size()));
+        StreamRow read;
+        numbers >> read.sent >> read.inTime >> read.repeated >> read.late >> read.dropped >> read.copies;
+        EXPECT_TRUE(numbers) << line;
         return read;
     }
 
@@ -229,43 +224,28 @@ TEST_F(FramesBetweenProcesses, GoOnWhateverAHostileClientSends) {
 // --- The run with files ---
 
 constexpr char kHeader[] = "YUV4MPEG2 W64 H48 F25:1\n";
-const std::string kFrame = "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), 'x');
 
-// The sum of each frame of a video, in order.
-std::vector<std::string> frameSums(const TemporaryFolder& folder, const std::string& file) {
-    const std::string sums = folder.path("sums");
-    const std::string command =
-        "ffmpeg -v error -y -i '" + file + "' -pix_fmt yuv420p -f framemd5 '" + sums + "'";
-    EXPECT_EQ(std::system(command.c_str()), 0);
-    std::vector<std::string> all;
-    std::ifstream lines(sums);
-    for (std::string line; std::getline(lines, line);) {
-        if (line[0] != '#') all.push_back(line.substr(line.rfind(',') + 1));
-    }
-    return all;
+std::string frameOf(char value = 'x') {
+    return "FRAME\n" + std::string(vel::sim::frameBytes({64, 48}), value);
 }
 
-TEST(ARunWithFiles, ReplacesEveryFrameOfAnEncodedClipOnceAndInOrder) {
-    if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "ffmpeg is not installed";
+// That clips are decoded is tested with the video input.
+TEST(ARunWithFiles, ReplacesEveryFrameOnceAndInOrder) {
     const TemporaryFolder folder;
-    const std::string clip = folder.path("a clip.mp4");
-    const std::string output = folder.path("replaced.y4m");
-    const std::string encode =
-        "ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=4 "
-        "-c:v libx264 -pix_fmt yuv420p '" +
-        clip + "'";
-    ASSERT_EQ(std::system(encode.c_str()), 0);
-    const auto run = startProgram({"desktop_run", "--input", clip, "--output", output, "--effect", "none"});
+    std::string frames;
+    for (int frame = 0; frame < 50; ++frame)
+        frames += frameOf(static_cast<char>('A' + frame));
+    const auto run = startProgram({"desktop_run", "--input", folder.write("input", kHeader + frames),
+                                   "--output", folder.path("replaced.y4m"), "--effect", "none"});
     ASSERT_EQ(run->wait(kLimit), 0);
-    const std::vector<std::string> expected = frameSums(folder, clip);
-    EXPECT_EQ(expected.size(), 100u);
-    EXPECT_EQ(frameSums(folder, output), expected);
+    const std::string output = folder.read("replaced.y4m");
+    EXPECT_TRUE(output.substr(output.find('\n') + 1) == frames) << output.size();
 }
 
 TEST(ARunWithFiles, ThatCannotBeReadOrWrittenFailsAndLeavesNothing) {
     const TemporaryFolder folder;
     const std::string output = folder.path("replaced.y4m");
-    const std::string cut = folder.write("cut", kHeader + kFrame + kFrame.substr(0, 999));
+    const std::string cut = folder.write("cut", kHeader + frameOf() + frameOf().substr(0, 999));
     for (const std::string& input : {folder.path("absent"), folder.write("no video", "text"), cut}) {
         EXPECT_EQ(startProgram({"desktop_run", "--input", input, "--output", output})->wait(kLimit), 1);
         EXPECT_FALSE(std::filesystem::exists(output)) << input;
@@ -288,7 +268,7 @@ TEST(ARunWithFiles, EndsWhenAPeerHangsOrIsGone) {
         std::filesystem::permissions(programs.write(altered, "#!/bin/sh\n" + script),
                                      std::filesystem::perms::owner_all);
         const auto run = startProgram({"desktop_run", "--programs", programs.path(""), "--patience", "2",
-                                       "--input", programs.write("input", kHeader + kFrame)});
+                                       "--input", programs.write("input", kHeader + frameOf())});
         EXPECT_EQ(run->wait(8s), 1) << altered;
     }
 }
@@ -297,7 +277,7 @@ TEST(ARunWithFiles, EndsWhenAPeerHangsOrIsGone) {
 TEST(ARunWithFiles, ThatIsInterruptedLeavesNoOutput) {
     std::string frames = kHeader;
     for (int frame = 0; frame < 5; ++frame)
-        frames += kFrame;
+        frames += frameOf();
     for (const int signal : {SIGINT, SIGTERM}) {
         const TemporaryFolder folder;
         const std::string output = folder.path("replaced.y4m");
