@@ -88,8 +88,7 @@ class AChannel : public testing::Test {
   protected:
     AChannel() {
         client->name = "a client";
-        remote = new RemoteProducer(open());
-        producer = new H2BGraphicBufferProducer(remote);
+        producer = new H2BGraphicBufferProducer(new RemoteProducer(open()));
     }
     ~AChannel() override { consumer->abandon(); }
 
@@ -129,7 +128,6 @@ class AChannel : public testing::Test {
     const sp<BufferItemConsumer> consumer = mQueue.consumer;
     const sp<CountingProducer> local = new CountingProducer(queue);
     const std::shared_ptr<Client> client = std::make_shared<Client>();
-    sp<RemoteProducer> remote;
     sp<BProducer> producer;
     int slot = -1;
     sp<Fence> dequeued;
@@ -258,23 +256,13 @@ TEST_F(AChannel, AnswersEachOfManyCallersWhatItAsked) {
     EXPECT_EQ(waiting.get(), OK);
 }
 
-TEST_F(AChannel, MayLeadToAnotherOneAndEndsWithIt) {
-    producer = new H2BGraphicBufferProducer(
-        new RemoteProducer(ProducerServer::open(remote, std::make_shared<Client>())));
-    EXPECT_EQ(connect(), OK);
-    client->isAlive = false;
-    EXPECT_EQ(connect(), DEAD_OBJECT);
-    EXPECT_EQ(connect(), DEAD_OBJECT) << "and so does every later call";
-}
-
 // A proxy whose queue is played by the test.
 class AHostileQueue : public testing::Test {
   protected:
     void SetUp() override {
         unique_fd other;
         raw = std::make_unique<RawChannelEnd>(RawChannelEnd::openPair(&other));
-        remote = new RemoteProducer(std::move(other));
-        producer = new H2BGraphicBufferProducer(remote);
+        producer = new H2BGraphicBufferProducer(new RemoteProducer(std::move(other)));
     }
 
     // A reply to the next request, as it should be.
@@ -288,7 +276,6 @@ class AHostileQueue : public testing::Test {
     }
 
     std::unique_ptr<RawChannelEnd> raw;
-    sp<RemoteProducer> remote;
     sp<BProducer> producer;
 };
 
