@@ -51,22 +51,6 @@ TEST(CameraMetadataBuffer, RefusesWhatDoesNotFitOrIsUnknownAndStaysAsItWas) {
     EXPECT_EQ(valuesOf<int64_t>(buffer.get(), kInt64Tag), std::vector<int64_t>{4});
 }
 
-// A copy of a sorted buffer is sorted, and must not be searched so once it has grown.
-TEST(CameraMetadataBuffer, AppendMovesValuesAndEntriesAddedToASortedBufferAreFound) {
-    CameraMetadata sorted = makeFilled();
-    EXPECT_EQ(sort_camera_metadata(sorted.get()), 0);
-    CameraMetadata copy = makeMetadata(5, 64);
-    EXPECT_EQ(append_camera_metadata(copy.get(), sorted.get()), 0);
-    EXPECT_EQ(addValues<uint8_t>(copy.get(), ANDROID_COLOR_CORRECTION_MODE, {1}), 0);
-    EXPECT_TRUE(hasTag(copy.get(), ANDROID_COLOR_CORRECTION_MODE));
-
-    CameraMetadata target = makeMetadata(3, 24);
-    addValues<int64_t>(target.get(), kInt64Tag, {4});
-    EXPECT_EQ(append_camera_metadata(target.get(), sorted.get()), 0);
-    EXPECT_EQ(valuesOf<int64_t>(target.get(), kInt64Tag), std::vector<int64_t>{4});
-    EXPECT_EQ(valuesOf<int32_t>(target.get(), kInt32Tag), (std::vector<int32_t>{1, 2, 3}));
-}
-
 TEST(CameraMetadataBuffer, ValidateFindsEveryKindOfDamage) {
     const struct {
         const char* damage;

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
 #include <future>
 
-#include "NextDefinition.h"
 #include "WaitUntil.h"
 #include "WorkerPool.h"
 
@@ -13,7 +10,6 @@ using vel::dbus_transport::WorkerPool;
 
 namespace {
 
-std::atomic<bool> gRefusesThreads{false};
 std::atomic<int> gWorkers{0};  // that have done something and live
 
 struct CountedThread {
@@ -27,16 +23,8 @@ void countThisThread() {
 
 }  // namespace
 
-// In place of the C library's, so that a test can refuse a thread.
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                              void* argument) {
-    if (gRefusesThreads) return EAGAIN;
-    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
-}
-
-// Pools are never destroyed.
 TEST(AWorkerPool, BoundsThePeersAndShrinksThoughItIsNeverIdle) {
-    static WorkerPool& pool = *new WorkerPool(std::chrono::milliseconds(300));
+    static WorkerPool& pool = *new WorkerPool(std::chrono::milliseconds(300));  // never destroyed
     static std::promise<void> gate;
     static std::atomic<size_t> entered{0};
     const auto work = [opened = gate.get_future().share()] {
@@ -57,19 +45,4 @@ TEST(AWorkerPool, BoundsThePeersAndShrinksThoughItIsNeverIdle) {
         done.get_future().wait();
         return gWorkers <= 2;
     }));
-}
-
-TEST(AWorkerPool, WithoutThreadsRefusesThePeersAndDoesItsOwnWork) {
-    static WorkerPool& pool = *new WorkerPool;
-    gRefusesThreads = true;
-    EXPECT_FALSE(pool.start());
-    gRefusesThreads = false;
-    ASSERT_TRUE(pool.start());
-    gRefusesThreads = true;
-    EXPECT_FALSE(pool.postFor(":1.1", [] { ADD_FAILURE(); }));
-    static std::atomic<int> done{0};
-    for (int i = 0; i < 3; ++i)
-        pool.post([] { ++done; });
-    EXPECT_TRUE(waitUntil([] { return done == 3; }));
-    gRefusesThreads = false;
 }

@@ -31,40 +31,27 @@ using testing::HasSubstr;
 using ClientType = FakeDesktopService::ClientType;
 
 // An application of the test's own, which sends what it likes.
-class AFrameStream : public testing::Test {
-  protected:
-    static constexpr FrameSize kSize{96, 64};
-
-    ~AFrameStream() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-    void SetUp() override {
-        const std::string reply = helper->handleCommand(
-            R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
-            R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
-        ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
-        replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
-        service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
-    }
-    // Replaces the frame, whose picture is the one of that number.
-    void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
+TEST(AFrameStream, CountsWhatBecameOfEachFrame) {
+    constexpr FrameSize kSize{96, 64};
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    const auto helper = DesktopHelperTestAccess::create();
+    const std::string reply = helper->handleCommand(
+        R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
+        R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
+    ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
+    ReplacementQueue replacements(service->surface(ClientType::CLIENT_IMG_SUB));
+    const ConsumerQueue frames;
+    service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
+    // Replaces the frame by the picture of that number.
+    const auto replace = [&](uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
         const auto fill = [&](const sp<GraphicBuffer>& buffer) {
             const MappedBuffer mapped(buffer, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
             TestPicture(kSize, 0).draw(picture, FrameView(mapped.data(), kSize));
             writeFrameHeader(mapped.data(), kSize,
                              {counter, 0, 1000 + counter, memoryIdentity(*buffer) + memoryOffset, 0});
         };
-        EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
-    }
-
-    const sp<FakeDesktopService> service = FakeDesktopService::start();
-    std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
-    std::unique_ptr<ReplacementQueue> replacements;
-    const ConsumerQueue frames;
-};
-
-TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
+        EXPECT_TRUE(replacements.send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
+    };
     std::vector<uint32_t> shown;
     FrameStream::Setup setup;
     setup.size = kSize;
@@ -99,6 +86,7 @@ TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
     EXPECT_EQ(counts.wrong, 1u);
     EXPECT_EQ(stream.latency().count(), counts.replaced);
     EXPECT_LT(stream.latency().maxNs(), durationNs);
+    vel::host::clearLocalServices();
 }
 
 // A HAL that gives slots that do not exist or were never filled, and buffers of another size.
