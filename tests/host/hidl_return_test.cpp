@@ -8,13 +8,10 @@
 
 namespace {
 
-using android::RefBase;
-using android::sp;
+using android::RefBase, android::sp;
 using android::hardware::Return;
 using android::hardware::Status;
 using android::hardware::Void;
-
-class Object : public RefBase {};
 
 Status dead() {
     return Status::fromStatusT(android::DEAD_OBJECT);
@@ -39,10 +36,10 @@ TEST(AReturn, IsSafeOnceCheckedOrRecognisedAsDead) {
 TEST(AReturnDeathTest, AbortsWhenAFailureIsDroppedUncheckedOrItsValueIsTaken) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // anew, so that threads of other cases do no harm
     EXPECT_DEATH({ const Return<void> result = dead(); }, kNotChecked);
-    EXPECT_DEATH({ const Return<sp<Object>> result = refused(); }, kNotChecked);
+    EXPECT_DEATH({ const Return<bool> result = refused(); }, kNotChecked);
     EXPECT_DEATH({ (void)Return<void>(refused()).isDeadObject(); }, kNotChecked);
     EXPECT_DEATH(Return<void>{dead()} = Void(), kNotChecked);
-    EXPECT_DEATH({ sp<Object> object = Return<sp<Object>>(dead()); }, kNoValue);
+    EXPECT_DEATH({ sp<RefBase> object = Return<sp<RefBase>>(dead()); }, kNoValue);
 }
 
 }  // namespace
