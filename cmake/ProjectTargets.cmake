@@ -23,6 +23,10 @@ if(VEL_SANITIZE)
     endif()
   endif()
 endif()
+if(VEL_COVERAGE)
+  target_compile_options(vel_base_flags INTERFACE -fprofile-instr-generate -fcoverage-mapping)
+  target_link_options(vel_base_flags INTERFACE -fprofile-instr-generate)
+endif()
 
 # The device's flags, for everything that is shipped.
 add_library(vel_product_flags INTERFACE)

@@ -62,9 +62,11 @@ void CallChannel::readOne(std::unique_lock<std::mutex>& lock) {
     lock.lock();
     mIsRead = false;
     if (received == Received::PACKET && deliver(answer)) return;
-    if (received != Received::END)
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "A buffer queue has sent a packet that makes no sense");
+    if (received != Received::END) {
+        const bool isOurs = received == Received::NO_DESCRIPTOR;
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "A buffer queue has sent %s",
+                            isOurs ? "what there is no descriptor for" : "a packet that makes no sense");
+    }
     end();
 }
 

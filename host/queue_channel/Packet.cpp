@@ -82,6 +82,7 @@ Received receive(int socket, void* packet, size_t size, hidl_handle* handle) {
     const bool isComplete = takeDescriptor(message, handle) && count == static_cast<ssize_t>(size) &&
                             (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
     if (isComplete) return Received::PACKET;
+    if ((message.msg_flags & MSG_CTRUNC) != 0 && message.msg_controllen == 0) return Received::NO_DESCRIPTOR;
     return count == 0 && isAtEnd(socket) ? Received::END : Received::MALFORMED;
 }
 

@@ -88,7 +88,8 @@ static_assert(sizeof(Reply) == 128 && std::has_unique_object_representations_v<R
 int send(int socket, const void* packet, size_t size, const android::hardware::hidl_handle& handle,
          int flags);
 
-enum class Received { PACKET, END, MALFORMED };
+// NO_DESCRIPTOR: this process may have no more, so one that was sent is lost.
+enum class Received { PACKET, END, NO_DESCRIPTOR, MALFORMED };
 
 /** Waits for a packet of that size. The handle owns its descriptor, if any; others are closed. */
 Received receive(int socket, void* packet, size_t size, android::hardware::hidl_handle* handle);

@@ -83,8 +83,9 @@ void ProducerServer::serve() {
         Request request;
         hidl_handle fence;
         const Received received = receive(mSocket, &request, &fence);
-        if (received != Received::PACKET)
-            return end(received == Received::MALFORMED ? "a packet makes no sense" : nullptr);
+        if (received == Received::END) return end(nullptr);
+        if (received == Received::NO_DESCRIPTOR) return end("there is no descriptor for a fence");
+        if (received == Received::MALFORMED) return end("a packet makes no sense");
         const bool mayWait = leaveReader();
         carryOut(request, fence, mayWait);
     } while (mayStay());

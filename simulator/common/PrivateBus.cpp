@@ -84,7 +84,11 @@ PrivateBus::PrivateBus() {
         throw std::runtime_error("the message bus needs a name for user " + std::to_string(getuid()) +
                                  ": there is no entry in the password database");
     }
-    const unique_fd file = memoryFile(configuration(kAddressPrefix + ("vel-bus-" + randomName())));
+    start(kAddressPrefix + ("vel-bus-" + randomName()));
+}
+
+void PrivateBus::start(const std::string& address) {
+    const unique_fd file = memoryFile(configuration(address));
     ChildProcess::Options options;
     options.command = {
         "dbus-daemon", "--config-file=/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file),
@@ -105,8 +109,16 @@ void PrivateBus::kill() {
     (void)mDaemon->wait();
 }
 
+void PrivateBus::restart() {
+    start(std::string(mAddress));
+}
+
 void PrivateBus::suspend() {
     mDaemon->kill(SIGSTOP);
+}
+
+void PrivateBus::resume() {
+    mDaemon->kill(SIGCONT);
 }
 
 }  // namespace vel::sim

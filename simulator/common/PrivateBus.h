@@ -25,10 +25,16 @@ class PrivateBus {
 
     /** Ends the daemon at once, as a crash would; every connection breaks. */
     void kill();
+    /** Starts a daemon anew at the same address, after kill(). Throws as the constructor does. */
+    void restart();
     /** Stops the daemon where it is: connections last, and nothing is answered any more. */
     void suspend();
+    /** Lets it go on. */
+    void resume();
 
   private:
+    void start(const std::string& address);
+
     std::unique_ptr<ChildProcess> mDaemon;
     std::string mAddress;
 };

@@ -56,7 +56,7 @@ uint8_t readType(sdbus::MethodCall& call) {
 
 // An object of the caller's own, or null.
 InterfaceObject readOwnObject(sdbus::MethodCall& call) {
-    const InterfaceObject object = InterfaceObject::read(call);
+    InterfaceObject object = InterfaceObject::read(call);
     if (!object.isNull() && object.busName != call.getSender()) {
         throw sdbus::Error(bus::kErrorInvalidArgs,
                            "\"" + object.busName + "\" is not the caller's name, " + call.getSender());
@@ -214,7 +214,7 @@ void DesktopService::onPeerDied(const std::string& busName) {
         if (!isRegistered(type, busName)) continue;
         const InterfaceObject newest = newestOf(type);
         (void)removeRegistration(type, busName);
-        mTrace.event(who + " died callback " + name + " dropped");
+        mTrace.event(std::string(who).append(" died callback ").append(name).append(" dropped"));
         traceRestored(type, newest);
     }
     mCalls.failCallsTo(busName);
@@ -227,7 +227,7 @@ InterfaceObject DesktopService::removeRegistration(uint8_t type, const std::stri
     const auto own = std::find_if(registrations.begin(), registrations.end(),
                                   [&](const auto& object) { return object.busName == busName; });
     if (own == registrations.end()) return {};
-    const InterfaceObject removed = *own;
+    InterfaceObject removed = *own;
     registrations.erase(own);
     if (registrations.empty()) mCallbacks.erase(entry);
     return removed;

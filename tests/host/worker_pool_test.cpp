@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 
 #include "WaitUntil.h"
 #include "WorkerPool.h"
@@ -40,9 +41,9 @@ TEST(AWorkerPool, BoundsThePeersAndShrinksThoughItIsNeverIdle) {
     gate.set_value();
     // One after the other, without a pause.
     EXPECT_TRUE(waitUntil([] {
-        std::promise<void> done;
-        EXPECT_TRUE(pool.postFor(":1.1", [&] { done.set_value(); }));
-        done.get_future().wait();
+        const auto done = std::make_shared<std::promise<void>>();
+        if (!pool.postFor(":1.1", [done] { done->set_value(); })) return false;
+        done->get_future().wait();
         return gWorkers <= 2;
     }));
 }

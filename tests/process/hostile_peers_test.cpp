@@ -25,7 +25,7 @@ using testing::IsEmpty;
 using vel::sim::ChildProcess;
 using vel::sim::PrivateBus;
 
-constexpr uint8_t kApp = 0, kCameraService = 1, kHal = 2, kImgSub = 7;
+constexpr uint8_t kApp = 0, kCameraService = 1, kImgSub = 7;
 constexpr char kInvalid[] = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr char kDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 
@@ -164,8 +164,7 @@ TEST_F(AmongStrangers, TheCameraServerWaitsForNobody) {
     EXPECT_TRUE(camera->wait(10s));
 }
 
-// --- Exhausted and closed
-// ----------------------------------------------------------------------------------------------
+// --- Exhausted and closed ---
 
 // The program, as the shell starts it: before and behind its name stands what its surroundings are.
 std::unique_ptr<ChildProcess> startInShell(const std::string& before, const std::string& program,
@@ -182,7 +181,8 @@ TEST_F(AmongStrangers, TheCameraServerTellsThatItHasNoDescriptorsAndGoesOnWhereI
         EXPECT_GE(camera->wait().value_or(-1), 0) << limit;
     }
     const auto camera = startProgram({"camera_server"}, bus.address());
-    ASSERT_TRUE(camera->waitForLine("registered"));
+    camera->writeLine("status 0");
+    ASSERT_TRUE(camera->waitForLine("status 0: camera 0"));
     rlimit before{};
     ASSERT_EQ(prlimit(camera->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
     const rlimit none = {4, before.rlim_max};  // as few as it polls

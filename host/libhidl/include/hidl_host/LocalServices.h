@@ -35,9 +35,9 @@ void clearLocalServices();
 size_t localLookUpCount(const std::string& name);
 
 /**
- * The next `count` calls on proxies of `name` are not carried out and end with `status`, which must not be OK:
- * those about death too, which never fail in this way on a device, but whose result must be looked at all the
- * same. The setting stays with the name when the service is registered again.
+ * The next `count` calls on proxies of `name` are not carried out and end with `status`, which must not be
+ * OK: those about death too, which never fail in this way on a device, but whose result must be looked at all
+ * the same. The setting stays with the name when the service is registered again.
  */
 void failNextLocalCalls(const std::string& name, size_t count, const ::android::hardware::Status& status);
 
