@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <numeric>
 #include <string>
-#include <vector>
 
 #include "TemporaryFolder.h"
 #include "VideoInput.h"
@@ -17,7 +16,7 @@
 namespace vel::sim {
 namespace {
 
-using testing::HasSubstr;
+using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
 
 // The text of the error that the action throws; a remark when it throws none.
 template <typename Action>
@@ -102,13 +101,9 @@ TEST(AY4mWriter, LeavesOutTheLastColumnAndRowOfAnOddSize) {
     writer.writeFrame(frame.view());
     writer.close();
 
-    Y4mReader reader("odd", piecesOf(folder.read("odd"), 4096));
-    ASSERT_EQ(reader.size(), (FrameSize{4, 2}));
-    EXPECT_EQ(reader.rate().frames, 25);
-    Frame even(reader.size());
-    ASSERT_TRUE(reader.readFrame(even.view()));
-    const std::vector<uint8_t> samples(even.view().block(), even.view().block() + even.view().bytes());
-    EXPECT_THAT(samples, testing::ElementsAre(0, 1, 2, 3, 5, 6, 7, 8, 15, 16, 17, 18));
+    const std::string samples = {0, 1, 2, 3, 5, 6, 7, 8, 15, 16, 17, 18};
+    EXPECT_THAT(folder.read("odd"),
+                AllOf(StartsWith("YUV4MPEG2 W4 H2 F25:1 "), EndsWith("\nFRAME\n" + samples)));
 }
 
 // Video files, made by ffmpeg itself.
