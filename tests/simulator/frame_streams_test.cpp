@@ -6,7 +6,6 @@
 #include <media/NdkImageReader.h>
 
 #include <climits>
-#include <memory>
 
 #include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
