@@ -17,7 +17,6 @@ using android::OK;
 using android::base::unique_fd;
 using android::hardware::hidl_handle;
 using DisconnectMode = IGraphicBufferProducer::DisconnectMode;
-using QueueBufferOutput = IGraphicBufferProducer::QueueBufferOutput;
 
 namespace {
 
@@ -134,78 +133,105 @@ void ProducerServer::carryOut(const Request& request, const hidl_handle& fence, 
 
 ProducerServer::Return ProducerServer::call(const Request& request, const hidl_handle& fence,
                                             Answer& answer) {
-    Reply& reply = answer.reply;
     const auto value = static_cast<int32_t>(request.value);
-    const auto tellOutput = [&](int32_t status, const QueueBufferOutput& output) {
-        reply.attributes.width = output.width;
-        reply.attributes.height = output.height;
-        reply.nextFrameNumber = output.nextFrameNumber;
-        reply.transformHint = output.transformHint;
-        reply.numPendingBuffers = output.numPendingBuffers;
-        reply.bufferReplaced = output.bufferReplaced;
-        (void)respond(answer, status);
-    };
     switch (request.operation) {
         case Operation::REQUEST_BUFFER:
-            return mProducer->requestBuffer(request.slot, [&](int32_t status, const auto& buffer) {
-                reply.attributes = buffer.attr;
-                (void)respond(answer, status, buffer.nativeHandle);
-            });
+            return requestBuffer(request, answer);
         case Operation::DEQUEUE_BUFFER:
-            return mProducer->dequeueBuffer(
-                request.width, request.height, request.format, request.usage, false,
-                [&](int32_t status, int32_t slot, const hidl_handle& releaseFence, const auto&) {
-                    reply.slot = slot;
-                    if (!respond(answer, status, releaseFence) && status >= 0)
-                        returnSlot(*mProducer, slot, releaseFence);
-                });
+            return dequeueBuffer(request, answer);
         case Operation::QUEUE_BUFFER:
-            return mProducer->queueBuffer(request.slot,
-                                          {request.value,
-                                           request.option,
-                                           request.dataSpace,
-                                           request.crop,
-                                           request.scalingMode,
-                                           request.transform,
-                                           request.stickyTransform,
-                                           fence,
-                                           {},
-                                           false},
-                                          tellOutput);
+            return queueBuffer(request, fence, answer);
         case Operation::CANCEL_BUFFER:
             return tell(mProducer->cancelBuffer(request.slot, fence), answer);
         case Operation::CONNECT:
-            return mProducer->connect(nullptr, value, request.option != 0,
-                                      [&](int32_t status, const QueueBufferOutput& output) {
-                                          mClient->hasConnected = true;
-                                          if (!mClient->isAlive) mClient->disconnectFrom(*mProducer);
-                                          tellOutput(status, output);
-                                      });
+            return connect(request, answer);
         case Operation::DISCONNECT:
             return tell(mProducer->disconnect(value, static_cast<DisconnectMode>(request.option)), answer);
-        case Operation::QUERY:
-            return mProducer->query(value, [&](int32_t status, int32_t queried) {
-                reply.value = queried;
-                (void)respond(answer, status);
-            });
         case Operation::SET_MAX_DEQUEUED_BUFFER_COUNT:
             return tell(mProducer->setMaxDequeuedBufferCount(value), answer);
         case Operation::SET_ASYNC_MODE:
             return tell(mProducer->setAsyncMode(value != 0), answer);
         case Operation::SET_DEQUEUE_TIMEOUT:
             return tell(mProducer->setDequeueTimeout(request.value), answer);
-        case Operation::GET_CONSUMER_NAME:
-            return mProducer->getConsumerName([&](const auto& name) {
-                std::memcpy(reply.name, name.c_str(), std::min(name.size(), sizeof(reply.name) - 1));
-                (void)respond(answer, OK);
-            });
-        case Operation::GET_UNIQUE_ID:
-            break;
+        default:
+            return ask(request, answer);
+    }
+}
+
+ProducerServer::Return ProducerServer::requestBuffer(const Request& request, Answer& answer) {
+    return mProducer->requestBuffer(request.slot, [&](int32_t status, const auto& buffer) {
+        answer.reply.attributes = buffer.attr;
+        (void)respond(answer, status, buffer.nativeHandle);
+    });
+}
+
+ProducerServer::Return ProducerServer::dequeueBuffer(const Request& request, Answer& answer) {
+    const auto lend = [&](int32_t status, int32_t slot, const hidl_handle& fence, const auto&) {
+        answer.reply.slot = slot;
+        if (!respond(answer, status, fence) && status >= 0) returnSlot(*mProducer, slot, fence);
+    };
+    return mProducer->dequeueBuffer(request.width, request.height, request.format, request.usage, false,
+                                    lend);
+}
+
+ProducerServer::Return ProducerServer::queueBuffer(const Request& request, const hidl_handle& fence,
+                                                   Answer& answer) {
+    const IGraphicBufferProducer::QueueBufferInput input{request.value,
+                                                         request.option,
+                                                         request.dataSpace,
+                                                         request.crop,
+                                                         request.scalingMode,
+                                                         request.transform,
+                                                         request.stickyTransform,
+                                                         fence,
+                                                         {},
+                                                         false};
+    return mProducer->queueBuffer(request.slot, input, [&](int32_t status, const QueueBufferOutput& output) {
+        tellOutput(status, output, answer);
+    });
+}
+
+ProducerServer::Return ProducerServer::connect(const Request& request, Answer& answer) {
+    const auto api = static_cast<int32_t>(request.value);
+    return mProducer->connect(nullptr, api, request.option != 0,
+                              [&](int32_t status, const QueueBufferOutput& output) {
+                                  mClient->hasConnected = true;
+                                  if (!mClient->isAlive) mClient->disconnectFrom(*mProducer);
+                                  tellOutput(status, output, answer);
+                              });
+}
+
+// What only asks.
+ProducerServer::Return ProducerServer::ask(const Request& request, Answer& answer) {
+    Reply& reply = answer.reply;
+    if (request.operation == Operation::QUERY) {
+        const auto what = static_cast<int32_t>(request.value);
+        return mProducer->query(what, [&](int32_t status, int32_t value) {
+            reply.value = value;
+            (void)respond(answer, status);
+        });
+    }
+    if (request.operation == Operation::GET_CONSUMER_NAME) {
+        return mProducer->getConsumerName([&](const auto& name) {
+            std::memcpy(reply.name, name.c_str(), std::min(name.size(), sizeof(reply.name) - 1));
+            (void)respond(answer, OK);
+        });
     }
     return mProducer->getUniqueId([&](int32_t status, uint64_t id) {
         reply.attributes.id = id;
         (void)respond(answer, status);
     });
+}
+
+void ProducerServer::tellOutput(int32_t status, const QueueBufferOutput& output, Answer& answer) {
+    Reply& reply = answer.reply;
+    reply.attributes.width = output.width;
+    reply.attributes.height = output.height;
+    reply.nextFrameNumber = output.nextFrameNumber;
+    reply.transformHint = output.transformHint;
+    reply.numPendingBuffers = output.numPendingBuffers;
+    reply.bufferReplaced = output.bufferReplaced;
+    (void)respond(answer, status);
 }
 
 ProducerServer::Return ProducerServer::tell(android::hardware::Return<int32_t> status, Answer& answer) {

@@ -45,6 +45,7 @@ class ProducerServer : public std::enable_shared_from_this<ProducerServer> {
   private:
     using Return = android::hardware::Return<void>;
     using hidl_handle = android::hardware::hidl_handle;
+    using QueueBufferOutput = IGraphicBufferProducer::QueueBufferOutput;
     struct Answer;
 
     bool addThreadLocked();
@@ -54,6 +55,12 @@ class ProducerServer : public std::enable_shared_from_this<ProducerServer> {
     bool mayStay();
     void carryOut(const Request& request, const hidl_handle& fence, bool mayWait);
     Return call(const Request& request, const hidl_handle& fence, Answer& answer);
+    Return requestBuffer(const Request& request, Answer& answer);
+    Return dequeueBuffer(const Request& request, Answer& answer);
+    Return queueBuffer(const Request& request, const hidl_handle& fence, Answer& answer);
+    Return connect(const Request& request, Answer& answer);
+    Return ask(const Request& request, Answer& answer);
+    void tellOutput(int32_t status, const QueueBufferOutput& output, Answer& answer);
     Return tell(android::hardware::Return<int32_t> status, Answer& answer);
     bool respond(Answer& answer, int32_t status, const hidl_handle& handle = {});
     void end(const char* reason);

@@ -77,6 +77,16 @@ void readInput(vel::sim::EndSignals& signals, TaskQueue& cameraTasks, TaskQueue&
     cameraTasks.finish();
 }
 
+// As the camera service, to the library.
+std::string answer(const std::string& command, TaskQueue& tasks, CameraServer& server) {
+    vel::sim::printLine("received %s", command.c_str());
+    const uint32_t fwkId = restartRequestedFor(command);
+    if (fwkId == VelChiDesktopHelper::INVALID_CAMERA_ID) return "UNKNOWN";
+    // The restart runs on the HAL's thread, not within the request.
+    tasks.post([&server, fwkId] { server.restartSession(fwkId); });
+    return "OK_CAMERA_SERVICE";
+}
+
 int serve(const vel::sim::CommonOptions& options, int videoFd) {
     vel::sim::EndSignals signals;  // before any thread starts
     vel::sim::endSoonAfter(signals, vel::sim::OutputFile::removeUnfinished);
@@ -89,14 +99,7 @@ int serve(const vel::sim::CommonOptions& options, int videoFd) {
     sensor.setStream(videoFd);
     ServiceClient cameraService(
         ServiceClient::ClientType::CLIENT_CAMERA_SERVICE,
-        [&](const std::string& command) -> std::string {
-            vel::sim::printLine("received %s", command.c_str());
-            const uint32_t fwkId = restartRequestedFor(command);
-            if (fwkId == VelChiDesktopHelper::INVALID_CAMERA_ID) return "UNKNOWN";
-            // The restart runs on the HAL's thread, not within the request.
-            cameraTasks.post([&server, fwkId] { server.restartSession(fwkId); });
-            return "OK_CAMERA_SERVICE";
-        },
+        [&](const std::string& command) { return answer(command, cameraTasks, server); },
         vel::sim::printLinkOf(options));
 
     // Frame commands have a thread of their own: the end of frames waits for a peer that hangs.
