@@ -4,20 +4,14 @@
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
-#include <pthread.h>
 
-#include <atomic>
-#include <cerrno>
 #include <climits>
-#include <memory>
 
 #include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
-#include "FrameSensor.h"
 #include "FrameStream.h"
-#include "NextDefinition.h"
 #include "PreviewFeed.h"
 #include "ReplacementQueue.h"
 #include "ScriptedProducer.h"
@@ -31,59 +25,32 @@ namespace {
 using namespace vel::sim;
 using android::GraphicBuffer;
 using android::sp;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using ClientType = FakeDesktopService::ClientType;
 
-std::atomic<int> gGrantedThreads{-1};  // before one is refused; negative: all
-
-}  // namespace
-
-// In place of the C library's, so that a test can refuse a thread.
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                              void* argument) {
-    if (gGrantedThreads >= 0 && gGrantedThreads-- == 0) return EAGAIN;
-    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
-}
-
-namespace {
-
 // An application of the test's own, which sends what it likes.
-class AFrameStream : public testing::Test {
-  protected:
-    static constexpr FrameSize kSize{96, 64};
-
-    ~AFrameStream() override {
-        helper.reset();
-        vel::host::clearLocalServices();
-    }
-    void SetUp() override {
-        const std::string reply = helper->handleCommand(
-            R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
-            R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
-        ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
-        replacements = std::make_unique<ReplacementQueue>(service->surface(ClientType::CLIENT_IMG_SUB));
-        service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
-    }
-    // Replaces the frame, whose picture is the one of that number.
-    void replace(uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
+TEST(AFrameStream, CountsWhatBecameOfEachFrame) {
+    constexpr FrameSize kSize{96, 64};
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    const auto helper = DesktopHelperTestAccess::create();
+    const std::string reply = helper->handleCommand(
+        R"({"imgsub-configure-stream":{"version":"v1","image-width":96,"image-height":64,)"
+        R"("hal-consumer-usage":3,"hal-consumer-buffer-count":16,"hal-consumer-v4l2-format":"RAW_PRIVATE"}})");
+    ASSERT_THAT(reply, HasSubstr("app-consumer-width"));
+    ReplacementQueue replacements(service->surface(ClientType::CLIENT_IMG_SUB));
+    const ConsumerQueue frames;
+    service->offerSurface(ClientType::CLIENT_IMG_SUB, frames.surface);
+    // Replaces the frame by the picture of that number.
+    const auto replace = [&](uint32_t counter, uint32_t picture, uint64_t memoryOffset) {
         const auto fill = [&](const sp<GraphicBuffer>& buffer) {
             const MappedBuffer mapped(buffer, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
             TestPicture(kSize, 0).draw(picture, FrameView(mapped.data(), kSize));
             writeFrameHeader(mapped.data(), kSize,
                              {counter, 0, 1000 + counter, memoryIdentity(*buffer) + memoryOffset, 0});
         };
-        EXPECT_TRUE(replacements->send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
-    }
-
-    const sp<FakeDesktopService> service = FakeDesktopService::start();
-    std::unique_ptr<VelChiDesktopHelper> helper = DesktopHelperTestAccess::create();
-    std::unique_ptr<ReplacementQueue> replacements;
-    const ConsumerQueue frames;
-};
-
-TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
+        EXPECT_TRUE(replacements.send(static_cast<uint32_t>(frameRowBytes(kSize)), 0, fill));
+    };
     std::vector<uint32_t> shown;
     FrameStream::Setup setup;
     setup.size = kSize;
@@ -118,6 +85,7 @@ TEST_F(AFrameStream, CountsWhatBecameOfEachFrame) {
     EXPECT_EQ(counts.wrong, 1u);
     EXPECT_EQ(stream.latency().count(), counts.replaced);
     EXPECT_LT(stream.latency().maxNs(), durationNs);
+    vel::host::clearLocalServices();
 }
 
 // A HAL that gives slots that do not exist or were never filled, and buffers of another size.
@@ -126,33 +94,34 @@ TEST(AReplacementQueue, WritesIntoNothingButABufferOfTheSizeThatItAskedFor) {
     constexpr int kNew = ScriptedProducer::BUFFER_NEEDS_REALLOCATION;
     const sp<ScriptedProducer> hal = new ScriptedProducer;
     ReplacementQueue queue(new android::TWGraphicBufferProducer<android::HGraphicBufferProducer>(hal));
-    int filled = 0;
-    // requested: the bytes of the buffer that the HAL hands out; 0 when none may be asked for.
-    const auto sends = [&](const ScriptedProducer::Dequeue& answer, uint32_t requested) {
+    const struct {
+        ScriptedProducer::Dequeue answer;
+        uint32_t requested;  // the bytes of the buffer that the HAL hands out; 0 when none may be asked for
+        bool isSent;
+    } rows[] = {
+        {{kNew, -3}, 0, false},
+        {{kNew, 64}, 0, false},
+        {{0, INT_MAX}, 0, false},
+        {{0, 5}, 0, false},  // never requested
+        {{kNew, 5}, 16, false},
+        {{0, 5}, 0, false},  // and not kept
+        {{kNew, 5}, kBytes, true},
+        {{0, 5}, 0, true},
+        {{android::NO_INIT}, 0, false},  // as after a disconnection by somebody else
+        {{0, 5}, 0, false},              // a slot of the connection before
+        {{kNew, 5}, kBytes, true},
+    };
+    for (const auto& [answer, requested, isSent] : rows) {
+        SCOPED_TRACE(answer.slot);
         hal->onDequeue(answer);
         if (requested != 0) {
             hal->onRequest({android::NO_ERROR, new GraphicBuffer(requested, 1, AIMAGE_FORMAT_RAW_PRIVATE, 1,
                                                                  GRALLOC_USAGE_SW_WRITE_OFTEN)});
         }
-        return queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { ++filled; });
-    };
-    for (const int status : {0, kNew}) {
-        for (const int slot : {-3, 64, INT_MAX})
-            EXPECT_FALSE(sends({status, slot}, 0)) << status << " " << slot;
+        bool isFilled = false;
+        EXPECT_EQ(queue.send(kBytes, 0, [&](const sp<GraphicBuffer>&) { isFilled = true; }), isSent);
+        EXPECT_EQ(isFilled, isSent);
     }
-    EXPECT_FALSE(sends({0, 5}, 0)) << "never requested";
-    EXPECT_FALSE(sends({kNew, 5}, 16)) << "too small";
-    EXPECT_FALSE(sends({0, 5}, 0)) << "and not kept";
-    EXPECT_EQ(filled, 0);
-    EXPECT_TRUE(sends({kNew, 5}, kBytes));
-    EXPECT_TRUE(sends({0, 5}, 0));
-    EXPECT_EQ(filled, 2);
-
-    hal->forgetCalls();
-    hal->onDequeue({android::NO_INIT});  // as after a disconnection by somebody else
-    EXPECT_FALSE(sends({0, 5}, 0)) << "a slot of the connection before";
-    EXPECT_THAT(hal->calls(), Contains("connect api 4"));
-    EXPECT_TRUE(sends({kNew, 5}, kBytes));
 }
 
 // An application whose first buffer is too small for the picture.
@@ -174,21 +143,6 @@ TEST(APreviewFeed, DrawsIntoNothingButABufferOfItsPicturesSize) {
     end.set();
     feed.join();
     EXPECT_EQ(application->queued().size(), 2u) << "every slot goes back";
-    vel::host::clearLocalServices();
-}
-
-TEST(AFrameSensor, TellsThatAThreadWasRefusedAndGoesOn) {
-    const sp<FakeDesktopService> service = FakeDesktopService::start();
-    const auto helper = DesktopHelperTestAccess::create();
-    FrameSensor sensor(helper.get());
-    for (int grants = 0; grants < 4; ++grants) {  // of the session, the preview and the streams
-        testing::internal::CaptureStdout();
-        gGrantedThreads = grants;
-        (void)sensor.execute("frames 0 size=64x48 streams=2 count=2");
-        EXPECT_TRUE(waitUntil([] { return gGrantedThreads < 0; }));
-        sensor.end();
-        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("no thread for ")) << grants;
-    }
     vel::host::clearLocalServices();
 }
 

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <numeric>
 #include <string>
-#include <vector>
 
 #include "TemporaryFolder.h"
 #include "VideoInput.h"
@@ -17,7 +16,7 @@
 namespace vel::sim {
 namespace {
 
-using testing::AllOf, testing::HasSubstr, testing::Not, testing::StartsWith;
+using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
 
 // The text of the error that the action throws; a remark when it throws none.
 template <typename Action>
@@ -50,25 +49,25 @@ bool hasChildren() {
 
 TEST(AY4mReader, ReadsFramesHoweverTheBytesArrive) {
     const std::string stream = "YUV4MPEG2 W4 H2 F30000:1001 Ip A1:1 C420mpeg2 XYSCSS=420MPEG2\n" +
-                               frameOf(1) + "FRAME Ip Xany\n" + std::string(12, '\2') + frameOf(3);
+                               frameOf(1) + "FRAME Ip Xany\n" + std::string(12, '\2');
     for (const size_t piece : {size_t{1}, size_t{5}, size_t{4096}}) {
         Y4mReader reader("in", piecesOf(stream, piece));
         EXPECT_EQ(reader.size(), (FrameSize{4, 2}));
         EXPECT_EQ(reader.rate().frames, 30000);
         EXPECT_EQ(reader.rate().seconds, 1001);
         Frame frame(reader.size());
-        for (uint8_t value = 1; value <= 3; ++value) {
+        for (uint8_t value = 1; value <= 2; ++value) {
             ASSERT_TRUE(reader.readFrame(frame.view()));
             EXPECT_EQ(frame.view().v().row(0)[1], value);
         }
         EXPECT_FALSE(reader.readFrame(frame.view()));
-        EXPECT_FALSE(reader.readFrame(frame.view()));
     }
 }
 
-TEST(AY4mReader, SaysInOneLineWhyAStreamIsRefused) {
-    const std::string start = "YUV4MPEG2 ";
-    const std::pair<std::string, const char*> rows[] = {
+// Errors of the header that no frame follows, and of what follows one frame.
+TEST(AY4mReader, SaysWhyAStreamIsRefusedAndTellsABrokenFrameFromTheEnd) {
+    const std::string start = "YUV4MPEG2 ", good = start + "W4 H2\n" + frameOf(1);
+    const std::pair<std::string, std::string> rows[] = {
         {"hello, world\n", "is not a YUV4MPEG2 stream"},
         {"YUV4", "ends inside the header"},
         {start + "W4 H2 X" + std::string(5000, 'x') + "\n", "endless header"},
@@ -77,25 +76,19 @@ TEST(AY4mReader, SaysInOneLineWhyAStreamIsRefused) {
         {start + "W8194 H2\n", "8194x2, only sides of 2 to 8192"},
         {start + "W5 H2\n", "5x2, only even"},
         {start + "W4 H2 C444\n", "chroma '444', only 8-bit 4:2:0"},
+        {good, "(no error)"},
+        {good + frameOf(2, 5), "in: ends inside frame 1, after 5 of 12 bytes"},
+        {good + "FRA", "ends inside the header of frame 1"},
+        {good + "more than a frame", "FRAME expected of frame 1"},
     };
-    for (const auto& [text, reason] : rows)
-        EXPECT_THAT(errorOf([&text = text] { Y4mReader("in", piecesOf(text, 7)); }),
-                    AllOf(StartsWith("in: "), HasSubstr(reason), Not(HasSubstr("\n"))));
-}
-
-TEST(AY4mReader, TellsABrokenFrameFromTheEnd) {
-    Frame frame({4, 2});
-    const std::pair<std::string, std::string> rows[] = {
-        {"", "(no error)"},
-        {frameOf(2, 5), "in: ends inside frame 1, after 5 of 12 bytes"},
-        {"FRAME\n", "in: ends inside frame 1, after 0 of 12 bytes"},
-        {"FRA", "ends inside the header of frame 1"},
-        {"more than a frame", "FRAME expected of frame 1"},
-    };
-    for (const auto& [rest, error] : rows) {
-        Y4mReader reader("in", piecesOf("YUV4MPEG2 W4 H2\n" + frameOf(1) + rest, 9));
-        EXPECT_TRUE(reader.readFrame(frame.view()));
-        EXPECT_THAT(errorOf([&] { reader.readFrame(frame.view()); }), HasSubstr(error));
+    for (const auto& [text, reason] : rows) {
+        const auto readAll = [&text = text] {
+            Y4mReader reader("in", piecesOf(text, 7));
+            Frame frame({4, 2});
+            while (reader.readFrame(frame.view())) {
+            }
+        };
+        EXPECT_THAT(errorOf(readAll), HasSubstr(reason));
     }
 }
 
@@ -108,13 +101,9 @@ TEST(AY4mWriter, LeavesOutTheLastColumnAndRowOfAnOddSize) {
     writer.writeFrame(frame.view());
     writer.close();
 
-    Y4mReader reader("odd", piecesOf(folder.read("odd"), 4096));
-    ASSERT_EQ(reader.size(), (FrameSize{4, 2}));
-    EXPECT_EQ(reader.rate().frames, 25);
-    Frame even(reader.size());
-    ASSERT_TRUE(reader.readFrame(even.view()));
-    const std::vector<uint8_t> samples(even.view().block(), even.view().block() + even.view().bytes());
-    EXPECT_THAT(samples, testing::ElementsAre(0, 1, 2, 3, 5, 6, 7, 8, 15, 16, 17, 18));
+    const std::string samples = {0, 1, 2, 3, 5, 6, 7, 8, 15, 16, 17, 18};
+    EXPECT_THAT(folder.read("odd"),
+                AllOf(StartsWith("YUV4MPEG2 W4 H2 F25:1 "), EndsWith("\nFRAME\n" + samples)));
 }
 
 // Video files, made by ffmpeg itself.
@@ -126,11 +115,12 @@ class AVideoInput : public testing::Test {
     // Nothing may be left behind, whatever happened.
     void TearDown() override { EXPECT_FALSE(hasChildren()); }
 
-    // A clip of moving pictures, for example of "size=320x240:rate=10:duration=1".
-    std::string clip(const std::string& pictures = "size=320x240:rate=10:duration=2") {
+    // A clip of that many moving pictures a second, two seconds long.
+    std::string clip(const std::string& rate = "10") {
         const std::string file = mFolder.path("clip.mp4");
-        const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=" + pictures +
-                                    " -c:v libx264 -preset ultrafast -pix_fmt yuv420p '" + file + "'";
+        const std::string command =
+            "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:duration=2:rate=" + rate +
+            " -c:v libx264 -preset ultrafast -pix_fmt yuv420p '" + file + "'";
         EXPECT_EQ(std::system(command.c_str()), 0);
         return file;
     }
@@ -163,16 +153,14 @@ TEST_F(AVideoInput, DecodesAClipWhateverItsName) {
     for (const char* name : {"-f", "100%d.mp4", "http:clip", "with blank 'n\nnewline"}) {
         std::filesystem::rename(clip(), name);
         VideoInput input(name);
-        EXPECT_EQ(input.size(), (FrameSize{320, 240}));
         EXPECT_EQ(input.rate().frames, 10 * input.rate().seconds);
         EXPECT_EQ(countFrames(input), 20) << name;
-        EXPECT_EQ(input.complaint(), "");
     }
     std::filesystem::current_path(here);
 }
 
 TEST_F(AVideoInput, LeavesNoDecoderBehindWhenItGoesEarly) {
-    VideoInput input(clip("size=640x480:rate=30:duration=10"));
+    VideoInput input(clip("500"));
     Frame frame(input.size());
     EXPECT_TRUE(input.readFrame(frame.view()));
     EXPECT_TRUE(hasChildren()) << "ffmpeg still has most of it to deliver";
