@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
+#include <sys/mman.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <memory>
 #include <sstream>
 
@@ -165,10 +169,11 @@ TEST_F(FramesBetweenProcesses, StartAndStopInChangingSizesWithoutGrowth) {
         << descriptors << " became " << descriptorsOf(camera->pid());
 }
 
-// --- A hostile client ---
+// --- Hostile peers ---
 
 namespace bus = vel::desktop_bus;
 using vel::queue_channel::Operation;
+using vel::queue_channel::Reply;
 using vel::queue_channel::Request;
 
 // Channels to a queue of another process, as many as that process gives and at most 1000.
@@ -219,6 +224,96 @@ TEST_F(FramesBetweenProcesses, GoOnWhateverAHostileClientSends) {
     }
     camera->writeLine("frames end");
     EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+}
+
+// An application on the bus whose surface keeps to the bus's rules, and to no channel's.
+class HostileApplication {
+  public:
+    explicit HostileApplication(const std::string& busAddress)
+        : mConnection(sdbus::createSessionBusConnectionWithAddress(busAddress)),
+          mSurface(sdbus::createObject(*mConnection, "/hostile")) {
+        mSurface->registerMethod(bus::kOpenChannel)
+            .onInterface(bus::kProducerInterface)
+            .implementedAs([this] {
+                if (mIsOpen.exchange(true)) throw sdbus::Error(bus::kErrorFailed, "one is enough");
+                android::base::unique_fd other;
+                mOpened.set_value(RawChannelEnd::openPair(&other));
+                return sdbus::UnixFd(other.release(), sdbus::adopt_fd);
+            });
+        for (const char* method : {bus::kAcquire, bus::kRelease})
+            mSurface->registerMethod(method).onInterface(bus::kReferenceInterface).implementedAs([] {});
+        mSurface->finishRegistration();
+        mConnection->enterEventLoopAsync();
+        constexpr uint8_t kApplication = 0;
+        using Surface = sdbus::Struct<std::string, sdbus::ObjectPath>;
+        sdbus::createProxy(*mConnection, bus::kServiceName, bus::kServicePath)
+            ->callMethod(bus::kSetSurface)
+            .onInterface(bus::kServiceInterface)
+            .withArguments(kApplication, Surface(mConnection->getUniqueName(), "/hostile"));
+    }
+    ~HostileApplication() { mConnection->leaveEventLoop(); }
+
+    // This end of the only channel to the surface.
+    std::future<RawChannelEnd> opened() { return mOpened.get_future(); }
+
+  private:
+    const std::unique_ptr<sdbus::IConnection> mConnection;
+    const std::unique_ptr<sdbus::IObject> mSurface;
+    std::promise<RawChannelEnd> mOpened;
+    std::atomic<bool> mIsOpen{false};
+};
+
+// It plays the queue of the preview: answers as it should up to an operation, and there as it should not.
+TEST_F(FramesBetweenProcesses, AreReplacedAfterAHostileApplication) {
+    struct Deed {
+        Operation at;
+        std::function<void(RawChannelEnd&, Reply)> answer;
+    };
+    const Deed deeds[] = {
+        {Operation::CONNECT,
+         [](RawChannelEnd& channel, Reply reply) {
+             reply.version = 0;
+             channel.send(reply);
+         }},
+        {Operation::DEQUEUE_BUFFER, [](RawChannelEnd&, Reply) {}},
+        {Operation::DEQUEUE_BUFFER,
+         [](RawChannelEnd& channel, Reply reply) {
+             while (channel.send(reply))
+                 ++reply.number;
+         }},
+        {Operation::REQUEST_BUFFER,
+         [](RawChannelEnd& channel, Reply reply) {
+             reply.attributes.width = reply.attributes.height = reply.attributes.stride = 1u << 31;
+             const android::base::unique_fd memory(memfd_create("small", MFD_CLOEXEC));
+             channel.send(reply, 0, {memory});
+         }},
+    };
+    for (const Deed& deed : deeds) {
+        HostileApplication application(bus.address());
+        std::future<RawChannelEnd> opened = application.opened();
+        camera->writeLine("frames 0 size=64x48 fps=100");
+        ASSERT_EQ(opened.wait_for(kLimit), std::future_status::ready);
+        {
+            RawChannelEnd channel = opened.get();
+            Reply reply;
+            for (Request request; channel.receive(request) > 0 && request.operation != deed.at;) {
+                reply.operation = request.operation;
+                reply.number = request.number;
+                reply.status = request.operation == Operation::DEQUEUE_BUFFER ? 1 : 0;  // it needs a buffer
+                channel.send(reply);
+            }
+            reply.operation = deed.at;
+            ++reply.number;
+            deed.answer(channel, reply);
+        }
+        ASSERT_TRUE(camera->waitForLine("frames of 64x48 ready"));
+        configure("64x48", "");
+        EXPECT_TRUE(camera->waitForLine("frames so far: "));
+        camera->writeLine("frames end");
+        EXPECT_THAT(outcome(), HasSubstr("frames ended: well"));
+        app->writeLine("frames end");
+        ASSERT_TRUE(app->waitForLine("frames ended: "));
+    }
 }
 
 // --- The run with files ---

@@ -4,14 +4,19 @@
 #include <gtest/gtest.h>
 #include <hidl_host/LocalServices.h>
 #include <media/NdkImageReader.h>
+#include <pthread.h>
 
+#include <atomic>
+#include <cerrno>
 #include <climits>
 
 #include "ConsumerQueue.h"
 #include "DesktopHelperTestAccess.h"
 #include "FakeDesktopService.h"
 #include "FrameBuffer.h"
+#include "FrameSensor.h"
 #include "FrameStream.h"
+#include "NextDefinition.h"
 #include "PreviewFeed.h"
 #include "ReplacementQueue.h"
 #include "ScriptedProducer.h"
@@ -19,6 +24,17 @@
 #include "Timeline.h"
 #include "VelImgSubHelper.h"
 #include "WaitUntil.h"
+
+namespace {
+std::atomic<int> gGrantedThreads{-1};  // before one is refused; negative: all
+}
+
+// In place of the C library's, so that a test can refuse a thread.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* argument) {
+    if (gGrantedThreads >= 0 && gGrantedThreads-- == 0) return EAGAIN;
+    return nextDefinition<decltype(pthread_create)>(__func__)(thread, attributes, body, argument);
+}
 
 namespace {
 
@@ -143,6 +159,21 @@ TEST(APreviewFeed, DrawsIntoNothingButABufferOfItsPicturesSize) {
     end.set();
     feed.join();
     EXPECT_EQ(application->queued().size(), 2u) << "every slot goes back";
+    vel::host::clearLocalServices();
+}
+
+TEST(AFrameSensor, TellsThatAThreadWasRefusedAndGoesOn) {
+    const sp<FakeDesktopService> service = FakeDesktopService::start();
+    const auto helper = DesktopHelperTestAccess::create();
+    FrameSensor sensor(helper.get());
+    for (int grants = 0; grants < 4; ++grants) {  // of the session, the preview and the streams
+        testing::internal::CaptureStdout();
+        gGrantedThreads = grants;
+        (void)sensor.execute("frames 0 size=64x48 streams=2 count=2");
+        EXPECT_TRUE(waitUntil([] { return gGrantedThreads < 0; }));
+        sensor.end();
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("no thread for ")) << grants;
+    }
     vel::host::clearLocalServices();
 }
 
