@@ -11,6 +11,8 @@
 #include <climits>
 #include <filesystem>
 #include <future>
+#include <mutex>
+#include <set>
 
 #include "ConsumerQueue.h"
 #include "LogCapture.h"
@@ -78,10 +80,23 @@ struct CountingProducer : TWGraphicBufferProducer<HGraphicBufferProducer> {
         return TWGraphicBufferProducer::dequeueBuffer(width, height, format, usage, timestamps, reply);
     }
     Return<void> query(int32_t what, query_cb reply) override {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mThreads.insert(gettid());
+        }
         reply(OK, what);
         return Void();
     }
+    // That have answered queries.
+    size_t threads() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mThreads.size();
+    }
     std::atomic<int> begun{0};
+
+  private:
+    std::mutex mLock;
+    std::set<pid_t> mThreads;  // guarded by mLock
 };
 
 class AChannel : public testing::Test {
@@ -208,6 +223,26 @@ TEST_F(AChannel, EndsAloneWithABadRequest) {
         EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= descriptors; }));
         expectAlive();
     }
+}
+
+TEST_F(AChannel, StartsNoThreadForACallerThatIsAlone) {
+    int value = 0;
+    for (int round = 0; round < 20000; ++round)
+        producer->query(round, &value);
+    EXPECT_EQ(value, 19999);
+    EXPECT_LE(local->threads(), 2u);
+}
+
+TEST_F(AChannel, EndsWhenItsRepliesAreLeftUnread) {
+    LogCapture log;
+    RawChannelEnd raw(open());
+    const Request request(Operation::GET_UNIQUE_ID);
+    size_t sent = 0;
+    while (sent < 100000 && raw.send(request))
+        ++sent;
+    EXPECT_LT(sent, 100000u);
+    EXPECT_EQ(log.count("unread"), 1u);
+    expectAlive();
 }
 
 TEST_F(AChannel, LetsCallsPassBesideItsFillOfWaitingDequeues) {
