@@ -48,7 +48,7 @@ std::optional<int> acceptedRowBytes(const std::string& reply) {
     JsonMessage message;
     int bytes = 0;
     if (!message.parse(reply) || !message.root().IsObject() ||
-        JsonUtils::parseValue(message.root(), "app-consumer-width", bytes, -1) != 0) {
+        JsonUtils::parseValue(message.root(), "app-consumer-width", bytes, -1) != 0 || bytes <= 0) {
         return std::nullopt;
     }
     return bytes;
