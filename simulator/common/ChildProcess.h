@@ -36,6 +36,7 @@ class ChildProcess {
          */
         std::function<void(const std::string&)> onLine;
         bool hasErrorsInOutput = false;  // else standard error is this process's own
+        std::vector<int> descriptors;    // that the child has, too, under the same numbers; the caller's
     };
 
     /** Starts the program. Throws what spawn() does. */
