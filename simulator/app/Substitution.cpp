@@ -3,9 +3,11 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "EventWriter.h"
 #include "FrameBuffer.h"
 #include "FrameHeader.h"
 #include "Program.h"
+#include "Timeline.h"
 
 namespace vel::sim {
 
@@ -80,6 +82,7 @@ void Substitution::replace(const BufferItem& item) {
         lose("it has another size");
         return;
     }
+    const int64_t startNs = steadyNowNs();
     const uint64_t memory = memoryIdentity(*item.mGraphicBuffer);
     const bool sent = mReplacements.send(
         rowBytes, item.mTimestamp,
@@ -89,6 +92,15 @@ void Substitution::replace(const BufferItem& item) {
     } else {
         lose("the HAL takes no replacement: status " + std::to_string(mReplacements.status()));
     }
+    if (events::areWanted()) tell(readFrameHeader(captured.data(), mConfiguration.size), startNs);
+}
+
+void Substitution::tell(const FrameHeader& header, int64_t startNs) {
+    if (header.stream > 3) return;  // the HAL may send anything
+    const Track track = streamTrack(header.stream);
+    events::flowStep(track, "frame", "frame", flowIdOf(header), startNs);
+    events::slice(track, "frame", "process", startNs, steadyNowNs(),
+                  JsonObject().add("frame", header.counter));
 }
 
 void Substitution::process(const uint8_t* captured, uint64_t capturedMemory,

@@ -8,6 +8,7 @@
 #include "ConsumerQueue.h"
 #include "Effects.h"
 #include "FrameConfiguration.h"
+#include "FrameHeader.h"
 #include "ReplacementQueue.h"
 
 namespace vel::sim {
@@ -36,6 +37,7 @@ class Substitution {
     void replace(const android::BufferItem& item);
     void process(const uint8_t* captured, uint64_t capturedMemory,
                  const android::sp<android::GraphicBuffer>& replacement);
+    static void tell(const FrameHeader& header, int64_t startNs);
     void lose(const std::string& why);
 
     const FrameConfiguration mConfiguration;

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "CameraServer.h"
+#include "CameraWatch.h"
+#include "EventWriter.h"
 #include "FrameFiles.h"
 #include "FrameSensor.h"
 #include "JsonMessage.h"
@@ -24,6 +26,7 @@ using vel::sim::CameraServer;
 using vel::sim::FrameSensor;
 using vel::sim::ServiceClient;
 using vel::sim::TaskQueue;
+using vel::sim::Track;
 
 constexpr char kCommands[] =
     "Commands, one a line; CAMERA is a framework id:\n"
@@ -69,9 +72,15 @@ void readInput(vel::sim::EndSignals& signals, TaskQueue& cameraTasks, TaskQueue&
     for (std::string line; signals.readLine(line);) {
         if (line.empty() || vel::sim::answerHelp(line, kCommands)) continue;
         if (FrameSensor::isCommand(line)) {
-            frameTasks.post([&, line] { sensor.execute(line); });
+            frameTasks.post([&, line] {
+                const vel::sim::events::Command traced(Track::FRAME_COMMANDS, line);
+                sensor.execute(line);
+            });
         } else {
-            cameraTasks.post([&, line] { server.execute(line); });
+            cameraTasks.post([&, line] {
+                const vel::sim::events::Command traced(Track::COMMANDS, line);
+                server.execute(line);
+            });
         }
     }
     cameraTasks.finish();
@@ -90,10 +99,13 @@ std::string answer(const std::string& command, TaskQueue& tasks, CameraServer& s
 int serve(const vel::sim::CommonOptions& options, int videoFd) {
     vel::sim::EndSignals signals;  // before any thread starts
     vel::sim::endSoonAfter(signals, vel::sim::OutputFile::removeUnfinished);
+    const vel::sim::EventWriter events(options.eventsFd, vel::sim::Peer::CAMERA_SERVER);
+    vel::sim::tellLibraryLog();
 
     TaskQueue cameraTasks;
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
     vel::sim::installVendorTags(*helper);
+    const vel::sim::CameraWatch watch(helper);
     CameraServer server(helper);
     FrameSensor sensor(helper);
     sensor.setStream(videoFd);
