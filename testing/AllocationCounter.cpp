@@ -2,7 +2,8 @@
 
 #include <stdlib.h>
 
-// Calls are counted on their way to the C library's own functions, by the names that one C library has for them.
+// Calls are counted on their way to the C library's own functions, by the names that one C library has for
+// them.
 #if !defined(__GLIBC__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HEAP_IS_FOREIGN 1
 #elif defined(__has_feature)

@@ -15,7 +15,8 @@ struct Line {
 std::mutex gLinesLock;
 std::vector<Line> gLines;
 
-// Debian's log gives the text beside the rest, a device's gives it within; its header decides which of the two is meant.
+// Debian's log gives the text beside the rest, a device's gives it within; its header decides which of the
+// two is meant.
 template <typename Data>
 void store(const Data* data, const char* message) {
     static const char kLetters[] = "??VDIWEF";
