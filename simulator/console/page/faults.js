@@ -1,0 +1,133 @@
+// Peers that are killed and stopped, and how long captures went without them.
+
+import { byId, element, milliseconds, request, seconds, setText } from "./dom.js";
+import { draw, now, on, onReset, onState } from "./events.js";
+import { NewestFirst } from "./list.js";
+
+const kNames = { service: "Service", app: "Application", camera_server: "Camera server" };
+const kActions = ["kill", "stop", "continue", "restart"];
+const kPids = { 2: "camera_server", 3: "app" };
+
+const list = new NewestFirst(byId("fault-list"),
+    ({ ts, text }) => element("li", {}, element("time", {}, seconds(ts)), ` ${text}`), undefined, 50);
+const links = new Map();  // program -> { up, ts, withoutUs }
+let without = new Map();  // stream -> since when
+let last = null;          // the newest time without replacements that is over
+let ticking = 0;
+
+function makePeer(peer) {
+    const buttons = kActions.map((action) => {
+        const button = element("button", { type: "button", id: `${action}-${peer}` }, action);
+        button.setAttribute("aria-label", `${action} the ${kNames[peer].toLowerCase()}`);
+        button.addEventListener("click", () => request({ do: "fault", peer, action }));
+        return button;
+    });
+    const state = element("span", { id: `state-${peer}`, className: "pill", textContent: "…" });
+    return element("div", { className: "peer" }, element("b", {}, kNames[peer]), state,
+        ...(peer === "camera_server" ? [] : [element("span", { className: "buttons" }, ...buttons)]));
+}
+
+function takeState({ peers, replay }) {
+    for (const [peer, state] of Object.entries(peers)) {
+        const pill = byId(`state-${peer}`);
+        if (!pill) continue;
+        setText(pill, replay ? "saved" : state);
+        pill.dataset.state = replay ? "" : state;
+    }
+}
+
+function takeFault(event) {
+    list.add({ ts: event.ts, text: event.name });
+    const { peer, action } = event.args;
+    if (["kill", "killed", "ended"].includes(action) && links.has(peer)) setLink(peer, false, event.ts);
+}
+
+function takeLink(event) {
+    const program = kPids[event.pid];
+    if (!program) return;
+    const up = event.name === "link up";
+    list.add({ ts: event.ts, text: `${event.name} (${kNames[program].toLowerCase()})` });
+    setLink(program, up, event.ts);
+}
+
+function setLink(program, up, ts) {
+    const before = links.get(program);
+    if (before?.up === up) return;
+    links.set(program, { up, ts, withoutUs: up && before ? ts - before.ts : undefined });
+    draw(show);
+}
+
+function takeReplacement(event) {
+    const { stream, withoutMs } = event.args;
+    const back = withoutMs !== undefined;
+    list.add({ ts: event.ts, text: event.name + (back ? ` after ${milliseconds(withoutMs)}` : "") });
+    if (back) {
+        without.delete(stream);
+        last = { stream, withoutMs, ts: event.ts };
+    } else {
+        without.set(stream, event.ts);
+    }
+    draw(show);
+}
+
+function captureText() {
+    if (without.size) {
+        const since = Math.min(...without.values());
+        return `without replacement for ${((now() - since) / 1e6).toFixed(1)} s (${streamsText()})`;
+    }
+    if (!last) return "never without replacement";
+    return `replaced; were without for ${milliseconds(last.withoutMs)} (stream ${last.stream}), until ${seconds(last.ts)} s`;
+}
+
+const streamsText = () => `stream ${[...without.keys()].sort().join(", ")}`;
+
+function linkText(link) {
+    if (!link) return "not seen yet";
+    if (!link.up) return `down for ${((now() - link.ts) / 1e6).toFixed(1)} s`;
+    const back = link.withoutUs === undefined ? "" : `, back after ${milliseconds(link.withoutUs / 1000)}`;
+    return `up since ${seconds(link.ts)} s${back}`;
+}
+
+function show() {
+    const facts = { captures: captureText(), app: linkText(links.get("app")), camera_server: linkText(links.get("camera_server")) };
+    for (const [name, text] of Object.entries(facts)) setText(byId(`fact-${name}`), text);
+    byId("fact-captures").classList.toggle("bad", without.size > 0);
+    for (const program of ["app", "camera_server"]) {
+        byId(`fact-${program}`).classList.toggle("bad", links.get(program)?.up === false);
+    }
+    tick();
+}
+
+// While something is missing, the time that it is missing for goes on.
+function tick() {
+    clearTimeout(ticking);
+    const missing = without.size || [...links.values()].some((link) => !link.up);
+    if (missing) ticking = setTimeout(() => draw(show), 500);
+}
+
+function makeFact([name, title]) {
+    return element("div", {}, element("dt", {}, title), element("dd", { id: `fact-${name}` }));
+}
+
+export function startFaults() {
+    byId("peers").append(...Object.keys(kNames).map(makePeer));
+    const facts = [["captures", "Captures"], ["app", "Link of the application"], ["camera_server", "Link of the camera server"]];
+    byId("links").append(...facts.map(makeFact));
+    on("fault", takeFault);
+    on("link", takeLink);
+    on("replacement", takeReplacement);
+    on("frames", (event) => {
+        list.add({ ts: event.ts, text: event.name + (event.args.outcome ? `: ${event.args.outcome}` : "") });
+        without.clear();
+        draw(show);
+    });
+    onState(takeState);
+    onReset(() => {
+        list.clear();
+        links.clear();
+        without = new Map();
+        last = null;
+        draw(show);
+    });
+    show();
+}
