@@ -5,9 +5,9 @@ import { draw, now, on, onReset } from "./events.js";
 import { chosenStream } from "./pictures.js";
 
 const kMinute = 60e6;  // microseconds
-const kCounts = ["sent", "inTime", "repeated", "late", "dropped", "copies"];
+const kCounts = { sent: "Sent", inTime: "In time", repeated: "Repeated", late: "Late", dropped: "Dropped", copies: "Copies" };
 
-const counts = new Map();     // stream -> its counts
+const counts = new Map();     // stream -> its counts, and the frames a second between the newest two
 const latencies = new Map();  // stream -> figures, oldest first
 let exchanges = [];
 const charts = [];
@@ -19,10 +19,16 @@ function keepMinute(kept, event) {
 
 function takeFigures(event) {
     const [, stream, kind] = /^stream (\d) (frames|latency ms)$/.exec(event.name) ?? [];
-    if (kind === "frames") counts.set(Number(stream), event.args);
+    if (kind === "frames") takeCounts(Number(stream), event);
     if (kind === "latency ms") keepMinute(latenciesOf(Number(stream)), event);
     if (event.name === "exchange us") keepMinute(exchanges, event);
     draw(show);
+}
+
+function takeCounts(stream, { ts, args }) {
+    const before = counts.get(stream);
+    const rate = before ? (args.sent - before.sent) / (ts - before.ts) * 1e6 : NaN;
+    counts.set(stream, { ...args, ts, rate });
 }
 
 function latenciesOf(stream) {
@@ -33,6 +39,7 @@ function latenciesOf(stream) {
 function show() {
     showCounts();
     const latency = latenciesOf(chosenStream());
+    showTiles(counts.get(chosenStream()), latency.at(-1));
     setText(byId("latency-text"), reading(latency.at(-1), milliseconds, `stream ${chosenStream()}: `));
     setText(byId("exchange-text"), reading(exchanges.at(-1), (value) => `${Math.round(value)} µs`));
     showChart(charts[0], latency);
@@ -45,18 +52,22 @@ function reading(figures, format, head = "") {
     return head + named.map((name) => `${name} ${format(figures[name])}`).join(", ");
 }
 
+const shown = (count) => (count ?? "–").toLocaleString("en");
+
+function makeCountsRow(stream) {
+    const cells = Object.keys(kCounts).map((name) => element("td", { className: name }, shown(counts.get(stream)[name])));
+    return element("tr", {}, element("th", { scope: "row" }, String(stream)), ...cells);
+}
+
 function showCounts() {
-    const body = byId("counts").tBodies[0];
-    const streams = [...counts.keys()].sort();
-    while (body.rows.length > streams.length) body.deleteRow(-1);
-    while (body.rows.length < streams.length) {
-        body.append(element("tr", {}, element("th", { scope: "row" }), ...kCounts.map((name) => element("td", { className: name }))));
-    }
-    streams.forEach((stream, i) => {
-        const cells = body.rows[i].cells;
-        setText(cells[0], String(stream));
-        kCounts.forEach((name, k) => setText(cells[k + 1], (counts.get(stream)[name] ?? "–").toLocaleString("en")));
-    });
+    byId("counts").tBodies[0].replaceChildren(...[...counts.keys()].sort().map(makeCountsRow));
+}
+
+function showTiles(count = {}, latency) {
+    const tiles = [["Frames/s", count.rate >= 0 ? count.rate.toFixed(1) : "–"], ["Latency p50", latency ? milliseconds(latency.p50) : "–"],
+        ...Object.entries(kCounts).map(([name, title]) => [title, shown(count[name])])];
+    byId("stream-figures").replaceChildren(
+        ...tiles.map(([title, value]) => element("div", {}, element("dt", {}, title), element("dd", {}, value))));
 }
 
 function showChart(chart, kept) {
@@ -109,5 +120,6 @@ export function startFigures() {
         exchanges = [];
         draw(show);
     });
+    draw(show);
     byId("stream").addEventListener("change", () => draw(show));
 }

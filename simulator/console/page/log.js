@@ -18,5 +18,5 @@ export function startLog() {
     on("log", (event) => list.add({ ts: event.ts, ...event.args }));
     on("error", (event) => list.add({ ts: event.ts, priority: "E", tag: event.name, text: event.args.text }));
     onReset(() => list.clear());
-    byId("log-priority").addEventListener("input", () => list.refresh());
+    byId("log-priority").addEventListener("change", () => list.refresh());
 }

@@ -159,9 +159,8 @@ export function startMessages() {
         byId("command-answer").textContent = "";
     });
     offerExamples(byId("command-example"), byId("command-line"), kExamples);
-    for (const id of ["message-peer", "message-text", "message-captures"]) {
-        byId(id).addEventListener("input", () => list.refresh());
-    }
+    for (const id of ["message-peer", "message-captures"]) byId(id).addEventListener("change", () => list.refresh());
+    byId("message-text").addEventListener("input", () => list.refresh());
     byId("message-pause").addEventListener("click", pause);
     byId("command").addEventListener("submit", send);
 }

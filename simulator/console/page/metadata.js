@@ -145,7 +145,7 @@ export function startMetadata() {
     onReset(forget);
     offerExamples(byId("answer-example"), byId("answer-line"), kExamples);
     byId("tag-search").addEventListener("input", () => draw(showTags));
-    byId("tag-chosen").addEventListener("input", () => draw(showTags));
+    byId("tag-chosen").addEventListener("change", () => draw(showTags));
     byId("answer").addEventListener("submit", setAnswer);
     byId("answer-clear").addEventListener("click", () => sendLine("app", "answer {}"));
 }

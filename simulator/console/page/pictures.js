@@ -1,16 +1,14 @@
 // Captured beside replaced pictures, and what makes them.
 
-import { byId, element, milliseconds, request, setText } from "./dom.js";
+import { byId, request, setText } from "./dom.js";
 import { draw, on, onReset, onState } from "./events.js";
 
 const kRetryMs = 500;
 const kHeaderEnd = [13, 10, 13, 10];
-const kShown = ["Frames/s", "Latency p50", "Sent", "In time", "Repeated", "Late", "Dropped", "Copies"];
 
 let connection = null;
 let newest = null;  // the pair to draw
 let replay = false;
-const figures = new Map();  // stream -> what its tiles show
 
 /** The stream whose pictures and charts are shown. */
 export const chosenStream = () => Number(byId("stream").value);
@@ -56,8 +54,9 @@ async function read(stream, signal) {
         if (done) return;
         parts.add(value);
         for (let picture; (picture = parts.next());) {
+            const decoded = await createImageBitmap(picture);
             newest?.close();
-            newest = await createImageBitmap(picture);
+            newest = decoded;
             draw(drawPair);
         }
     }
@@ -90,37 +89,6 @@ function drawPair() {
     }
 }
 
-function figuresOf(stream) {
-    if (!figures.has(stream)) figures.set(stream, {});
-    return figures.get(stream);
-}
-
-function takeFigures(event) {
-    const [, stream, kind] = /^stream (\d) (frames|latency ms)$/.exec(event.name) ?? [];
-    if (stream === undefined) return;
-    const kept = figuresOf(Number(stream));
-    if (kind === "frames") takeCounts(kept, event);
-    else kept["Latency p50"] = milliseconds(event.args.p50);
-    draw(showFigures);
-}
-
-function takeCounts(kept, { ts, args }) {
-    const { sent, inTime, repeated, late, dropped, copies } = args;
-    Object.assign(kept, { Sent: sent, "In time": inTime, Repeated: repeated, Late: late, Dropped: dropped, Copies: copies });
-    const grown = sent - kept.before?.sent;
-    if (grown >= 0) kept["Frames/s"] = (grown / (ts - kept.before.ts) * 1e6).toFixed(1);
-    kept.before = { sent, ts };
-}
-
-function showFigures() {
-    const kept = figuresOf(chosenStream());
-    const tiles = byId("stream-figures");
-    if (!tiles.children.length) {
-        tiles.append(...kShown.map((name) => element("div", {}, element("dt", {}, name), element("dd"))));
-    }
-    kShown.forEach((name, i) => setText(tiles.children[i].lastChild, (kept[name] ?? "–").toLocaleString("en")));
-}
-
 const missing = new Set();  // streams without replacements
 
 function takeReplacement(event) {
@@ -147,7 +115,6 @@ function takeState(state) {
     offerStreams(state.settings.streams);
     if (!connection || replay !== wasReplay) reconnect();
     draw(showMissing);
-    draw(showFigures);
 }
 
 function offerStreams(count) {
@@ -166,7 +133,6 @@ function restartFrames(event) {
 }
 
 export function startPictures() {
-    on("figures", takeFigures);
     on("replacement", takeReplacement);
     on("frames", (event) => event.name === "frames begin" && forget());
     onState(takeState);
@@ -174,7 +140,6 @@ export function startPictures() {
     byId("stream").addEventListener("change", () => {
         reconnect();
         draw(showMissing);
-        draw(showFigures);
     });
     byId("effect").addEventListener("change", () => request({ do: "frames", effect: byId("effect").value }));
     byId("frames").addEventListener("submit", restartFrames);
@@ -182,8 +147,6 @@ export function startPictures() {
 }
 
 function forget() {
-    figures.clear();
     missing.clear();
-    draw(showFigures);
     draw(showMissing);
 }
