@@ -9,6 +9,7 @@
 #include <system_error>
 #include <thread>
 
+#include "PictureTap.h"
 #include "PreviewFeed.h"
 #include "Program.h"
 #include "StartThread.h"
@@ -67,8 +68,13 @@ void printTable(const Streams& streams, uint64_t previewFrames) {
 
 }  // namespace
 
-FrameSession::FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd)
-    : mHelper(helper), mSetup(setup), mStreamFd(streamFd), mCancel(eventfd(0, EFD_CLOEXEC)) {
+FrameSession::FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd,
+                           PictureTap* pictures)
+    : mHelper(helper),
+      mSetup(setup),
+      mStreamFd(streamFd),
+      mPictures(pictures),
+      mCancel(eventfd(0, EFD_CLOEXEC)) {
     if (mCancel < 0) throw std::system_error(errno, std::generic_category(), "no descriptor for the frames");
 }
 
@@ -174,6 +180,7 @@ void FrameSession::endStream() {
 void FrameSession::output(const FrameHeader& captured, const ConstFrameView& picture,
                           const std::optional<FrameHeader>& replacement,
                           const std::optional<ConstFrameView>& replaced) {
+    if (mPictures != nullptr) mPictures->offer(captured, picture, replacement, replaced);
     if (captured.stream == 0 && mOutput && replaced) mOutput->write(*replaced);
     if (mSetup.sheet.empty() || !isWorthShowing(captured.counter)) return;
     ContactSheet::Moment moment;

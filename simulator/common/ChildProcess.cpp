@@ -33,7 +33,8 @@ ChildProcess::ChildProcess(Options options) : mOnLine(std::move(options.onLine))
     Pipe input = openInput();
     Pipe output = openPipe();
     const int errors = options.hasErrorsInOutput ? output.child.get() : -1;
-    mPid = spawn(std::move(options.command), {input.child, output.child, errors}, options.environment);
+    mPid = spawn(std::move(options.command),
+                 {input.child, output.child, errors, std::move(options.descriptors)}, options.environment);
     // Not by pidfd_open(): glibc's header of it does not link from C++.
     mPidFd.reset(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
     mStop.reset(eventfd(0, EFD_CLOEXEC));
@@ -48,6 +49,12 @@ ChildProcess::~ChildProcess() {
     // The child's own children may hold its output open, so the end of the output is not waited for.
     eventfd_write(mStop.get(), 1);
     mReader.join();
+}
+
+// The kernel calls a socket writable while three quarters of its 208 KB or more are free.
+bool ChildProcess::hasRoom() const {
+    pollfd input{mInput.get(), POLLOUT, 0};
+    return poll(&input, 1, 0) > 0;
 }
 
 bool ChildProcess::writeLine(const std::string& line) {

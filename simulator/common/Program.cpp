@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <system_error>
@@ -29,6 +30,8 @@ namespace vel::sim {
 
 namespace {
 std::atomic<int64_t> gTimeOriginNs{0};
+std::atomic<void (*)(const std::string&)> gErrorListener{nullptr};
+constexpr char kError[] = "error ";
 constexpr std::chrono::seconds kEndLimit{4};  // for what the signals find running
 }  // namespace
 
@@ -39,6 +42,8 @@ void addCommonOptions(CLI::App& cli, CommonOptions& options) {
     cli.add_option("--time-origin", options.timeOriginNs,
                    "steady clock, in ns, that printed times count from (default: the service's start)")
         ->type_name("NS");
+    cli.add_option("--events", options.eventsFd, "descriptor that each event is written to as a line of JSON")
+        ->type_name("FD");
 }
 
 std::optional<int> parseArguments(CLI::App& cli, int argc, char** argv) {
@@ -93,6 +98,12 @@ void printLine(const char* format, ...) {
     if (length < 0) return;
     const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
     printStamped(printable(text));
+    const auto listener = gErrorListener.load();
+    if (listener != nullptr && std::string(text).rfind(kError, 0) == 0) listener(text + std::strlen(kError));
+}
+
+void setErrorListener(void (*listener)(const std::string& text)) {
+    gErrorListener = listener;
 }
 
 bool answerHelp(const std::string& line, const char* commands) {

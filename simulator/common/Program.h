@@ -18,11 +18,12 @@ namespace vel::sim {
 struct CommonOptions {
     std::string bus;                      // address of the bus; empty for none
     std::optional<int64_t> timeOriginNs;  // steady clock that printed times count from; none: not told
+    int eventsFd = -1;                    // what events are written to; negative for nothing
 };
 
 /**
- * Adds --bus, which the environment may stand in for, and --time-origin. Command lines are read through
- * CLI11, which costs seconds to compile: only a program's main.cpp includes it.
+ * Adds --bus, which the environment may stand in for, --time-origin and --events. Command lines are read
+ * through CLI11, which costs seconds to compile: only a program's main.cpp includes it.
  */
 void addCommonOptions(CLI::App& cli, CommonOptions& options);
 
@@ -57,6 +58,12 @@ void printStamped(const std::string& line);
 
 /** The same of a formatted text. Bytes that are not printable are escaped. */
 __attribute__((format(printf, 1, 2))) void printLine(const char* format, ...);
+
+/**
+ * Calls a function with the text behind each "error " that printLine() prints at the beginning of a line,
+ * from now on; null: none. Any thread.
+ */
+void setErrorListener(void (*listener)(const std::string& text));
 
 /**
  * Prints the commands that a program reads, without a stamp, when the line is the word help; false, and

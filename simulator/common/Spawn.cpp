@@ -1,6 +1,7 @@
 #include "Spawn.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -37,8 +38,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 }
 
 // Runs in the child between fork and exec: only async-signal-safe calls.
-[[noreturn]] void becomeProgram(char* const* command, char* const* environment,
-                                const StandardStreams& streams, int failure, pid_t parent) {
+[[noreturn]] void becomeProgram(char* const* command, char* const* environment, const ChildStreams& streams,
+                                int failure, pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(127);  // the parent died before the line above
     sigset_t none;
@@ -49,6 +50,9 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     dup2(streams.input, STDIN_FILENO);
     dup2(streams.output, STDOUT_FILENO);
     if (streams.errors >= 0) dup2(streams.errors, STDERR_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // some libraries open descriptors without it
+    for (const int fd : streams.others)
+        fcntl(fd, F_SETFD, 0);
     execvpe(command[0], command, environment);
     const int error = errno;
     if (write(failure, &error, sizeof(error)) < 0) _exit(126);
@@ -63,7 +67,7 @@ Pipe openPipe() {
     return {android::base::unique_fd(ends[0]), android::base::unique_fd(ends[1])};
 }
 
-pid_t spawn(std::vector<std::string> command, const StandardStreams& streams,
+pid_t spawn(std::vector<std::string> command, const ChildStreams& streams,
             const std::map<std::string, std::string>& environment) {
     Pipe failure = openPipe();
     std::vector<std::string> merged = mergedEnvironment(environment);

@@ -18,11 +18,12 @@ struct Pipe {
 /** A pipe whose reader is the parent. Throws std::system_error. */
 Pipe openPipe();
 
-/** What a child's standard streams are to be; they stay the caller's. */
-struct StandardStreams {
+/** What a child's streams are to be; they stay the caller's. */
+struct ChildStreams {
     int input;
     int output;
-    int errors = -1;  // negative: this process's own
+    int errors = -1;            // negative: this process's own
+    std::vector<int> others{};  // descriptors that the child has, too, under the same numbers
 };
 
 /**
@@ -33,7 +34,7 @@ struct StandardStreams {
  * The child has a process group of its own, so that Ctrl-C in a terminal reaches this process alone, blocks
  * no signal, and is killed by the kernel when the thread that called this ends.
  */
-pid_t spawn(std::vector<std::string> command, const StandardStreams& streams,
+pid_t spawn(std::vector<std::string> command, const ChildStreams& streams,
             const std::map<std::string, std::string>& environment = {});
 
 }  // namespace vel::sim

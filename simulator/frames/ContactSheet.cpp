@@ -1,21 +1,14 @@
 #include "ContactSheet.h"
 
-#include <android-base/unique_fd.h>
 #include <libyuv.h>
 #include <png.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
+#include "AtomicFile.h"
 #include "Drawing.h"
-#include "Timeline.h"
 
 namespace vel::sim {
 namespace {
@@ -75,46 +68,6 @@ std::vector<uint8_t> toRgb(const ConstFrameView& frame) {
     return rgb;
 }
 
-[[noreturn]] void failWriting(const std::string& file, const std::string& why) {
-    throw std::runtime_error("cannot write " + printable(file, 256) + ": " + why);
-}
-
-// A file that is written under another name beside its place and removed unless it is put there.
-class AtomicFile {
-  public:
-    explicit AtomicFile(const std::string& file) : mFile(file), mTemporary(file + ".XXXXXX") {
-        std::error_code error;
-        const auto folder = std::filesystem::path(file).parent_path();
-        if (!folder.empty()) std::filesystem::create_directories(folder, error);
-        if (error) failWriting(file, error.message());
-        const int fd = mkostemp(mTemporary.data(), O_CLOEXEC);
-        if (fd < 0) failWriting(file, std::strerror(errno));
-        fchmod(fd, 0644);  // temporary files are their owner's only
-        mStream = fdopen(fd, "wb");
-    }
-    ~AtomicFile() {
-        if (mStream == nullptr) return;
-        fclose(mStream);
-        unlink(mTemporary.c_str());
-    }
-    AtomicFile(const AtomicFile&) = delete;
-    AtomicFile& operator=(const AtomicFile&) = delete;
-
-    FILE* stream() const { return mStream; }
-
-    void putInPlace() {
-        if (fflush(mStream) != 0) failWriting(mFile, std::strerror(errno));
-        if (rename(mTemporary.c_str(), mFile.c_str()) != 0) failWriting(mFile, std::strerror(errno));
-        fclose(mStream);
-        mStream = nullptr;
-    }
-
-  private:
-    const std::string mFile;
-    std::string mTemporary;
-    FILE* mStream;
-};
-
 }  // namespace
 
 bool ContactSheet::add(const Moment& moment, const ConstFrameView& captured,
@@ -162,7 +115,7 @@ void ContactSheet::write(const std::string& file) const {
     image.format = PNG_FORMAT_RGB;
     const std::vector<uint8_t> rgb = toRgb(sheet.view());
     if (png_image_write_to_stdio(&image, target.stream(), 0, rgb.data(), 0, nullptr) == 0)
-        failWriting(file, image.message);
+        AtomicFile::fail(file, image.message);
     target.putInPlace();
 }
 

@@ -1,44 +1,35 @@
 #include "Peers.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 
 namespace vel::sim {
 
 namespace {
 constexpr std::chrono::seconds kReadyLimit{10};
-constexpr std::chrono::seconds kEndLimit{5};
 constexpr std::chrono::milliseconds kTick{50};
 }  // namespace
 
-Peers::Peers(const std::string& directory, Recorder& recorder) : mDirectory(directory), mRecorder(recorder) {}
+Peers::Peers(const std::string& directory, Recorder& recorder)
+    : mRecorder(recorder), mPrograms(directory, [this](const std::string& peer, const std::string& line) {
+          mRecorder.add(peer, line);
+      }) {}
 
 Peers::~Peers() {
     end();
 }
 
 bool Peers::start(bool passStandardInput) {
-    start("service", "desktop_service", {"--trace"});
+    mPrograms.start("service", {{"--trace"}, {}});
     if (!waitUntilReady("service")) return false;
-    // Inherited by the camera server alone: whoever feeds it notices when that one ends.
+    // The camera server alone has it: whoever feeds it notices when that one ends.
     const android::base::unique_fd stream(passStandardInput ? dup(STDIN_FILENO) : -1);
-    start("camera_server", "camera_server", {"--video-fd", std::to_string(stream.get())});
-    if (stream >= 0) (void)fcntl(stream, F_SETFD, FD_CLOEXEC);
-    start("app", "desktop_app", {"-", "--change-metadata"});
+    PeerPrograms::Start camera{{"--video-fd", std::to_string(stream.get())}, {}};
+    if (stream >= 0) camera.descriptors = {stream};
+    mPrograms.start("camera_server", camera);
+    mPrograms.start("app", {{"-", "--change-metadata"}, {}});
     return true;
-}
-
-void Peers::start(const std::string& name, const std::string& program,
-                  const std::vector<std::string>& arguments) {
-    ChildProcess::Options options;
-    options.command = {mDirectory + "/" + program, "--bus", mBus.address(), "--time-origin",
-                       std::to_string(mOriginNs)};
-    options.command.insert(options.command.end(), arguments.begin(), arguments.end());
-    options.onLine = [this, name](const std::string& line) { mRecorder.add(name, line); };
-    mChildren[name] = std::make_unique<ChildProcess>(std::move(options));
 }
 
 // False when the program ends first, or the limit passes.
@@ -52,11 +43,11 @@ bool Peers::waitUntilReady(const std::string& name) {
 }
 
 bool Peers::send(const std::string& peer, const std::string& line) {
-    return mChildren.at(peer)->writeLine(line);
+    return mPrograms.send(peer, line);
 }
 
 bool Peers::isAlive(const std::string& peer) {
-    return !mChildren.at(peer)->wait(std::chrono::milliseconds(0));
+    return !mPrograms.exitCode(peer);
 }
 
 bool Peers::end() {
@@ -67,32 +58,12 @@ bool Peers::end() {
 }
 
 bool Peers::end(const std::string& name) {
-    const auto entry = mChildren.find(name);
-    if (entry == mChildren.end()) return true;
-    const std::unique_ptr<ChildProcess> child = std::move(entry->second);
-    mChildren.erase(entry);
-
-    child->closeInput();  // ends the peers that read commands
-    if (name == "service") child->kill(SIGTERM);
-    const auto code = child->wait(kEndLimit);
-    if (code == 0) return true;
-    if (!code) {  // it may still take back what it wrote
-        child->kill(SIGTERM);
-        (void)child->wait(kEndLimit);
-    }
-    std::printf("%s did not end well: %s\n", name.c_str(), code ? std::to_string(*code).c_str() : "it hangs");
+    const auto code = mPrograms.end(name);
+    if (!code || *code == 0) return true;
+    const bool hangs = *code == PeerPrograms::kHangs;
+    std::printf("%s did not end well: %s\n", name.c_str(),
+                hangs ? "it hangs" : std::to_string(*code).c_str());
     return false;
-}
-
-// The camera server first: it takes its output back, and without it nobody misses the others.
-void Peers::interrupt() {
-    for (const char* name : {"camera_server", "app", "service"}) {
-        const auto entry = mChildren.find(name);
-        if (entry == mChildren.end()) continue;
-        entry->second->kill(SIGTERM);
-        (void)entry->second->wait(kEndLimit);
-        mChildren.erase(entry);
-    }
 }
 
 }  // namespace vel::sim

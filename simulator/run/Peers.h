@@ -1,14 +1,9 @@
 #pragma once
 
-#include <map>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "ChildProcess.h"
-#include "PrivateBus.h"
+#include "PeerPrograms.h"
 #include "Recorder.h"
-#include "Timeline.h"
 
 namespace vel::sim {
 
@@ -37,19 +32,14 @@ class Peers {
     bool end();
 
     /** Ends the peers at once, whatever they are doing. */
-    void interrupt();
+    void interrupt() { mPrograms.interrupt(); }
 
   private:
-    void start(const std::string& name, const std::string& program,
-               const std::vector<std::string>& arguments);
     bool waitUntilReady(const std::string& name);
     bool end(const std::string& name);
 
-    const std::string mDirectory;
     Recorder& mRecorder;
-    const int64_t mOriginNs = steadyNowNs();
-    PrivateBus mBus;
-    std::map<std::string, std::unique_ptr<ChildProcess>> mChildren;
+    PeerPrograms mPrograms;
 };
 
 }  // namespace vel::sim
