@@ -50,7 +50,7 @@ class Console:
 
     def __init__(self, *arguments):
         self.folder = tempfile.mkdtemp(prefix="console-")
-        self.process = subprocess.Popen([PROGRAM, "--port", "0", *arguments], cwd=self.folder, text=True,
+        self.process = subprocess.Popen([PROGRAM, *arguments], cwd=self.folder, text=True,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         lines = iter(self.process.stdout.readline, "")
         self.address = next((line.split(" at ", 1)[1].strip() for line in lines if line.startswith("console at ")), None)

@@ -27,19 +27,17 @@ function makePeer(peer) {
         ...(peer === "camera_server" ? [] : [element("span", { className: "buttons" }, ...buttons)]));
 }
 
-function takeState({ peers, replay }) {
-    for (const [peer, state] of Object.entries(peers)) {
-        const pill = byId(`state-${peer}`);
-        if (!pill) continue;
-        setText(pill, replay ? "saved" : state);
-        pill.dataset.state = replay ? "" : state;
+function takeState({ peers }) {
+    for (const peer of Object.keys(kNames)) {
+        const state = peers?.[peer] ?? "saved";
+        setText(byId(`state-${peer}`), state);
+        byId(`state-${peer}`).dataset.state = state;
     }
 }
 
 function takeFault(event) {
     list.add({ ts: event.ts, text: event.name });
-    const { peer, action } = event.args;
-    if (["kill", "killed", "ended"].includes(action) && links.has(peer)) setLink(peer, false, event.ts);
+    if (/(killed|ended)$/.test(event.name) && links.has(event.args.peer)) setLink(event.args.peer, false, event.ts);
 }
 
 function takeLink(event) {

@@ -111,8 +111,8 @@ function choose(select, value) {
 function takeState(state) {
     const wasReplay = replay;
     replay = state.replay;
-    for (const name of ["effect", "size", "fps", "streams"]) choose(byId(name), state.settings[name]);
-    offerStreams(state.settings.streams);
+    for (const [name, value] of Object.entries(state.settings ?? {})) if (byId(name)) choose(byId(name), value);
+    if (state.settings) offerStreams(state.settings.streams);
     if (!connection || replay !== wasReplay) reconnect();
     draw(showMissing);
 }
@@ -126,6 +126,12 @@ function offerStreams(count) {
     if (select.value !== before) select.dispatchEvent(new Event("change"));
 }
 
+function takeFrames({ name, args }) {
+    if (name !== "frames begin") return;
+    if (replay) offerStreams(args.streams);
+    forget();
+}
+
 function restartFrames(event) {
     event.preventDefault();
     const value = (id) => byId(id).value;
@@ -134,7 +140,7 @@ function restartFrames(event) {
 
 export function startPictures() {
     on("replacement", takeReplacement);
-    on("frames", (event) => event.name === "frames begin" && forget());
+    on("frames", takeFrames);
     onState(takeState);
     onReset(forget);
     byId("stream").addEventListener("change", () => {
