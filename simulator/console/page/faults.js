@@ -5,6 +5,7 @@ import { draw, now, on, onReset, onState } from "./events.js";
 import { NewestFirst } from "./list.js";
 
 const kNames = { service: "Service", app: "Application", camera_server: "Camera server" };
+const kFacts = { captures: "Captures", app: "Link of the application", camera_server: "Link of the camera server" };
 const kActions = ["kill", "stop", "continue", "restart"];
 const kPids = { 2: "camera_server", 3: "app" };
 
@@ -74,7 +75,8 @@ function captureText() {
         return `without replacement for ${((now() - since) / 1e6).toFixed(1)} s (${streamsText()})`;
     }
     if (!last) return "never without replacement";
-    return `replaced; were without for ${milliseconds(last.withoutMs)} (stream ${last.stream}), until ${seconds(last.ts)} s`;
+    const { withoutMs, stream, ts } = last;
+    return `replaced; were without for ${milliseconds(withoutMs)} (stream ${stream}), until ${seconds(ts)} s`;
 }
 
 const streamsText = () => `stream ${[...without.keys()].sort().join(", ")}`;
@@ -86,12 +88,15 @@ function linkText(link) {
     return `up since ${seconds(link.ts)} s${back}`;
 }
 
+function showFact(name, text, bad) {
+    setText(byId(`fact-${name}`), text);
+    byId(`fact-${name}`).classList.toggle("bad", bad);
+}
+
 function show() {
-    const facts = { captures: captureText(), app: linkText(links.get("app")), camera_server: linkText(links.get("camera_server")) };
-    for (const [name, text] of Object.entries(facts)) setText(byId(`fact-${name}`), text);
-    byId("fact-captures").classList.toggle("bad", without.size > 0);
+    showFact("captures", captureText(), without.size > 0);
     for (const program of ["app", "camera_server"]) {
-        byId(`fact-${program}`).classList.toggle("bad", links.get(program)?.up === false);
+        showFact(program, linkText(links.get(program)), links.get(program)?.up === false);
     }
     tick();
 }
@@ -109,8 +114,7 @@ function makeFact([name, title]) {
 
 export function startFaults() {
     byId("peers").append(...Object.keys(kNames).map(makePeer));
-    const facts = [["captures", "Captures"], ["app", "Link of the application"], ["camera_server", "Link of the camera server"]];
-    byId("links").append(...facts.map(makeFact));
+    byId("links").append(...Object.entries(kFacts).map(makeFact));
     on("fault", takeFault);
     on("link", takeLink);
     on("replacement", takeReplacement);

@@ -5,7 +5,9 @@ import { draw, now, on, onReset } from "./events.js";
 import { chosenStream } from "./pictures.js";
 
 const kMinute = 60e6;  // microseconds
-const kCounts = { sent: "Sent", inTime: "In time", repeated: "Repeated", late: "Late", dropped: "Dropped", copies: "Copies" };
+const kCounts = {
+    sent: "Sent", inTime: "In time", repeated: "Repeated", late: "Late", dropped: "Dropped", copies: "Copies",
+};
 
 const counts = new Map();     // stream -> its counts, and the frames a second between the newest two
 const latencies = new Map();  // stream -> figures, oldest first
@@ -55,7 +57,8 @@ function reading(figures, format, head = "") {
 const shown = (count) => (count ?? "–").toLocaleString("en");
 
 function makeCountsRow(stream) {
-    const cells = Object.keys(kCounts).map((name) => element("td", { className: name }, shown(counts.get(stream)[name])));
+    const count = counts.get(stream);
+    const cells = Object.keys(kCounts).map((name) => element("td", { className: name }, shown(count[name])));
     return element("tr", {}, element("th", { scope: "row" }, String(stream)), ...cells);
 }
 
@@ -64,8 +67,11 @@ function showCounts() {
 }
 
 function showTiles(count = {}, latency) {
-    const tiles = [["Frames/s", count.rate >= 0 ? count.rate.toFixed(1) : "–"], ["Latency p50", latency ? milliseconds(latency.p50) : "–"],
-        ...Object.entries(kCounts).map(([name, title]) => [title, shown(count[name])])];
+    const tiles = [
+        ["Frames/s", count.rate >= 0 ? count.rate.toFixed(1) : "–"],
+        ["Latency p50", latency ? milliseconds(latency.p50) : "–"],
+        ...Object.entries(kCounts).map(([name, title]) => [title, shown(count[name])]),
+    ];
     byId("stream-figures").replaceChildren(
         ...tiles.map(([title, value]) => element("div", {}, element("dt", {}, title), element("dd", {}, value))));
 }
@@ -108,7 +114,8 @@ function makeChart(id, unit, names) {
 }
 
 export function startFigures() {
-    charts.push(makeChart("latency-chart", "ms", ["p50", "p90", "p99"]), makeChart("exchange-chart", "µs", ["p50", "p99"]));
+    charts.push(makeChart("latency-chart", "ms", ["p50", "p90", "p99"]));
+    charts.push(makeChart("exchange-chart", "µs", ["p50", "p99"]));
     const paintAll = () => charts.forEach(paint);
     paintAll();
     matchMedia("(prefers-color-scheme: dark)").addEventListener("change", paintAll);

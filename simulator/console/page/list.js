@@ -35,8 +35,9 @@ export class NewestFirst {
         this.#rows.delete(entry);
     }
 
-    oldest(wanted) {
-        return this.#entries.find(wanted);
+    /** The wanted entries, oldest first. */
+    all(wanted) {
+        return this.#entries.filter(wanted);
     }
 
     clear() {

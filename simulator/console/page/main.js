@@ -37,7 +37,8 @@ async function save() {
     if (saved) notify(`Saved ${saved.trace} and ${saved.session}`);
 }
 
-for (const start of [startPictures, startFigures, startFaults, startMessages, startCameras, startMetadata, startLog]) start();
+const panels = [startPictures, startFaults, startFigures, startMessages, startCameras, startMetadata, startLog];
+for (const start of panels) start();
 onState(takeState);
 byId("save").addEventListener("click", save);
 connect(tellConnection);

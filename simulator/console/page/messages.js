@@ -7,11 +7,13 @@ import { NewestFirst } from "./list.js";
 const kLanes = ["APP", "HAL", "CAMERA_SERVICE", "service"];
 const kCaptures = 200;  // of the captures' messages, so that they leave room for the others
 const kExamples = [
-    ["camera 0 is opened", '{"event":{"type":"cameraOpen","id":"0","isDesktop":true,"packageName":"org.example.desktop"}}'],
+    ["camera 0 is opened",
+        '{"event":{"type":"cameraOpen","id":"0","isDesktop":true,"packageName":"org.example.desktop"}}'],
     ["camera 0 is closed", '{"event":{"type":"cameraClosed","id":"0"}}'],
     ["another camera behind camera 0", '{"general":{"originalId":0,"overrideId":2}}'],
     ["which camera is open", '{"get":{"what":"overrideId","originalId":0,"clientName":"org.example.desktop"}}'],
-    ["filters of the metadata", '{"filter-requests":["android.control.aeMode"],"filter-results":["android.sensor.timestamp"]}'],
+    ["filters of the metadata",
+        '{"filter-requests":["android.control.aeMode"],"filter-results":["android.sensor.timestamp"]}'],
     ["no metadata", '{"filter-requests":[],"filter-results":[]}'],
     ["wrong: broken JSON", '{"get":'],
     ["wrong: nothing to get by that name", '{"get":{"what":"weather"}}'],
@@ -21,7 +23,6 @@ const kExamples = [
 
 const list = new NewestFirst(byId("message-list"), makeRow, isWanted);
 const unanswered = new Map();
-let captures = 0;
 
 function isWanted(entry) {
     const peer = byId("message-peer").value;
@@ -67,7 +68,8 @@ function unfold(details, entry) {
 function makeRow(entry) {
     const said = element("span", { className: "said" }, element("span", { className: "code" }, entry.text));
     if (entry.reply !== undefined) {
-        said.append(element("span", { className: `code quiet ${entry.failed ? "bad" : ""}` }, entry.reply || "(empty reply)"));
+        const className = `code ${entry.failed ? "bad" : "quiet"}`;
+        said.append(element("span", { className }, entry.reply || "(empty reply)"));
     }
     const summary = element("summary", {}, element("time", {}, seconds(entry.ts)), makeLanes(entry), said,
         element("span", { className: "took" }, entry.took === undefined ? "" : milliseconds(entry.took)));
@@ -79,11 +81,8 @@ function makeRow(entry) {
 
 function add(entry) {
     list.add(entry);
-    captures += entry.capture ? 1 : 0;
-    if (captures <= kCaptures) return;
-    const oldest = list.oldest((other) => other.capture);
-    if (oldest) list.remove(oldest);
-    captures = kCaptures;
+    const captures = entry.capture ? list.all((other) => other.capture) : [];
+    if (captures.length > kCaptures) list.remove(captures[0]);
 }
 
 function takeMessage(event) {
@@ -125,10 +124,10 @@ function takeLog(event) {
 function showAnswer() {
     const { ts, dur = 0, args } = asked.event;
     const during = (line) => line.ts >= ts && line.ts <= ts + dur + kLogMargin && "WEF".includes(line.args.priority);
-    const lines = logged.filter(during);
+    const text = ({ args: { priority, tag, text } }) => `${priority} ${tag}: ${text}`;
     byId("command-answer").replaceChildren(
-        element("p", {}, `${args.ok ? "Reply" : "Error"}: `, element("b", { className: "code" }, args.reply || "(empty)")),
-        ...lines.map((line) => element("p", { className: "code bad" }, `${line.args.priority} ${line.args.tag}: ${line.args.text}`)));
+        element("p", {}, args.ok ? "Reply: " : "Error: ", element("b", { className: "code" }, args.reply || "(empty)")),
+        ...logged.filter(during).map((line) => element("p", { className: "code bad" }, text(line))));
 }
 
 async function send(event) {
@@ -154,7 +153,7 @@ export function startMessages() {
     onReset(() => {
         list.clear();
         unanswered.clear();
-        captures = logged.length = 0;
+        logged.length = 0;
         asked = null;
         byId("command-answer").textContent = "";
     });

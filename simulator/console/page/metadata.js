@@ -76,7 +76,8 @@ function showValues() {
             if (made[kind].box.checked !== chosen[kind].has(name)) made[kind].box.checked = chosen[kind].has(name);
         }
     }
-    setText(byId("tag-count"), `${chosen.request.size} of requests, ${chosen.result.size} of results, ${rows.size} tags`);
+    const { request, result } = chosen;
+    setText(byId("tag-count"), `${request.size} of requests, ${result.size} of results, ${rows.size} tags`);
 }
 
 function showTags() {

@@ -100,7 +100,8 @@ function takeReplacement(event) {
 function showMissing() {
     const isMissing = missing.has(chosenStream());
     byId("replaced-figure").classList.toggle("missing", isMissing);
-    setText(byId("replaced-note"), isMissing ? "no replacement comes" : replay ? "a saved session has no pictures" : "");
+    const note = replay ? "a saved session has no pictures" : isMissing ? "no replacement comes" : "";
+    setText(byId("replaced-note"), note);
 }
 
 function choose(select, value) {
