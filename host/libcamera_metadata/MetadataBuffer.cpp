@@ -272,6 +272,13 @@ int find_camera_metadata_ro_entry(const camera_metadata_t* src, uint32_t tag,
     return find(src, tag, entry);
 }
 
+int get_camera_metadata_ro_entry(const camera_metadata_t* src, size_t index,
+                                 camera_metadata_ro_entry_t* entry) {
+    if (src == nullptr || entry == nullptr || index >= src->entryCount) return kError;
+    describe(src, entriesOf(src)[index], entry);
+    return kOk;
+}
+
 int update_camera_metadata_entry(camera_metadata_t* dst, size_t index, const void* data, size_t data_count,
                                  camera_metadata_entry_t* updated_entry) {
     if (dst == nullptr || index >= dst->entryCount) return kError;

@@ -3,9 +3,11 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "EventWriter.h"
 #include "FrameBuffer.h"
 #include "FrameHeader.h"
 #include "Program.h"
+#include "Timeline.h"
 
 namespace vel::sim {
 
@@ -44,10 +46,7 @@ class Substitution::Waker : public android::ConsumerBase::FrameAvailableListener
 };
 
 Substitution::Substitution(const FrameConfiguration& configuration, const sp<HidlProducer>& reader)
-    : mConfiguration(configuration),
-      mFilter(configuration.effect, configuration.size),
-      mReplacements(reader),
-      mWaker(new Waker) {
+    : mConfiguration(configuration), mEffect(configuration.effect), mReplacements(reader), mWaker(new Waker) {
     mQueue.consumer->setFrameAvailableListener(mWaker);
     mThread = std::thread([this] { run(); });
 }
@@ -80,6 +79,7 @@ void Substitution::replace(const BufferItem& item) {
         lose("it has another size");
         return;
     }
+    const int64_t startNs = steadyNowNs();
     const uint64_t memory = memoryIdentity(*item.mGraphicBuffer);
     const bool sent = mReplacements.send(
         rowBytes, item.mTimestamp,
@@ -89,6 +89,15 @@ void Substitution::replace(const BufferItem& item) {
     } else {
         lose("the HAL takes no replacement: status " + std::to_string(mReplacements.status()));
     }
+    if (events::areWanted()) tell(readFrameHeader(captured.data(), mConfiguration.size), startNs);
+}
+
+void Substitution::tell(const FrameHeader& header, int64_t startNs) {
+    if (header.stream > 3) return;  // the HAL may send anything
+    const Track track = streamTrack(header.stream);
+    events::flowStep(track, "frame", "frame", flowIdOf(header), startNs);
+    events::slice(track, "frame", "process", startNs, steadyNowNs(),
+                  JsonObject().add("frame", header.counter));
 }
 
 void Substitution::process(const uint8_t* captured, uint64_t capturedMemory,
@@ -96,7 +105,10 @@ void Substitution::process(const uint8_t* captured, uint64_t capturedMemory,
     const FrameSize size = mConfiguration.size;
     const MappedBuffer mapped(replacement, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
     if (mapped.data() == nullptr) return;
-    mFilter.apply(ConstFrameView(captured, size), FrameView(mapped.data(), size));
+    const Effect effect = mEffect;
+    if (mFilter == nullptr || mFilter->effect() != effect)
+        mFilter = std::make_unique<EffectFilter>(effect, size);
+    mFilter->apply(ConstFrameView(captured, size), FrameView(mapped.data(), size));
     copyFrameHeader(captured, mapped.data(), size);
     FrameHeader header = readFrameHeader(captured, size);
     if (header.memory != capturedMemory) ++header.copiesMade;

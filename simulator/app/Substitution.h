@@ -2,12 +2,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "ConsumerQueue.h"
 #include "Effects.h"
 #include "FrameConfiguration.h"
+#include "FrameHeader.h"
 #include "ReplacementQueue.h"
 
 namespace vel::sim {
@@ -25,6 +27,8 @@ class Substitution {
     const ConsumerQueue& queue() const { return mQueue; }
     /** Whether the HAL's reader took the connection. Before the first frame only. */
     android::status_t status() const { return mReplacements.status(); }
+    /** Of the frames from then on. Any thread. */
+    void setEffect(Effect effect) { mEffect = effect; }
     /** So far. Any thread. */
     uint64_t replaced() const { return mReplaced; }
     uint64_t lost() const { return mLost; }
@@ -36,10 +40,12 @@ class Substitution {
     void replace(const android::BufferItem& item);
     void process(const uint8_t* captured, uint64_t capturedMemory,
                  const android::sp<android::GraphicBuffer>& replacement);
+    static void tell(const FrameHeader& header, int64_t startNs);
     void lose(const std::string& why);
 
     const FrameConfiguration mConfiguration;
-    EffectFilter mFilter;
+    std::atomic<Effect> mEffect;
+    std::unique_ptr<EffectFilter> mFilter;  // the thread's
     ReplacementQueue mReplacements;
     const ConsumerQueue mQueue;
     const android::sp<Waker> mWaker;

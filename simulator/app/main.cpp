@@ -8,12 +8,14 @@
 #include <vector>
 
 #include "CaptureAnswers.h"
+#include "EventWriter.h"
 #include "FrameProcessor.h"
 #include "Program.h"
 #include "ServiceClient.h"
 
 namespace {
 
+using vel::sim::CaptureAnswers;
 using vel::sim::FrameProcessor;
 using vel::sim::ServiceClient;
 using ClientType = ServiceClient::ClientType;
@@ -33,6 +35,10 @@ constexpr char kInputLines[] =
     "      configures image substitution and processes its frames; with hold it keeps those\n"
     "      after that number\n"
     "  frames end\n"
+    "  effect tint|mirror|blur|none\n"
+    "      from the next frame on\n"
+    "  answer {...}\n"
+    "      answers every capture by these tags from then on; answer {} by nothing\n"
     "  help";
 
 struct Options {
@@ -46,10 +52,12 @@ struct Options {
     bool quiet = false;
 };
 
-// Sends one command and prints its reply; false when it could not be delivered.
-bool sendAndPrint(ServiceClient& client, const Options& options, const std::string& command) {
+// Sends one command, prints its reply and notes it; false when it could not be delivered.
+bool sendAndPrint(ServiceClient& client, const Options& options, const std::string& command,
+                  vel::sim::events::Command& traced) {
     const ServiceClient::Reply reply = client.send(options.to, command);
     vel::sim::printLine("%s %s", reply.ok ? "reply" : "error", reply.text.c_str());
+    traced.args().add("reply", reply.text);
     return reply.ok;
 }
 
@@ -91,26 +99,36 @@ bool waitForService(ServiceClient& client, const vel::sim::EndSignals& signals) 
 }
 
 // Carries out a line of standard input; false when that cannot be done.
-bool execute(const std::string& line, ServiceClient& client, FrameProcessor& frames, const Options& options) {
-    if (line.empty() || vel::sim::answerHelp(line, kInputLines)) return true;
+bool execute(const std::string& line, ServiceClient& client, FrameProcessor& frames, CaptureAnswers& answers,
+             const Options& options, vel::sim::events::Command& traced) {
+    if (vel::sim::answerHelp(line, kInputLines)) return true;
+    if (CaptureAnswers::isCommand(line)) return answers.execute(line);
     if (FrameProcessor::isCommand(line)) return frames.execute(line);
     // A word is a mistake of whoever types; broken JSON is sent, as the HAL may be asked to cope with it.
     if (std::isalpha(static_cast<unsigned char>(line.front())) == 0)
-        return sendAndPrint(client, options, line);
+        return sendAndPrint(client, options, line, traced);
     vel::sim::refuseLine(line);
     return false;
 }
 
-bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options,
+bool sendAll(ServiceClient& client, FrameProcessor& frames, CaptureAnswers& answers, const Options& options,
              vel::sim::EndSignals& signals) {
     bool allSent = true;
+    const auto carryOut = [&](const std::string& line, bool isInput) {
+        vel::sim::events::Command traced(vel::sim::Track::COMMANDS, line);
+        const bool isWell = isInput ? execute(line, client, frames, answers, options, traced)
+                                    : sendAndPrint(client, options, line, traced);
+        traced.args().add("ok", isWell);
+        allSent = isWell && allSent;
+    };
     for (const std::string& command : options.commands) {
         if (command != "-") {
-            allSent = sendAndPrint(client, options, command) && allSent;
+            carryOut(command, false);
             continue;
         }
-        for (std::string line; signals.readLine(line);)
-            allSent = execute(line, client, frames, options) && allSent;
+        for (std::string line; signals.readLine(line);) {
+            if (!line.empty()) carryOut(line, true);
+        }
     }
     return allSent;
 }
@@ -118,7 +136,9 @@ bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& optio
 int run(const Options& options) {
     vel::sim::EndSignals signals;  // before any thread starts, so that all of them leave the signals alone
     vel::sim::endSoonAfter(signals);
+    const vel::sim::EventWriter events(options.common.eventsFd, vel::sim::Peer::APP);
 
+    CaptureAnswers answers(options.changeMetadata);
     std::atomic<ServiceClient*> link{nullptr};
     ServiceClient client(
         ClientType::CLIENT_APP,
@@ -127,16 +147,15 @@ int run(const Options& options) {
             for (const std::string& text : options.talkBack) {
                 if (ServiceClient* target = link.load()) (void)target->send(options.to, text);
             }
-            if (const auto capture = vel::sim::captureIn(command))
-                return options.changeMetadata ? vel::sim::changesOf(*capture) : "";
-            return options.reply;
+            const auto capture = vel::sim::captureIn(command);
+            return capture ? answers.to(*capture) : options.reply;
         },
         vel::sim::printLinkOf(options.common));
     link = &client;
 
     if (!waitForService(client, signals)) return 1;
     FrameProcessor frames(client);
-    const bool allSent = sendAll(client, frames, options, signals);
+    const bool allSent = sendAll(client, frames, answers, options, signals);
     if (options.stay || options.commands.empty()) signals.wait();
     return allSent ? 0 : 1;
 }

@@ -124,8 +124,8 @@ bool CameraServer::capture(uint32_t fwkId, uint32_t frames, uint32_t framesPerSe
     }
     Camera* const camera = entry->second.get();
     if (camera->captures == nullptr && !startCaptures(*camera)) return false;
-    camera->captures->tasks().post([this, camera, frames, framesPerSecond] {
-        CaptureSession(mHelper, camera->id, framesPerSecond, camera->end).run(frames);
+    camera->captures->tasks().post([this, fwkId, camera, frames, framesPerSecond] {
+        CaptureSession(mHelper, fwkId, camera->id, framesPerSecond, camera->end).run(frames);
     });
     return true;
 }

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "CaptureEvents.h"
+#include "EventWriter.h"
 #include "MetadataChanges.h"
 #include "Program.h"
 #include "Timeline.h"
@@ -29,9 +31,11 @@ bool holds(const CameraMetadata& buffer, const MetadataChange& change, uint32_t 
 
 }  // namespace
 
-CaptureSession::CaptureSession(VelChiDesktopHelper* helper, const std::atomic<uint32_t>& cameraId,
-                               uint32_t framesPerSecond, const StopSignal& stop)
+CaptureSession::CaptureSession(VelChiDesktopHelper* helper, uint32_t fwkId,
+                               const std::atomic<uint32_t>& cameraId, uint32_t framesPerSecond,
+                               const StopSignal& stop)
     : mHelper(helper),
+      mFwkId(fwkId),
       mCameraId(cameraId),
       mFramesPerSecond(framesPerSecond),
       mStop(stop),
@@ -60,6 +64,7 @@ void CaptureSession::captureFrame(uint32_t frame) {
 }
 
 void CaptureSession::exchange(CameraMetadata& buffer, uint32_t frame, bool isRequest) {
+    const CameraMetadata before(events::areWanted() ? clone_camera_metadata(buffer.get()) : nullptr);
     camera_metadata_t* current = buffer.get();
     DesktopCaptureMetadata capture;
     capture.metadata = &current;
@@ -68,11 +73,13 @@ void CaptureSession::exchange(CameraMetadata& buffer, uint32_t frame, bool isReq
 
     const int64_t startNs = steadyNowNs();
     mHelper->handleCaptureMetadata(capture, mCameraId);
-    const int64_t elapsedNs = steadyNowNs() - startNs;
-    mSecond.record(elapsedNs);
-    mAll.record(elapsedNs);
+    const int64_t endNs = steadyNowNs();
+    mSecond.record(endNs - startNs);
+    mAll.record(endNs - startNs);
 
     if (capture.isMetadataReplaced) buffer.reset(current);  // frees the one that was replaced
+    tellExchange(mFwkId, frame, isRequest, startNs, endNs);
+    tellChanges(mFwkId, frame, isRequest, before.get(), buffer.get());
     countChanges(buffer, frame, isRequest);
 }
 
@@ -87,6 +94,7 @@ void CaptureSession::printSecond(uint32_t lastFrame) {
     printLine("second %u: %llu exchanges, median %.0f us, p99 %.0f us", lastFrame / mFramesPerSecond + 1,
               static_cast<unsigned long long>(mSecond.count()), microseconds(mSecond, 50),
               microseconds(mSecond, 99));
+    tellExchangeTimes(mSecond);
     mSecond = LatencyStats();
 }
 
@@ -96,6 +104,7 @@ void CaptureSession::printClosing(uint32_t frames) const {
         printLine("%-7s %-38s expected %3u, taken %3u", change.isRequest ? "request" : "result", change.name,
                   change.countAmong(frames), mTaken[i]);
     }
+    tellCapturesEnd(mFwkId, frames, mAll);
     printLine("captured %u frames: %llu exchanges, median %.0f us, p99 %.0f us", frames,
               static_cast<unsigned long long>(mAll.count()), microseconds(mAll, 50), microseconds(mAll, 99));
 }

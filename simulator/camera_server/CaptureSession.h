@@ -18,8 +18,8 @@ namespace vel::sim {
  */
 class CaptureSession {
   public:
-    /** cameraId: the camera that is open, which a restart may change meanwhile. */
-    CaptureSession(VelChiDesktopHelper* helper, const std::atomic<uint32_t>& cameraId,
+    /** fwkId: the framework camera; cameraId: what is open for it, which a restart may change meanwhile. */
+    CaptureSession(VelChiDesktopHelper* helper, uint32_t fwkId, const std::atomic<uint32_t>& cameraId,
                    uint32_t framesPerSecond, const StopSignal& stop);
 
     /**
@@ -37,6 +37,7 @@ class CaptureSession {
     void printClosing(uint32_t frames) const;
 
     VelChiDesktopHelper* const mHelper;
+    const uint32_t mFwkId;
     const std::atomic<uint32_t>& mCameraId;
     const uint32_t mFramesPerSecond;
     const StopSignal& mStop;

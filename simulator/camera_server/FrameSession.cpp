@@ -9,6 +9,8 @@
 #include <system_error>
 #include <thread>
 
+#include "EventWriter.h"
+#include "FrameEvents.h"
 #include "PictureTap.h"
 #include "PreviewFeed.h"
 #include "Program.h"
@@ -51,6 +53,13 @@ void printProgress(const Streams& streams, bool isWaitingForInput) {
               isWaitingForInput ? ", waiting for input" : "");
 }
 
+void tellFigures(const Streams& streams) {
+    if (!events::areWanted()) return;
+    for (size_t index = 0; index < streams.size(); ++index)
+        tellSecond(static_cast<uint32_t>(index), streams[index]->counts(),
+                   streams[index]->takeRecentLatency());
+}
+
 void printTable(const Streams& streams, uint64_t previewFrames) {
     printLine(
         "stream     sent  in time  repeated   late  dropped  copies   p50 ms   p90 ms   p99 ms   max ms");
@@ -84,11 +93,14 @@ void FrameSession::run() {
     } catch (const std::exception& error) {
         fail(error.what());
     }
+    const FrameSize size = mSource != nullptr ? mSource->size() : mSetup.size;
     mOutput.reset();
     mSource.reset();
     std::lock_guard<std::mutex> lock(mLock);
+    const std::string outcome = mProblem.empty() ? "well" : mProblem;
+    tellFramesEnd(outcome, size, mStreams, mPreviewFrames);
     mIsOver = true;  // first: who reads the line may start the next frames
-    printLine("frames ended: %s", mProblem.empty() ? "well" : mProblem.c_str());
+    printLine("frames ended: %s", outcome.c_str());
 }
 
 void FrameSession::stop(bool isAborted) {
@@ -106,6 +118,7 @@ void FrameSession::play() {
     makeStreams();
     printLine("frames of %dx%d ready, %d streams", mSource->size().width, mSource->size().height,
               mSetup.streams);
+    tellFramesBegin(mSource->size(), mStreams.size(), mSource->fps());
     mHelper->sendImgSubHalReadyToApp();
 
     PreviewFeed preview(mHelper, mStreamsEnd);
@@ -113,7 +126,8 @@ void FrameSession::play() {
     preview.join();
     mHelper->disconnectProducer();
     mHelper->ImgSubNodeDisconnect();
-    printTable(mStreams, preview.frames());
+    mPreviewFrames = preview.frames();
+    printTable(mStreams, mPreviewFrames);
     judge();
     finishFiles();
 }
@@ -137,7 +151,7 @@ FrameStream::Setup FrameSession::streamSetup(uint32_t index) {
     setup.size = mSource->size();
     setup.stream = index;
     setup.count = static_cast<uint32_t>(mSetup.count);
-    setup.fps = mSource->isVideo() ? 0 : mSetup.fps;
+    setup.fps = mSource->fps();
     setup.isLossless = mSetup.isLossless();
     setup.hasCounters = !mSource->isVideo();
     setup.draw = mSource->drawing(index);
@@ -158,10 +172,13 @@ void FrameSession::streamToTheEnd() {
         }
     }
     for (auto next = StopSignal::Clock::now() + kReportEvery; mStreamsEnd.waitUntil(next);
-         next += kReportEvery)
+         next += kReportEvery) {
         printProgress(mStreams, mSource->isWaiting());
+        tellFigures(mStreams);
+    }
     for (std::thread& thread : threads)
         thread.join();
+    tellFigures(mStreams);
 }
 
 void FrameSession::runStream(FrameStream& stream) {

@@ -62,6 +62,7 @@ class FrameSession {
     std::unique_ptr<PictureSource> mSource;
     std::unique_ptr<OutputFile> mOutput;
     std::vector<std::unique_ptr<FrameStream>> mStreams;
+    uint64_t mPreviewFrames = 0;
     StopSignal mStop;        // ends the streams
     StopSignal mStreamsEnd;  // the streams have ended
     std::atomic<size_t> mRunning{0};

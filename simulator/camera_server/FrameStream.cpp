@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "EventWriter.h"
 #include "FrameBuffer.h"
 #include "FrameCounter.h"
 #include "Program.h"
@@ -44,7 +45,7 @@ FrameCounts& FrameCounts::operator+=(const FrameCounts& other) {
 }
 
 FrameStream::FrameStream(VelChiDesktopHelper* helper, Setup setup, const StopSignal& stop)
-    : mHelper(helper), mSetup(std::move(setup)), mStop(stop), mPicture(mSetup.size) {}
+    : mHelper(helper), mSetup(std::move(setup)), mStop(stop), mPicture(mSetup.size), mEvents(mSetup.stream) {}
 
 FrameCounts FrameStream::counts() const {
     std::lock_guard<std::mutex> lock(mLock);
@@ -54,6 +55,11 @@ FrameCounts FrameStream::counts() const {
 void FrameStream::count(uint64_t FrameCounts::*field, uint64_t add) {
     std::lock_guard<std::mutex> lock(mLock);
     mCounts.*field += add;
+}
+
+LatencyStats FrameStream::takeRecentLatency() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return std::exchange(mRecentLatency, {});
 }
 
 void FrameStream::run() {
@@ -71,13 +77,18 @@ StopSignal::Clock::time_point FrameStream::due() const {
     return mStart + std::chrono::nanoseconds(static_cast<int64_t>(1e9 * mCounter / mSetup.fps));
 }
 
+bool FrameStream::draw() {
+    mCaptureStartNs = steadyNowNs();
+    return mSetup.draw(mCounter, mPicture.view());
+}
+
 void FrameStream::runLive() {
     if (!sendFirst()) return;
     while (mSetup.count == 0 || mCounter < mSetup.count) {
         if (!mStop.waitUntil(due())) return;
         skipMissed();
         const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
-        if (!mSetup.draw(mCounter, mPicture.view())) return;
+        if (!draw()) return;
         if (helper != nullptr && send(*helper)) {
             exchange(*helper);
         } else {
@@ -91,7 +102,7 @@ void FrameStream::runLive() {
 // The clock starts with the first frame that the application takes.
 bool FrameStream::sendFirst() {
     const auto limit = StopSignal::Clock::now() + kApplicationLimit;
-    if (!mSetup.draw(mCounter, mPicture.view())) return false;
+    if (!draw()) return false;
     for (;;) {
         const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
         mStart = StopSignal::Clock::now();
@@ -102,6 +113,7 @@ bool FrameStream::sendFirst() {
         }
         if (mStart > limit) throw std::runtime_error("no application took a frame");
         if (!mStop.waitFor(kRetryPause)) return false;
+        mCaptureStartNs = steadyNowNs();
     }
 }
 
@@ -129,10 +141,12 @@ bool FrameStream::send(VelImgSubHelper& helper) {
     }
     helper.imgSubQueueOutputFrame(mSetup.stream, mHeader.captureNs);
     count(&FrameCounts::sent);
+    mEvents.sent(mHeader, mCaptureStartNs);
     return true;
 }
 
 void FrameStream::exchange(VelImgSubHelper& helper) {
+    const int64_t startNs = steadyNowNs();
     Taken taken = take(helper);
     // Behind a replacement that came late there may be newer ones.
     while (taken.outcome == Outcome::LATE && !mStop.isSet()) {
@@ -144,13 +158,14 @@ void FrameStream::exchange(VelImgSubHelper& helper) {
           : taken.outcome == Outcome::LATE     ? &FrameCounts::late
           : taken.outcome == Outcome::REPEATED ? &FrameCounts::repeated
                                                : &FrameCounts::dropped);
+    mEvents.waited(mCounter, startNs, nameOf(taken.outcome));
     deliver(taken);
     noteChange(taken.outcome);
 }
 
 void FrameStream::runLossless() {
     while (mSetup.count == 0 || mCounter < mSetup.count) {
-        if (!mStop.waitUntil(due()) || !mSetup.draw(mCounter, mPicture.view())) return;
+        if (!mStop.waitUntil(due()) || !draw()) return;
         if (!exchangeWithoutLoss()) return;
         ++mCounter;
     }
@@ -167,12 +182,14 @@ bool FrameStream::exchangeWithoutLoss() {
                                      std::to_string(mSetup.stream) + " came");
         }
         (void)mStop.waitFor(kRetryPause);
+        mCaptureStartNs = steadyNowNs();
     }
     return false;
 }
 
 // False when the frame should be sent again: the application was replaced, or lost it.
 bool FrameStream::awaitReplacement(const std::shared_ptr<VelImgSubHelper>& helper) {
+    const int64_t startNs = steadyNowNs();
     const auto limit = StopSignal::Clock::now() + kSendAgainAfter;
     while (!mStop.isSet() && StopSignal::Clock::now() < limit &&
            std::atomic_load(&mHelper->mImgSubHelper) == helper) {
@@ -180,11 +197,13 @@ bool FrameStream::awaitReplacement(const std::shared_ptr<VelImgSubHelper>& helpe
         noteChange(taken.outcome);
         if (taken.outcome == Outcome::REPLACED) {
             count(&FrameCounts::replaced);
+            mEvents.waited(mCounter, startNs, nameOf(taken.outcome));
             deliver(taken);
             return true;
         }
         if (taken.outcome == Outcome::NONE) (void)mStop.waitFor(kRetryPause);
     }
+    mEvents.waited(mCounter, startNs, nameOf(Outcome::NONE));
     return false;
 }
 
@@ -197,10 +216,33 @@ FrameStream::Taken FrameStream::take(VelImgSubHelper& helper) {
     if (taken.mapped->data() == nullptr) return taken;
     taken.header = readFrameHeader(taken.mapped->data(), mSetup.size);
     taken.outcome = judge(taken.header);
-    if (taken.outcome == Outcome::REPLACED) mLatency.record(steadyNowNs() - mHeader.captureNs);
+    if (taken.outcome == Outcome::REPLACED) noteLatency();
+    if (taken.outcome != Outcome::REPEATED) mEvents.replaced(taken.header);
     if (taken.outcome != Outcome::REPEATED) examine(taken);
     mLastOutputNs = taken.header.captureNs;
     return taken;
+}
+
+void FrameStream::noteLatency() {
+    const int64_t latencyNs = steadyNowNs() - mHeader.captureNs;
+    mLatency.record(latencyNs);
+    if (!events::areWanted()) return;
+    std::lock_guard<std::mutex> lock(mLock);
+    mRecentLatency.record(latencyNs);
+}
+
+const char* FrameStream::nameOf(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::REPLACED:
+            return "replaced";
+        case Outcome::LATE:
+            return "late";
+        case Outcome::REPEATED:
+            return "repeated";
+        case Outcome::NONE:
+            break;
+    }
+    return "dropped";
 }
 
 FrameStream::Outcome FrameStream::judge(const FrameHeader& header) const {
@@ -231,6 +273,7 @@ void FrameStream::noteChange(Outcome outcome) {
     const bool isReplacing = outcome == Outcome::REPLACED || outcome == Outcome::LATE;
     if (isReplacing == mIsReplacing) return;
     mIsReplacing = isReplacing;
+    mEvents.changed(mCounter, isReplacing);
     printLine("stream %u: replacements %s frame %u", mSetup.stream, isReplacing ? "are back with" : "stop at",
               mCounter);
 }

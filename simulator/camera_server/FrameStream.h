@@ -10,6 +10,7 @@
 #include "FrameView.h"
 #include "LatencyStats.h"
 #include "StopSignal.h"
+#include "StreamEvents.h"
 
 class VelChiDesktopHelper;
 class VelImgSubHelper;
@@ -70,6 +71,8 @@ class FrameStream {
     FrameCounts counts() const;
     /** From capture to replacement. Once run() has returned. */
     const LatencyStats& latency() const { return mLatency; }
+    /** Those of the time since the last call, while events are wanted; any thread may call. */
+    LatencyStats takeRecentLatency();
 
   private:
     enum class Outcome { REPLACED, LATE, REPEATED, NONE };
@@ -79,6 +82,7 @@ class FrameStream {
 
     void runLive();
     void runLossless();
+    bool draw();
     bool sendFirst();
     void skipMissed();
     void exchange(VelImgSubHelper& helper);
@@ -86,10 +90,12 @@ class FrameStream {
     bool awaitReplacement(const std::shared_ptr<VelImgSubHelper>& helper);
     bool send(VelImgSubHelper& helper);
     Taken take(VelImgSubHelper& helper);
+    static const char* nameOf(Outcome outcome);
     Outcome judge(const FrameHeader& header) const;
     void deliver(const Taken& taken);
     void examine(const Taken& taken);
     void count(uint64_t FrameCounts::*field, uint64_t add = 1);
+    void noteLatency();
     void noteChange(Outcome outcome);
     StopSignal::Clock::time_point due() const;
 
@@ -98,13 +104,16 @@ class FrameStream {
     const StopSignal& mStop;
     Frame mPicture;  // the frame that is under way
     uint32_t mCounter = 0;
-    FrameHeader mHeader;  // of the frame that is under way
+    FrameHeader mHeader;          // of the frame that is under way
+    int64_t mCaptureStartNs = 0;  // of the same, steady clock
     StopSignal::Clock::time_point mStart;
     int64_t mLastOutputNs = -1;  // capture time of the last output
     bool mIsReplacing = true;
     LatencyStats mLatency;
+    StreamEvents mEvents;
     mutable std::mutex mLock;
-    FrameCounts mCounts;  // guarded by mLock
+    FrameCounts mCounts;          // guarded by mLock
+    LatencyStats mRecentLatency;  // guarded by mLock
 };
 
 }  // namespace vel::sim

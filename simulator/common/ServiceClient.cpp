@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "DesktopBusNames.h"
+#include "EventWriter.h"
 #include "Timeline.h"
 
 using android::sp;
@@ -152,6 +153,7 @@ ServiceClient::StateListener printLinkOf(const CommonOptions& options) {
         const auto originNs = connected && follows ? serviceTimeOrigin() : std::nullopt;
         if (originNs) setTimeOrigin(*originNs);
         printLine(connected ? "registered" : "service lost");
+        events::instant(Track::LINK, "link", connected ? "link up" : "link down", {});
     };
 }
 

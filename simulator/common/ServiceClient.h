@@ -67,7 +67,8 @@ class ServiceClient {
 };
 
 /**
- * What a program does when its link changes: prints "registered" or "service lost". Unless the options told
+ * What a program does when its link changes: prints "registered" or "service lost" and tells it as an event.
+ * Unless the options told
  * where printed times begin, they count from the start of the service from then on; asks it, for at most a
  * second.
  */

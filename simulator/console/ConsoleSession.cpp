@@ -10,6 +10,7 @@
 #include <random>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "JsonObject.h"
 #include "ParsedEvent.h"
@@ -107,14 +108,16 @@ void ConsoleSession::startPeer(const std::string& peer) {
 }
 
 void ConsoleSession::onLine(const std::string& peer, const std::string& line) {
-    // Opened without the library's link, the camera would be another one.
-    if (peer == "service" && !mIsHalThere && line.find("HAL registered") != std::string::npos) {
-        mIsHalThere = true;
-        send("camera_server", "open 0");
-        mFrames.begin();
-    }
+    if (peer == "service" && line.find("HAL registered") != std::string::npos) onHalThere();
     if (peer == "camera_server") onCameraLine(line);
     if (peer == "app") mFrames.onAppLine(line);
+}
+
+void ConsoleSession::onHalThere() {
+    mFrames.setHalThere(true);
+    if (std::exchange(mIsBegun, true)) return;
+    send("camera_server", "open 0");  // opened without the library's link, it would be another camera
+    mFrames.begin();
 }
 
 // A camera that is opened captures, so that there is metadata to see.
@@ -136,11 +139,16 @@ void ConsoleSession::tick() {
 void ConsoleSession::noteEnds() {
     for (const auto& [peer, state] : std::map<std::string, std::string>(mPeerStates)) {
         if (state == "ended" || !mPeers->exitCode(peer)) continue;
-        setPeerState(peer, "ended");
         tellFault(peer, "ended", "end");
-        if (peer == "app") mFrames.onAppGone();
-        if (peer == "camera_server") mFrames.onCameraGone();
+        noteEnd(peer);
     }
+}
+
+void ConsoleSession::noteEnd(const std::string& peer) {
+    setPeerState(peer, "ended");
+    if (peer == "app") mFrames.onAppGone();
+    if (peer == "camera_server") mFrames.onCameraGone();
+    if (peer == "service") mFrames.setHalThere(false);
 }
 
 // False when the peer takes no line now: it has ended, or was stopped long ago.
@@ -206,9 +214,8 @@ ConsoleServer::Answer ConsoleSession::doFault(const ConsoleRequest& request) {
     }
     if (runs) {
         mPeers->killAndWait(peer);
-        setPeerState(peer, "ended");
         tellFault(peer, "killed", action);
-        if (peer == "app") mFrames.onAppGone();
+        noteEnd(peer);
     }
     if (action == "restart") {
         startPeer(peer);

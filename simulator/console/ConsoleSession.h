@@ -55,10 +55,11 @@ class ConsoleSession {
 
     void startPeers();
     void startPeer(const std::string& peer);
-    void startCameraServer();
     void onLine(const std::string& peer, const std::string& line);
+    void onHalThere();
     void onCameraLine(const std::string& line);
     void noteEnds();
+    void noteEnd(const std::string& peer);
     bool send(const std::string& peer, const std::string& line);
     void tellFault(const std::string& peer, const std::string& what, const std::string& action);
     void setPeerState(const std::string& peer, const std::string& state);
@@ -76,7 +77,7 @@ class ConsoleSession {
     std::map<std::string, std::string> mPeerStates;
     FrameKeeper mFrames;
     std::set<std::string> mCapturing;  // cameras, by framework id
-    bool mIsHalThere = false;
+    bool mIsBegun = false;
     TaskThread mThread;  // starts the peers, which end with it; last: it uses the members above
 };
 

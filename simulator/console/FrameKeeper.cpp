@@ -47,6 +47,11 @@ void FrameKeeper::change(const ConsoleRequest& request) {
     begin();
 }
 
+void FrameKeeper::setHalThere(bool isThere) {
+    mIsHalThere = isThere;
+    if (isThere) step();
+}
+
 void FrameKeeper::onCameraLine(const std::string& line) {
     static const std::string ready = "frames of ";
     const std::string said = saying(line);
@@ -104,7 +109,8 @@ bool FrameKeeper::isRefusal(const std::string& said) const {
 void FrameKeeper::step() {
     if (Clock::now() < mNotBefore) return;
     if (mIsKept && !mIsRunning) beginFrames();
-    if (!mReadySize.empty() && mIsAppThere && mConfigured == Configured::NO) configureApp();
+    const bool isAwaited = !mReadySize.empty() && mConfigured == Configured::NO;
+    if (isAwaited && mIsHalThere && mIsAppThere) configureApp();
 }
 
 void FrameKeeper::beginFrames() {

@@ -38,6 +38,8 @@ class FrameKeeper {
     /** Somebody gives the camera server a command of frames. */
     void leaveToHand() { mIsKept = false; }
 
+    /** The library is there for the application, or not while there is no service. */
+    void setHalThere(bool isThere);
     void onCameraLine(const std::string& line);
     void onAppLine(const std::string& line);
     /** Another application is started, or the application was lost. */
@@ -59,6 +61,7 @@ class FrameKeeper {
     bool mIsKept = false;
     bool mIsRunning = false;
     std::string mReadySize;  // of the frames that wait for the application, or run; empty for none
+    bool mIsHalThere = false;
     bool mIsAppThere = false;
     Configured mConfigured = Configured::NO;
     Clock::time_point mNotBefore;  // of the next attempt

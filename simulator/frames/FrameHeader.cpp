@@ -56,6 +56,11 @@ FrameHeader readFrameHeader(const uint8_t* row, FrameSize size) {
     return header;
 }
 
+// No stream captures twice in a nanosecond.
+uint64_t flowIdOf(const FrameHeader& header) {
+    return static_cast<uint64_t>(header.captureNs) << 2 | (header.stream & 3);
+}
+
 void copyFrameHeader(const uint8_t* from, uint8_t* to, FrameSize size) {
     std::memcpy(to + blockStart(size), from + blockStart(size), kBlockBytes);
 }

@@ -31,6 +31,8 @@ struct FrameHeader {
 /** The block of a row of frameRowBytes() bytes. */
 void writeFrameHeader(uint8_t* row, FrameSize size, const FrameHeader& header);
 FrameHeader readFrameHeader(const uint8_t* row, FrameSize size);
+/** Names the frame in a trace, in each of the programs that it comes by. */
+uint64_t flowIdOf(const FrameHeader& header);
 /** Takes the whole block over. */
 void copyFrameHeader(const uint8_t* from, uint8_t* to, FrameSize size);
 

@@ -127,20 +127,21 @@ void DesktopService::registerCallback(sdbus::MethodCall& call) {
 
 void DesktopService::sendCommand(sdbus::MethodCall& call) {
     const uint8_t type = readType(call);
-    if (mTrace.enabled()) {
-        mTrace.message(nameOf(call.getSender()), typeName(type), peekText(call));
+    TracedCommand traced;
+    if (mTrace.wantsCommands()) {
+        traced = mTrace.command(nameOf(call.getSender()), typeName(type), peekText(call));
         (void)readType(call);  // peeking has gone back to the beginning
     }
     const std::string sender = call.getSender();
     if (const auto count = mUnderWay.find(sender);
         count != mUnderWay.end() && count->second == kMaxUnderWay) {
-        refuse(call, type,
+        refuse(call, traced,
                sdbus::Error(bus::kErrorLimitsExceeded, "too many commands wait for their answers"));
         return;
     }
     const InterfaceObject receiver = newestOf(type);
     if (receiver.isNull()) {
-        refuse(call, type,
+        refuse(call, traced,
                sdbus::Error(bus::kErrorNoPeer, typeName(type) + " has not registered a callback"));
         return;
     }
@@ -148,31 +149,31 @@ void DesktopService::sendCommand(sdbus::MethodCall& call) {
     mCalls.begin(
         receiver, bus::kCallbackInterface, bus::kOnCommand,
         [&call](sdbus::MethodCall& onCommand) { call.copyTo(onCommand, false); },
-        [this, call, type, receiver](sdbus::MethodReply* reply, const sdbus::Error* error) {
+        [this, call, type, traced, receiver](sdbus::MethodReply* reply, const sdbus::Error* error) {
             const auto count = mUnderWay.find(call.getSender());
             if (--count->second == 0) mUnderWay.erase(count);
-            answerCommand(call, type, receiver, reply, error);
+            answerCommand(call, type, traced, receiver, reply, error);
         });
 }
 
 void DesktopService::answerCommand(const sdbus::MethodCall& command, uint8_t type,
-                                   const InterfaceObject& receiver, sdbus::MethodReply* reply,
-                                   const sdbus::Error* error) try {
+                                   const TracedCommand& traced, const InterfaceObject& receiver,
+                                   sdbus::MethodReply* reply, const sdbus::Error* error) try {
     if (error != nullptr) {
         // Under a name of this service: a bus error would read as the death of the service itself.
         const bool registered = isRegistered(type, receiver.busName);
-        refuse(command, type,
+        refuse(command, traced,
                sdbus::Error(registered ? bus::kErrorPeerFailed : bus::kErrorNoPeer,
                             typeName(type) + (registered ? " failed: " : " went before it replied: ") +
                                 error->getName() + ": " + error->getMessage()));
         return;
     }
-    if (mTrace.enabled()) mTrace.reply(typeName(type), nameOf(command.getSender()), peekText(*reply));
+    if (mTrace.wantsCommands()) mTrace.reply(traced, peekText(*reply));
     sdbus::MethodReply answer = command.createReply();
     reply->copyTo(answer, false);
     answer.send();
 } catch (const std::exception& exception) {
-    refuse(command, type, sdbus::Error(bus::kErrorPeerFailed, typeName(type) + ": " + exception.what()));
+    refuse(command, traced, sdbus::Error(bus::kErrorPeerFailed, typeName(type) + ": " + exception.what()));
 }
 
 void DesktopService::setSurface(sdbus::MethodCall& call) {
@@ -244,8 +245,9 @@ void DesktopService::traceRestored(uint8_t type, const InterfaceObject& newestBe
         mTrace.event(typeName(type) + " restored" + description(newest));
 }
 
-void DesktopService::refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error) try {
-    mTrace.error(typeName(type), nameOf(call.getSender()), error.getName() + ": " + error.getMessage());
+void DesktopService::refuse(const sdbus::MethodCall& call, const TracedCommand& traced,
+                            const sdbus::Error& error) try {
+    mTrace.error(traced, error.getName() + ": " + error.getMessage());
     call.createErrorReply(error).send();
 } catch (const std::exception& exception) {
     mTrace.event(std::string("SERVICE unanswered ") + exception.what());

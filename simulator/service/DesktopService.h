@@ -18,6 +18,7 @@ class MethodReply;
 }  // namespace sdbus
 
 class Trace;
+struct TracedCommand;
 
 /**
  * The desktop service: passes commands between the peers that have registered a callback, and keeps surfaces
@@ -51,8 +52,8 @@ class DesktopService {
 
     void registerCallback(sdbus::MethodCall& call);
     void sendCommand(sdbus::MethodCall& call);
-    void answerCommand(const sdbus::MethodCall& command, uint8_t type, const InterfaceObject& receiver,
-                       sdbus::MethodReply* reply, const sdbus::Error* error);
+    void answerCommand(const sdbus::MethodCall& command, uint8_t type, const TracedCommand& traced,
+                       const InterfaceObject& receiver, sdbus::MethodReply* reply, const sdbus::Error* error);
     void setSurface(sdbus::MethodCall& call);
     void getSurface(sdbus::MethodCall& call);
 
@@ -63,7 +64,7 @@ class DesktopService {
     /** Who gets the commands of a type; null when nobody does. */
     InterfaceObject newestOf(uint8_t type) const;
     void traceRestored(uint8_t type, const InterfaceObject& newestBefore) const;
-    void refuse(const sdbus::MethodCall& call, uint8_t type, const sdbus::Error& error);
+    void refuse(const sdbus::MethodCall& call, const TracedCommand& traced, const sdbus::Error& error);
     bool isRegistered(uint8_t type, const std::string& busName) const;
     bool isPeer(const std::string& busName) const;
     std::string nameOf(const std::string& busName) const;

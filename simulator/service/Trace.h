@@ -1,12 +1,18 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
-#include "Program.h"
-#include "Timeline.h"
+/** A command on its way, as the trace knows it. */
+struct TracedCommand {
+    std::string from;
+    std::string to;
+    uint64_t id = 0;
+};
 
 /**
- * The service's output: one flushed line for each thing that happens,
+ * What the service tells of each thing that happens: an event for whoever reads events, and, when enabled,
+ * one flushed line of output,
  *
  *   [   12.345 ms] <who> <what> <rest>
  *
@@ -18,24 +24,19 @@ class Trace {
     /** Disabled, only ready() prints. */
     explicit Trace(bool enabled) : mEnabled(enabled) {}
 
-    bool enabled() const { return mEnabled; }
+    /** Whether anybody wants to know of commands. */
+    bool wantsCommands() const;
 
-    void ready(const std::string& name) const { vel::sim::printStamped("SERVICE ready " + name); }
-    void message(const std::string& from, const std::string& to, const std::string& text) const {
-        print(from + " -> " + to + "   ", text);
-    }
-    void reply(const std::string& from, const std::string& to, const std::string& text) const {
-        print(from + " => " + to + "   reply ", text);
-    }
-    void error(const std::string& from, const std::string& to, const std::string& text) const {
-        print(from + " => " + to + "   error ", text);
-    }
-    void event(const std::string& text) const { print("", text); }
+    void ready(const std::string& name) const;
+    /** What reply() or error() is to be given for it. */
+    TracedCommand command(const std::string& from, const std::string& to, const std::string& text) const;
+    void reply(const TracedCommand& command, const std::string& text) const;
+    void error(const TracedCommand& command, const std::string& text) const;
+    void event(const std::string& text) const;
 
   private:
-    void print(const std::string& head, const std::string& text) const {
-        if (mEnabled) vel::sim::printStamped(head + vel::sim::printable(text));
-    }
+    void print(const std::string& head, const std::string& text) const;
+    void end(const TracedCommand& command, const char* what, const std::string& text) const;
 
     const bool mEnabled;
 };

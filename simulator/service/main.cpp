@@ -7,6 +7,7 @@
 
 #include "AsyncCalls.h"
 #include "DesktopService.h"
+#include "EventWriter.h"
 #include "Program.h"
 #include "Trace.h"
 
@@ -27,9 +28,11 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
-int serve(const std::string& address, const Trace& trace) try {
+int serve(const Options& options) try {
     const vel::sim::EndSignals signals;
-    const auto connection = sdbus::createSessionBusConnectionWithAddress(address);
+    const vel::sim::EventWriter events(options.common.eventsFd, vel::sim::Peer::SERVICE);
+    const Trace trace(options.trace);
+    const auto connection = sdbus::createSessionBusConnectionWithAddress(options.common.bus);
     DesktopService service(*connection, trace);
     service.publish();
     while (!signals.arrived()) {
@@ -50,6 +53,6 @@ int main(int argc, char** argv) {
     if (const auto code = parse(argc, argv, options)) return *code;
     return vel::sim::runProgram("desktop_service", [&] {
         vel::sim::applyCommonOptions(options.common);
-        return serve(options.common.bus, Trace(options.trace));
+        return serve(options);
     });
 }

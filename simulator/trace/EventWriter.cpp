@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "FieldList.h"
 #include "Program.h"
 #include "StartThread.h"
 #include "Timeline.h"
@@ -171,7 +173,7 @@ bool areWanted() {
     return gAreWanted.load(std::memory_order_relaxed);
 }
 
-void slice(Track track, const char* category, const char* name, int64_t startNs, int64_t endNs,
+void slice(Track track, const char* category, const std::string& name, int64_t startNs, int64_t endNs,
            const JsonObject& args) {
     if (!areWanted()) return;
     TraceEvent event = eventNow('X', track, category, name, args);
@@ -208,6 +210,18 @@ void flowStep(Track track, const char* category, const char* name, uint64_t id, 
 
 void flowEnd(Track track, const char* category, const char* name, uint64_t id, int64_t timeNs) {
     addFlow('f', track, category, name, id, timeNs);
+}
+
+Command::Command(Track track, std::string line)
+    : mTrack(track), mLine(std::move(line)), mStartNs(steadyNowNs()) {
+    if (areWanted()) mArgs.add("line", mLine);
+}
+
+// Named by its verb; what begins with no letter is a command to send.
+Command::~Command() {
+    if (!areWanted()) return;
+    const bool isWord = !mLine.empty() && std::isalpha(static_cast<unsigned char>(mLine.front())) != 0;
+    slice(mTrack, "command", isWord ? FieldList::verbOf(mLine) : "send", mStartNs, steadyNowNs(), mArgs);
 }
 
 }  // namespace events

@@ -15,7 +15,7 @@ namespace vel::sim {
 
 /**
  * Writes this process's events to a descriptor, a line each, on a thread of its own. At most one at a time in
- * a process; create it before other threads and behind EndSignals. While there is none, or it has no
+ * a process, created behind EndSignals. While there is none, or it has no
  * descriptor, the functions of vel::sim::events do nothing.
  */
 class EventWriter {
@@ -49,7 +49,7 @@ namespace events {
 /** Whether anybody reads them. */
 bool areWanted();
 
-void slice(Track track, const char* category, const char* name, int64_t startNs, int64_t endNs,
+void slice(Track track, const char* category, const std::string& name, int64_t startNs, int64_t endNs,
            const JsonObject& args);
 /** Happens now. */
 void instant(Track track, const char* category, const std::string& name, const JsonObject& args);
@@ -64,6 +64,24 @@ void asyncEnd(Track track, const char* category, const std::string& name, uint64
 void flowStart(Track track, const char* category, const char* name, uint64_t id, int64_t timeNs);
 void flowStep(Track track, const char* category, const char* name, uint64_t id, int64_t timeNs);
 void flowEnd(Track track, const char* category, const char* name, uint64_t id, int64_t timeNs);
+
+/** A line of a program's input that is carried out: a slice as long as this object lives. */
+class Command {
+  public:
+    Command(Track track, std::string line);
+    ~Command();
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    /** What is told beside the line. */
+    JsonObject& args() { return mArgs; }
+
+  private:
+    const Track mTrack;
+    const std::string mLine;
+    const int64_t mStartNs;
+    JsonObject mArgs;
+};
 
 }  // namespace events
 

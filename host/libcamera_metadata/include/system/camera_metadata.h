@@ -123,6 +123,10 @@ int find_camera_metadata_entry(camera_metadata_t* src, uint32_t tag, camera_meta
 int find_camera_metadata_ro_entry(const camera_metadata_t* src, uint32_t tag,
                                   camera_metadata_ro_entry_t* entry);
 
+/** The entry at an index: 0, or 1 when there is none. */
+int get_camera_metadata_ro_entry(const camera_metadata_t* src, size_t index,
+                                 camera_metadata_ro_entry_t* entry);
+
 /**
  * Replaces the values of the entry at an index, in the type that the entry has. Fails when the buffer has no
  * room for them. The updated entry is stored when asked for. An update to zero values leaves the entry's
