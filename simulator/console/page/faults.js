@@ -3,6 +3,7 @@
 import { byId, element, milliseconds, request, seconds, setText } from "./dom.js";
 import { draw, now, on, onReset, onState } from "./events.js";
 import { NewestFirst } from "./list.js";
+import { chosenStream } from "./pictures.js";
 
 const kNames = { service: "Service", app: "Application", camera_server: "Camera server" };
 const kFacts = { captures: "Captures", app: "Link of the application", camera_server: "Link of the camera server" };
@@ -11,9 +12,11 @@ const kPids = { 2: "camera_server", 3: "app" };
 
 const list = new NewestFirst(byId("fault-list"),
     ({ ts, text }) => element("li", {}, element("time", {}, seconds(ts)), ` ${text}`), undefined, 50);
-const links = new Map();  // program -> { up, ts, withoutUs }
-let without = new Map();  // stream -> since when
-let last = null;          // the newest time without replacements that is over
+const links = new Map();     // program -> { up, ts, withoutUs }
+const without = new Map();   // stream -> since when
+const replaced = new Map();  // stream -> how many captures were, and when that was last told to grow
+const held = new Set();      // streams that only their figures show to be without
+let last = null;             // the newest time without replacements that is over
 let ticking = 0;
 
 function makePeer(peer) {
@@ -60,12 +63,37 @@ function takeReplacement(event) {
     const { stream, withoutMs } = event.args;
     const back = withoutMs !== undefined;
     list.add({ ts: event.ts, text: event.name + (back ? ` after ${milliseconds(withoutMs)}` : "") });
-    if (back) {
-        without.delete(stream);
-        last = { stream, withoutMs, ts: event.ts };
-    } else {
-        without.set(stream, event.ts);
+    held.delete(stream);
+    if (back) endWithout(stream, withoutMs, event.ts);
+    else without.set(stream, event.ts);
+    draw(show);
+}
+
+function endWithout(stream, withoutMs, ts) {
+    without.delete(stream);
+    last = { stream, withoutMs, ts };
+}
+
+// A stopped application holds the captures themselves up, and none tells that it lacks its replacement.
+function takeFigures({ name, ts, args }) {
+    if (!/^stream \d frames$/.test(name)) return;
+    const stream = Number(name.split(" ")[1]);
+    const before = replaced.get(stream);
+    const count = args.inTime + args.late;
+    if (before?.count !== count) {
+        replaced.set(stream, { count, ts });
+        if (held.delete(stream)) endWithout(stream, (ts - before.ts) / 1000, ts);
+    } else if (!without.has(stream)) {
+        held.add(stream);
+        without.set(stream, before.ts);
     }
+    draw(show);
+}
+
+function forgetFrames() {
+    without.clear();
+    held.clear();
+    replaced.clear();
     draw(show);
 }
 
@@ -98,6 +126,9 @@ function show() {
     for (const program of ["app", "camera_server"]) {
         showFact(program, linkText(links.get(program)), links.get(program)?.up === false);
     }
+    const isMissing = without.has(chosenStream());
+    byId("replaced-figure").classList.toggle("missing", isMissing);
+    setText(byId("replaced-note"), isMissing ? "no replacement comes" : "");
     tick();
 }
 
@@ -118,18 +149,18 @@ export function startFaults() {
     on("fault", takeFault);
     on("link", takeLink);
     on("replacement", takeReplacement);
+    on("figures", takeFigures);
+    byId("stream").addEventListener("change", () => draw(show));
     on("frames", (event) => {
         list.add({ ts: event.ts, text: event.name + (event.args.outcome ? `: ${event.args.outcome}` : "") });
-        without.clear();
-        draw(show);
+        forgetFrames();
     });
     onState(takeState);
     onReset(() => {
         list.clear();
         links.clear();
-        without = new Map();
         last = null;
-        draw(show);
+        forgetFrames();
     });
     show();
 }

@@ -1,7 +1,7 @@
 // Captured beside replaced pictures, and what makes them.
 
 import { byId, request, setText } from "./dom.js";
-import { draw, on, onReset, onState } from "./events.js";
+import { draw, on, onState } from "./events.js";
 
 const kRetryMs = 500;
 const kHeaderEnd = [13, 10, 13, 10];
@@ -89,21 +89,6 @@ function drawPair() {
     }
 }
 
-const missing = new Set();  // streams without replacements
-
-function takeReplacement(event) {
-    if (event.args.withoutMs === undefined) missing.add(event.args.stream);
-    else missing.delete(event.args.stream);
-    draw(showMissing);
-}
-
-function showMissing() {
-    const isMissing = missing.has(chosenStream());
-    byId("replaced-figure").classList.toggle("missing", isMissing);
-    const note = replay ? "a saved session has no pictures" : isMissing ? "no replacement comes" : "";
-    setText(byId("replaced-note"), note);
-}
-
 function choose(select, value) {
     if (![...select.options].some((option) => option.value === String(value))) select.append(new Option(value));
     select.value = value;
@@ -115,7 +100,7 @@ function takeState(state) {
     for (const [name, value] of Object.entries(state.settings ?? {})) if (byId(name)) choose(byId(name), value);
     if (state.settings) offerStreams(state.settings.streams);
     if (!connection || replay !== wasReplay) reconnect();
-    draw(showMissing);
+    setText(byId("pictures-note"), replay ? "a saved session has none" : "");
 }
 
 function offerStreams(count) {
@@ -128,9 +113,7 @@ function offerStreams(count) {
 }
 
 function takeFrames({ name, args }) {
-    if (name !== "frames begin") return;
-    if (replay) offerStreams(args.streams);
-    forget();
+    if (replay && name === "frames begin") offerStreams(args.streams);
 }
 
 function restartFrames(event) {
@@ -140,20 +123,10 @@ function restartFrames(event) {
 }
 
 export function startPictures() {
-    on("replacement", takeReplacement);
     on("frames", takeFrames);
     onState(takeState);
-    onReset(forget);
-    byId("stream").addEventListener("change", () => {
-        reconnect();
-        draw(showMissing);
-    });
+    byId("stream").addEventListener("change", reconnect);
     byId("effect").addEventListener("change", () => request({ do: "frames", effect: byId("effect").value }));
     byId("frames").addEventListener("submit", restartFrames);
     document.addEventListener("visibilitychange", reconnect);
-}
-
-function forget() {
-    missing.clear();
-    draw(showMissing);
 }
