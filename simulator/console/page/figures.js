@@ -43,7 +43,7 @@ function show() {
     const latency = latenciesOf(chosenStream());
     showTiles(counts.get(chosenStream()), latency.at(-1));
     setText(byId("latency-text"), reading(latency.at(-1), milliseconds, `stream ${chosenStream()}: `));
-    setText(byId("exchange-text"), reading(exchanges.at(-1), (value) => `${Math.round(value)} µs`));
+    setText(byId("exchange-text"), reading(exchanges.at(-1), (value) => `${Math.round(value).toLocaleString("en")} µs`));
     showChart(charts[0], latency);
     showChart(charts[1], exchanges);
 }
@@ -98,7 +98,9 @@ function paint(chart) {
 }
 
 function makeChart(id, unit, names) {
-    const axis = (text) => ({ type: "linear", grid: {}, ticks: { maxTicksLimit: 7 }, title: { display: true, text } });
+    const axis = (type, text) => ({ type, grid: {}, ticks: { maxTicksLimit: 7 }, title: { display: true, text } });
+    const y = axis("logarithmic", unit);  // a fault is a thousand times as long as what else happens
+    y.ticks.callback = (value) => Number.isInteger(Math.log10(value)) ? value.toLocaleString("en") : "";
     return new Chart(byId(id), {
         type: "line",
         data: { datasets: names.map((label) => ({ label, data: [], borderWidth: 1.5, pointRadius: 0 })) },
@@ -107,7 +109,7 @@ function makeChart(id, unit, names) {
             maintainAspectRatio: false,
             parsing: false,
             interaction: { mode: "nearest", axis: "x", intersect: false },
-            scales: { x: { ...axis("seconds ago"), min: -60, max: 0 }, y: { ...axis(unit), beginAtZero: true } },
+            scales: { x: { ...axis("linear", "seconds ago"), min: -60, max: 0 }, y },
             plugins: { legend: { align: "end", labels: { boxWidth: 14, boxHeight: 1 } } },
         },
     });
