@@ -38,7 +38,7 @@ constexpr char kCommands[] =
     "         [input=FILE] [output=FILE] [sheet=FILE]\n"
     "      streams frames once the application has configured them; count=0 has no end but\n"
     "      frames end\n"
-    "  frames end\n"
+    "  frames end, frames end-node\n"
     "  help";
 
 // The framework id in a request to restart a session, or INVALID_CAMERA_ID when the text is none.
@@ -105,8 +105,8 @@ int serve(const vel::sim::CommonOptions& options, int videoFd) {
     TaskQueue cameraTasks;
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
     vel::sim::installVendorTags(*helper);
-    const vel::sim::CameraWatch watch(helper);
-    CameraServer server(helper);
+    vel::sim::CameraWatch watch(helper);
+    CameraServer server(helper, watch);
     FrameSensor sensor(helper);
     sensor.setStream(videoFd);
     ServiceClient cameraService(

@@ -6,9 +6,10 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "EventCollector.h"
 #include "PrivateBus.h"
 #include "Recorder.h"
-#include "Timeline.h"
+#include "SessionRecord.h"
 
 namespace vel::sim {
 
@@ -18,15 +19,20 @@ namespace vel::sim {
  */
 class Peers {
   public:
-    /** Starts the bus. The programs are looked for in the folder; their output goes to the recorder. */
-    Peers(const std::string& directory, Recorder& recorder);
+    /**
+     * Starts the bus; the session's times count from now. The programs are looked for in the folder; their
+     * output goes to the recorder, their events to the session.
+     */
+    Peers(const std::string& directory, Recorder& recorder, SessionRecord& session);
     ~Peers();
 
+    /** Starts the service; false when it does not become ready. */
+    bool startService();
     /**
-     * Starts the programs; false when the service does not become ready. The camera server gets this
+     * Starts the camera server and the application, which wait for the service. The camera server gets this
      * process's standard input as its stream of video when asked for.
      */
-    bool start(bool passStandardInput);
+    void startClients(bool passStandardInput);
     /** False once the peer has ended by itself. */
     bool isAlive(const std::string& peer);
 
@@ -40,14 +46,16 @@ class Peers {
     void interrupt();
 
   private:
-    void start(const std::string& name, const std::string& program,
-               const std::vector<std::string>& arguments);
+    void start(const std::string& name, const std::string& program, const std::vector<std::string>& arguments,
+               int inherited = -1);
+    void tell(const std::string& name, const std::string& action);
     bool waitUntilReady(const std::string& name);
     bool end(const std::string& name);
 
     const std::string mDirectory;
     Recorder& mRecorder;
-    const int64_t mOriginNs = steadyNowNs();
+    SessionRecord& mSession;
+    EventCollector mEvents;
     PrivateBus mBus;
     std::map<std::string, std::unique_ptr<ChildProcess>> mChildren;
 };
