@@ -2,11 +2,13 @@
 
 #include <stdlib.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HEAP_IS_SANITIZED 1
+// Calls are counted on their way to the C library's own functions, by the names that one C library has for
+// them.
+#if !defined(__GLIBC__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HEAP_IS_FOREIGN 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define HEAP_IS_SANITIZED 1
+#define HEAP_IS_FOREIGN 1
 #endif
 #endif
 
@@ -15,7 +17,7 @@ thread_local size_t tAllocations = 0;
 }
 
 bool AllocationCounter::available() {
-#ifdef HEAP_IS_SANITIZED
+#ifdef HEAP_IS_FOREIGN
     return false;
 #else
     return true;
@@ -28,7 +30,7 @@ size_t AllocationCounter::count() const {
     return tAllocations - mStart;
 }
 
-#ifndef HEAP_IS_SANITIZED
+#ifndef HEAP_IS_FOREIGN
 
 // operator new ends in malloc, so that these see it too.
 extern "C" {

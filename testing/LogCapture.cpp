@@ -15,11 +15,19 @@ struct Line {
 std::mutex gLinesLock;
 std::vector<Line> gLines;
 
-void store(const struct __android_logger_data* data, const char* message) {
+// Debian's log gives the text beside the rest, a device's gives it within; its header decides which of the
+// two is meant.
+template <typename Data>
+void store(const Data* data, const char* message) {
     static const char kLetters[] = "??VDIWEF";
     const std::string text = std::string(1, kLetters[data->priority & 7]) + " " + message;
     std::lock_guard<std::mutex> lock(gLinesLock);
     gLines.push_back({data->tag != nullptr ? data->tag : "", text});
+}
+
+template <typename Message>
+void store(const Message* message) {
+    store(message, message->message);
 }
 
 }  // namespace

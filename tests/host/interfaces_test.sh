@@ -1,6 +1,6 @@
 #!/bin/sh
 # Compares the host's hand-written interface headers with what hidl-gen makes of the .hal files: the same operations,
-# reply functions and look-ups in the same order, the same enumeration, the same descriptors.
+# reply functions and look-ups in the same order, the same enumeration, the same descriptors. Also the device's build files.
 # usage: interfaces_test.sh SOURCE_DIR
 # Exits with 77 when hidl-gen is not installed.
 set -eu
@@ -13,10 +13,11 @@ imports=$source_dir/tests/host/data/hal/android
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+# generate LANGUAGE PACKAGE
 generate() {
-    hidl-gen -p "$source_dir" -R -o "$work" -L c++-headers \
+    hidl-gen -p "$source_dir" -R -o "$work" -L "$1" \
         -r korvanta.hardware:interfaces/korvanta/hardware \
-        -r android.hidl:"${imports#"$source_dir"/}"/hidl -r android.hardware:"${imports#"$source_dir"/}"/hardware "$1"
+        -r android.hidl:"${imports#"$source_dir"/}"/hidl -r android.hardware:"${imports#"$source_dir"/}"/hardware "$2"
 }
 
 # Prints what a header declares, one declaration a line, in order, without white space, namespaces and default bodies.
@@ -67,12 +68,25 @@ compare() {
     fi
 }
 
+# The device's build file of a package, but for where it is installed and in which languages.
+compare_build_file() {
+    file=interfaces/korvanta/hardware/camera/desktop/$1/Android.bp
+    generate androidbp "korvanta.hardware.camera.desktop@$1"
+    for side in "$work" "$source_dir"; do
+        grep -vE '^(//|$)|_specific:|gen_java:' "$side/$file" >"$work/${side##*/}.bp"
+    done
+    diff -u "$work/${work##*/}.bp" "$work/${source_dir##*/}.bp" || failed=1
+}
+
 for package in korvanta.hardware.camera.desktop@1.0 korvanta.hardware.camera.desktop@2.0 android.hidl.base@1.0 \
     android.hardware.graphics.bufferqueue@1.0; do
-    generate "$package"
+    generate c++-headers "$package"
 done
 
 failed=0
+for version in 1.0 2.0; do
+    compare_build_file $version
+done
 compare android/hidl/base/1.0/IBase.h 17 "$nothing"
 compare korvanta/hardware/camera/desktop/1.0/ICameraDesktopCallback.h 16 "$inherited|$services"
 compare korvanta/hardware/camera/desktop/2.0/ICameraDesktop.h 30 "$inherited"

@@ -121,6 +121,50 @@ TEST_F(AmongStrangers, TheServiceGivesATypeToItsNewestLiveRegistration) {
     EXPECT_EQ(stranger.send(kApp, "{}"), bus::kErrorNoPeer);
 }
 
+// The newest HAL and the newest application have each other; the others get their places when these go.
+TEST_F(AmongStrangers, TwoHalsAndTwoApplicationsTakeTurns) {
+    constexpr char kSwitch[] = R"({"general":{"originalId":0,"overrideId":2}})";
+    constexpr char kDone[] = "sessionRestartDone";
+    const auto startHal = [&] {
+        auto hal = startProgram({"camera_server"}, bus.address());
+        EXPECT_TRUE(service->waitForLine("HAL registered ") &&
+                    service->waitForLine("CAMERA_SERVICE registered "));
+        hal->writeLine("open 0");
+        EXPECT_TRUE(hal->waitForLine("open 0 -> camera 4"));
+        return hal;
+    };
+    const auto startTypedApp = [&] {
+        auto app = startProgram({"desktop_app", "-"}, bus.address());
+        EXPECT_TRUE(service->waitForLine("APP registered "));
+        return app;
+    };
+    const auto firstHal = startHal(), secondHal = startHal();
+    const auto firstApp = startTypedApp(), secondApp = startTypedApp();
+
+    // Whoever asks, the newest HAL switches, and its restart is the newest application's to hear of.
+    firstApp->writeLine(kSwitch);
+    EXPECT_TRUE(secondHal->waitForLine("open 0 -> camera 2"));
+    EXPECT_TRUE(secondApp->waitForLine(kDone));
+    firstHal->writeLine("status 0");
+    EXPECT_TRUE(firstHal->waitForLine("status 0: camera 4"));
+    const auto replaces = [](ChildProcess& hal, ChildProcess& app) {
+        hal.writeLine("frames 0 size=64x48 count=5");
+        EXPECT_TRUE(hal.waitForLine("frames of 64x48 ready"));
+        app.writeLine("frames size=64x48");
+        return hal.waitForLine("frames ended: ").value_or("no end");
+    };
+    EXPECT_THAT(replaces(*secondHal, *secondApp), testing::EndsWith("well"));
+
+    secondHal->kill(SIGKILL);
+    secondApp->kill(SIGKILL);
+    EXPECT_TRUE(service->waitForLine("HAL restored ") && service->waitForLine("APP restored "));
+    EXPECT_FALSE(firstApp->waitForLine(kDone, 0s)) << "was the other's";
+    firstApp->writeLine(kSwitch);
+    EXPECT_TRUE(firstHal->waitForLine("open 0 -> camera 2"));
+    EXPECT_TRUE(firstApp->waitForLine(kDone));
+    EXPECT_THAT(replaces(*firstHal, *firstApp), testing::EndsWith("well"));
+}
+
 TEST_F(AmongStrangers, TheServiceLetsNobodySpeakForAnother) {
     const auto app = startApp("OK");
     Stranger owner(bus);
