@@ -8,11 +8,13 @@ install(FILES
   helper/VelChiDesktopHelper.h imgsub/Export.h imgsub/VelImgSubHelper.h libveljsonutils/ThreadSafety.h metadata/DesktopCaptureMetadata.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${PROJECT_NAME})
 
-set(programs camera_server desktop_app desktop_run desktop_service)
+set(programs camera_server desktop_app desktop_console desktop_run desktop_service)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR} OUTPUT_VARIABLE lib_from_bin)
 set_target_properties(${programs} PROPERTIES
   INSTALL_RPATH "$ORIGIN/${lib_from_bin};$ORIGIN/${lib_from_bin}/${PROJECT_NAME};${ANDROID_LIBDIR}")
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(DIRECTORY simulator/console/page/ DESTINATION ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/console)
 
 # The CMake package: the product as vel::vel_chi_desktop_helper, the platform as platform::ui and so on.
 install(TARGETS platform_debian EXPORT platform)
@@ -43,5 +45,5 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/host/libhidl ${PROJECT_BINARY_DIR}/host/libui ${PROJECT_BINARY_DIR}/host/libgui
   ${PROJECT_BINARY_DIR}/host/libmediandk ${PROJECT_BINARY_DIR}/host/libcamera_metadata)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "android-liblog-dev, android-libutils-dev, android-libcutils-dev, dbus-daemon")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS ffmpeg)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ffmpeg, libjs-chart.js")
 include(CPack)

@@ -1,13 +1,17 @@
 #include "CaptureAnswers.h"
 
+#include "FieldList.h"
 #include "JsonMessage.h"
 #include "MetadataChanges.h"
+#include "Program.h"
 
 using android::JsonMessage;
 
 namespace vel::sim {
 
 namespace {
+
+constexpr char kVerb[] = "answer";
 
 rapidjson::Value toJson(const MetadataChange& change, uint32_t frame, JsonMessage& message) {
     rapidjson::Value array(rapidjson::kArrayType);
@@ -43,6 +47,31 @@ std::string changesOf(const CaptureMessage& capture) {
                                 answer.allocator());
     }
     return answer.root().ObjectEmpty() ? "" : answer.toText();
+}
+
+bool CaptureAnswers::isCommand(const std::string& line) {
+    return FieldList::verbOf(line) == kVerb;
+}
+
+bool CaptureAnswers::execute(const std::string& line) {
+    std::string text = line.substr(line.find(kVerb) + sizeof(kVerb) - 1);
+    JsonMessage answer;
+    if (!answer.parse(text) || !answer.root().IsObject()) {
+        printLine("error an answer must be a JSON object, as in answer {\"android.control.aeLock\":[1]}");
+        return false;
+    }
+    if (answer.root().ObjectEmpty()) text.clear();
+    std::lock_guard<std::mutex> lock(mLock);
+    mAnswer = std::move(text);
+    return true;
+}
+
+std::string CaptureAnswers::to(const CaptureMessage& capture) const {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mAnswer) return *mAnswer;
+    }
+    return mChangesSome ? changesOf(capture) : "";
 }
 
 }  // namespace vel::sim

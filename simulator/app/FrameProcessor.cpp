@@ -16,7 +16,8 @@ using ClientType = ServiceClient::ClientType;
 
 namespace {
 constexpr char kVerb[] = "frames";
-}
+constexpr char kEffectVerb[] = "effect";
+}  // namespace
 
 FrameProcessor::FrameProcessor(ServiceClient& client) : mClient(client) {}
 
@@ -25,15 +26,28 @@ FrameProcessor::~FrameProcessor() {
 }
 
 bool FrameProcessor::isCommand(const std::string& line) {
-    return FieldList::verbOf(line) == kVerb;
+    const std::string verb = FieldList::verbOf(line);
+    return verb == kVerb || verb == kEffectVerb;
 }
 
 bool FrameProcessor::execute(const std::string& line) try {
+    if (FieldList::verbOf(line) == kEffectVerb) {
+        changeEffect(line);
+        return true;
+    }
     end();
     return FieldList(line).word(1) == "end" || start(line);
 } catch (const std::invalid_argument& error) {
     printLine("error %s", error.what());
     return false;
+}
+
+void FrameProcessor::changeEffect(const std::string& line) {
+    const FieldList words(line);
+    words.rejectOthers(2);
+    const Effect effect = parseEffect(words.word(1));
+    if (mSubstitution == nullptr) throw std::invalid_argument("there are no frames to change");
+    mSubstitution->setEffect(effect);
 }
 
 void FrameProcessor::configureHal(const FrameConfiguration& configuration) {

@@ -24,17 +24,19 @@ class FrameProcessor {
     /** Ends a substitution that runs. */
     ~FrameProcessor();
 
-    /** True for lines that execute() understands: those that begin with the word frames. */
+    /** True for lines that execute() understands: those that begin with the word frames or effect. */
     static bool isCommand(const std::string& line);
 
     /**
      * "frames size=1920x1080 [effect=tint] [buffers=16] [hold=N]" configures image substitution, in place of
      * an earlier one, and processes frames from then on; with hold it keeps every frame of either queue
-     * after that many. "frames end" ends it. False, said in an error line, when it cannot be done.
+     * after that many. "frames end" ends it. "effect mirror" is another effect from the next frame on. False,
+     * said in an error line, when it cannot be done.
      */
     bool execute(const std::string& line);
 
   private:
+    void changeEffect(const std::string& line);
     bool start(const std::string& line);
     void configureHal(const FrameConfiguration& configuration);
     void end();

@@ -46,10 +46,7 @@ class Substitution::Waker : public android::ConsumerBase::FrameAvailableListener
 };
 
 Substitution::Substitution(const FrameConfiguration& configuration, const sp<HidlProducer>& reader)
-    : mConfiguration(configuration),
-      mFilter(configuration.effect, configuration.size),
-      mReplacements(reader),
-      mWaker(new Waker) {
+    : mConfiguration(configuration), mEffect(configuration.effect), mReplacements(reader), mWaker(new Waker) {
     mQueue.consumer->setFrameAvailableListener(mWaker);
     mThread = std::thread([this] { run(); });
 }
@@ -108,7 +105,10 @@ void Substitution::process(const uint8_t* captured, uint64_t capturedMemory,
     const FrameSize size = mConfiguration.size;
     const MappedBuffer mapped(replacement, GraphicBuffer::USAGE_SW_WRITE_OFTEN);
     if (mapped.data() == nullptr) return;
-    mFilter.apply(ConstFrameView(captured, size), FrameView(mapped.data(), size));
+    const Effect effect = mEffect;
+    if (mFilter == nullptr || mFilter->effect() != effect)
+        mFilter = std::make_unique<EffectFilter>(effect, size);
+    mFilter->apply(ConstFrameView(captured, size), FrameView(mapped.data(), size));
     copyFrameHeader(captured, mapped.data(), size);
     FrameHeader header = readFrameHeader(captured, size);
     if (header.memory != capturedMemory) ++header.copiesMade;

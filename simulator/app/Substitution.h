@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -26,6 +27,8 @@ class Substitution {
     const ConsumerQueue& queue() const { return mQueue; }
     /** Whether the HAL's reader took the connection. Before the first frame only. */
     android::status_t status() const { return mReplacements.status(); }
+    /** Of the frames from then on. Any thread. */
+    void setEffect(Effect effect) { mEffect = effect; }
     /** So far. Any thread. */
     uint64_t replaced() const { return mReplaced; }
     uint64_t lost() const { return mLost; }
@@ -41,7 +44,8 @@ class Substitution {
     void lose(const std::string& why);
 
     const FrameConfiguration mConfiguration;
-    EffectFilter mFilter;
+    std::atomic<Effect> mEffect;
+    std::unique_ptr<EffectFilter> mFilter;  // the thread's
     ReplacementQueue mReplacements;
     const ConsumerQueue mQueue;
     const android::sp<Waker> mWaker;

@@ -15,6 +15,7 @@
 
 namespace {
 
+using vel::sim::CaptureAnswers;
 using vel::sim::FrameProcessor;
 using vel::sim::ServiceClient;
 using ClientType = ServiceClient::ClientType;
@@ -34,6 +35,10 @@ constexpr char kInputLines[] =
     "      configures image substitution and processes its frames; with hold it keeps those\n"
     "      after that number\n"
     "  frames end\n"
+    "  effect tint|mirror|blur|none\n"
+    "      from the next frame on\n"
+    "  answer {...}\n"
+    "      answers every capture by these tags from then on; answer {} by nothing\n"
     "  help";
 
 struct Options {
@@ -94,9 +99,10 @@ bool waitForService(ServiceClient& client, const vel::sim::EndSignals& signals) 
 }
 
 // Carries out a line of standard input; false when that cannot be done.
-bool execute(const std::string& line, ServiceClient& client, FrameProcessor& frames, const Options& options,
-             vel::sim::events::Command& traced) {
+bool execute(const std::string& line, ServiceClient& client, FrameProcessor& frames, CaptureAnswers& answers,
+             const Options& options, vel::sim::events::Command& traced) {
     if (vel::sim::answerHelp(line, kInputLines)) return true;
+    if (CaptureAnswers::isCommand(line)) return answers.execute(line);
     if (FrameProcessor::isCommand(line)) return frames.execute(line);
     // A word is a mistake of whoever types; broken JSON is sent, as the HAL may be asked to cope with it.
     if (std::isalpha(static_cast<unsigned char>(line.front())) == 0)
@@ -105,12 +111,12 @@ bool execute(const std::string& line, ServiceClient& client, FrameProcessor& fra
     return false;
 }
 
-bool sendAll(ServiceClient& client, FrameProcessor& frames, const Options& options,
+bool sendAll(ServiceClient& client, FrameProcessor& frames, CaptureAnswers& answers, const Options& options,
              vel::sim::EndSignals& signals) {
     bool allSent = true;
     const auto carryOut = [&](const std::string& line, bool isInput) {
         vel::sim::events::Command traced(vel::sim::Track::COMMANDS, line);
-        const bool isWell = isInput ? execute(line, client, frames, options, traced)
+        const bool isWell = isInput ? execute(line, client, frames, answers, options, traced)
                                     : sendAndPrint(client, options, line, traced);
         traced.args().add("ok", isWell);
         allSent = isWell && allSent;
@@ -132,6 +138,7 @@ int run(const Options& options) {
     vel::sim::endSoonAfter(signals);
     const vel::sim::EventWriter events(options.common.eventsFd, vel::sim::Peer::APP);
 
+    CaptureAnswers answers(options.changeMetadata);
     std::atomic<ServiceClient*> link{nullptr};
     ServiceClient client(
         ClientType::CLIENT_APP,
@@ -140,16 +147,15 @@ int run(const Options& options) {
             for (const std::string& text : options.talkBack) {
                 if (ServiceClient* target = link.load()) (void)target->send(options.to, text);
             }
-            if (const auto capture = vel::sim::captureIn(command))
-                return options.changeMetadata ? vel::sim::changesOf(*capture) : "";
-            return options.reply;
+            const auto capture = vel::sim::captureIn(command);
+            return capture ? answers.to(*capture) : options.reply;
         },
         vel::sim::printLinkOf(options.common));
     link = &client;
 
     if (!waitForService(client, signals)) return 1;
     FrameProcessor frames(client);
-    const bool allSent = sendAll(client, frames, options, signals);
+    const bool allSent = sendAll(client, frames, answers, options, signals);
     if (options.stay || options.commands.empty()) signals.wait();
     return allSent ? 0 : 1;
 }

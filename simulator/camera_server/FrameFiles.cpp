@@ -3,20 +3,37 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <set>
+#include <stdexcept>
+#include <utility>
 
 #include "TestPicture.h"
 
 namespace vel::sim {
 
+namespace {
+constexpr int kMaxLoopedFps = 120;
+}
+
 PictureSource::PictureSource(const FrameSetup& setup, int streamFd, int cancelFd)
-    : mSize(setup.size), mRate{setup.fps, 1} {
+    : mSize(setup.size),
+      mRate{setup.fps, 1},
+      mLoopedFile(setup.isLooped ? setup.input : ""),
+      mCancelFd(cancelFd) {
     if (setup.input == "-") {
         mVideo = std::make_unique<VideoInput>(streamFd, "standard input", cancelFd);
     } else if (!setup.input.empty()) {
         mVideo = std::make_unique<VideoInput>(setup.input, cancelFd);
     }
+}
+
+int PictureSource::fps() const {
+    if (mLoopedFile.empty()) return isVideo() ? 0 : mRate.frames;
+    const FrameRate own = rate();
+    return own.frames < 1 ? mRate.frames
+                          : std::clamp((own.frames + own.seconds / 2) / own.seconds, 1, kMaxLoopedFps);
 }
 
 void PictureSource::readFirst() {
@@ -35,15 +52,33 @@ FrameStream::Draw PictureSource::drawing(uint32_t stream) {
 }
 
 bool PictureSource::drawVideo(const FrameView& frame) {
-    if (mFirst.empty()) {
-        mIsWaiting = true;
-        const bool isRead = mVideo->readFrame(frame);
-        mIsWaiting = false;
-        return isRead;
+    if (std::exchange(mIsFirstNext, false)) {
+        copyFrame(ConstFrameView(mFirst.data(), size()), frame);
+        if (mLoopedFile.empty()) mFirst = {};
+        return true;
     }
-    copyFrame(ConstFrameView(mFirst.data(), size()), frame);
-    mFirst = {};
+    mIsWaiting = true;
+    const bool isRead = readFrame(frame) || (!mLoopedFile.empty() && readAnew(frame));
+    mIsWaiting = false;
+    return isRead;
+}
+
+bool PictureSource::readFrame(const FrameView& frame) {
+    if (!mVideo->readFrame(frame)) return false;
+    mIsPicture = false;
     return true;
+}
+
+// A picture is not read again each time.
+bool PictureSource::readAnew(const FrameView& frame) {
+    if (mIsPicture) {
+        copyFrame(ConstFrameView(mFirst.data(), size()), frame);
+        return true;
+    }
+    const FrameSize before = size();
+    mVideo = std::make_unique<VideoInput>(mLoopedFile, mCancelFd);
+    if (size() != before) throw std::runtime_error(mLoopedFile + " has changed");
+    return mVideo->readFrame(frame);
 }
 
 namespace {

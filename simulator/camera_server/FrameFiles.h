@@ -28,6 +28,9 @@ class PictureSource {
     FrameSize size() const { return mVideo ? mVideo->size() : mSize; }
     FrameRate rate() const { return mVideo ? mVideo->rate() : mRate; }
 
+    /** What the streams are paced by; 0 for the replacements alone. */
+    int fps() const;
+
     /** Reads the input's first frame, before the application hears of any: most faults show by then. */
     void readFirst();
     /** Draws the frames of a stream, in order, from then on. */
@@ -39,12 +42,18 @@ class PictureSource {
 
   private:
     bool drawVideo(const FrameView& frame);
+    bool readFrame(const FrameView& frame);
+    bool readAnew(const FrameView& frame);
 
     const FrameSize mSize;
     const FrameRate mRate;
+    const std::string mLoopedFile;  // that is played over and over; empty for none
+    const int mCancelFd;
     std::unique_ptr<VideoInput> mVideo;
     std::atomic<bool> mIsWaiting{false};
-    std::vector<uint8_t> mFirst;  // the input's first frame, until it is drawn
+    std::vector<uint8_t> mFirst;  // the input's first frame, until it is drawn, or for good when it is looped
+    bool mIsFirstNext = true;
+    bool mIsPicture = true;  // as long as no second frame was read
 };
 
 /** The file of replaced frames; gone again unless it was finished. Throws as Y4mWriter does. */

@@ -36,7 +36,7 @@ bool FrameSensor::execute(const std::string& line) try {
     const FrameSetup setup = readFrameSetup(line);
     if (mSession != nullptr && !mSession->isOver()) throw std::invalid_argument("frames run already");
     end();
-    const auto session = std::make_shared<FrameSession>(mHelper, setup, mStreamFd);
+    const auto session = std::make_shared<FrameSession>(mHelper, setup, mStreamFd, mPictures);
     mThread = startThread("the frames", [session] { session->run(); });
     setSession(session);
     return true;

@@ -10,6 +10,7 @@ class VelChiDesktopHelper;
 namespace vel::sim {
 
 class FrameSession;
+class PictureTap;
 
 /**
  * The frames of the camera: up to four streams that go through image substitution, and a preview beside them
@@ -25,7 +26,8 @@ class FrameSensor {
     static bool isCommand(const std::string& line);
 
     /**
-     * "frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0] [input=FILE] [output=FILE] [sheet=FILE]"
+     * "frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0] [input=FILE] [output=FILE]
+     * [sheet=FILE] [loop=0]"
      * starts frames: it says that they are ready, waits until the application has configured them, and
      * streams. Count 0 has no end but "frames end", which waits for it. An input gives stream 0 its pictures
      * and the size; "-" is YUV4MPEG2 from the descriptor that setStream() gave. With an input or an output
@@ -47,11 +49,15 @@ class FrameSensor {
     /** The descriptor behind the input "-"; -1 for none. It stays the caller's. */
     void setStream(int fd) { mStreamFd = fd; }
 
+    /** Gets the frames from then on; null for none. It must outlive them. */
+    void setPictures(PictureTap* pictures) { mPictures = pictures; }
+
   private:
     void setSession(const std::shared_ptr<FrameSession>& session);
 
     VelChiDesktopHelper* const mHelper;
     int mStreamFd = -1;
+    PictureTap* mPictures = nullptr;
     std::mutex mLock;
     std::shared_ptr<FrameSession> mSession;  // changed under mLock, by execute() and end() alone
     bool mIsAborted = false;                 // guarded by mLock

@@ -11,6 +11,7 @@
 
 #include "EventWriter.h"
 #include "FrameEvents.h"
+#include "PictureTap.h"
 #include "PreviewFeed.h"
 #include "Program.h"
 #include "StartThread.h"
@@ -77,8 +78,13 @@ void printTable(const Streams& streams, uint64_t previewFrames) {
 
 }  // namespace
 
-FrameSession::FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd)
-    : mHelper(helper), mSetup(setup), mStreamFd(streamFd), mCancel(eventfd(0, EFD_CLOEXEC)) {
+FrameSession::FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd,
+                           PictureTap* pictures)
+    : mHelper(helper),
+      mSetup(setup),
+      mStreamFd(streamFd),
+      mPictures(pictures),
+      mCancel(eventfd(0, EFD_CLOEXEC)) {
     if (mCancel < 0) throw std::system_error(errno, std::generic_category(), "no descriptor for the frames");
 }
 
@@ -122,7 +128,7 @@ void FrameSession::play() {
     makeStreams();
     printLine("frames of %dx%d ready, %d streams", mSource->size().width, mSource->size().height,
               mSetup.streams);
-    tellFramesBegin(mSource->size(), mStreams.size(), mSource->isVideo() ? 0 : mSetup.fps);
+    tellFramesBegin(mSource->size(), mStreams.size(), mSource->fps());
     mHelper->sendImgSubHalReadyToApp();
 
     PreviewFeed preview(mHelper, mStreamsEnd);
@@ -155,7 +161,7 @@ FrameStream::Setup FrameSession::streamSetup(uint32_t index) {
     setup.size = mSource->size();
     setup.stream = index;
     setup.count = static_cast<uint32_t>(mSetup.count);
-    setup.fps = mSource->isVideo() ? 0 : mSetup.fps;
+    setup.fps = mSource->fps();
     setup.isLossless = mSetup.isLossless();
     setup.hasCounters = !mSource->isVideo();
     setup.isNodeGone = &mIsNodeGone;
@@ -202,6 +208,7 @@ void FrameSession::endStream() {
 void FrameSession::output(const FrameHeader& captured, const ConstFrameView& picture,
                           const std::optional<FrameHeader>& replacement,
                           const std::optional<ConstFrameView>& replaced) {
+    if (mPictures != nullptr) mPictures->offer(captured, picture, replacement, replaced);
     if (captured.stream == 0 && mOutput && replaced) mOutput->write(*replaced);
     if (mSetup.sheet.empty() || !isWorthShowing(captured.counter)) return;
     ContactSheet::Moment moment;

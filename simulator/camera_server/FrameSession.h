@@ -19,6 +19,8 @@ class VelChiDesktopHelper;
 
 namespace vel::sim {
 
+class PictureTap;
+
 /**
  * The frames of one command, from their start to the closing table: the streams, each on a thread, the
  * preview beside them, and the files. Prints what happens.
@@ -26,9 +28,10 @@ namespace vel::sim {
 class FrameSession {
   public:
     /**
-     * streamFd: behind the input "-"; it stays the caller's. Throws std::system_error without descriptors.
+     * streamFd: behind the input "-"; it stays the caller's. pictures: gets the frames, unless it is null.
+     * Throws std::system_error without descriptors.
      */
-    FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd);
+    FrameSession(VelChiDesktopHelper* helper, const FrameSetup& setup, int streamFd, PictureTap* pictures);
 
     /** Plays the frames to their end. Never throws: tells the outcome in a line. */
     void run();
@@ -56,6 +59,7 @@ class FrameSession {
     VelChiDesktopHelper* const mHelper;
     const FrameSetup mSetup;
     const int mStreamFd;
+    PictureTap* const mPictures;
     const android::base::unique_fd mCancel;  // ends the waits for input
     std::unique_ptr<PictureSource> mSource;
     std::unique_ptr<OutputFile> mOutput;

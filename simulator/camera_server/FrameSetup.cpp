@@ -21,12 +21,15 @@ FrameSetup readFrameSetup(const std::string& line) {
     setup.fps = fields.number("fps", setup.fps, 1, kMaxFps);
     setup.count = fields.number("count", setup.count, 0, INT32_MAX);
     setup.input = fields.text("input");
+    setup.isLooped = fields.number("loop", 0, 0, 1) == 1;
     setup.output = fields.text("output");
     setup.sheet = fields.text("sheet");
     const std::string& camera = fields.word(1);
     if (camera.empty() || camera.find_first_not_of("0123456789") != std::string::npos)
         throw std::invalid_argument("frames need a camera, as in frames 0");
     fields.rejectOthers(2);
+    if (setup.isLooped && (setup.input.empty() || setup.input == "-"))
+        throw std::invalid_argument("loop needs a file as the input");
     if (setup.output == "-") throw std::invalid_argument("frames cannot be written to standard output");
     if (!setup.input.empty()) setup.streams = 1;
     return setup;

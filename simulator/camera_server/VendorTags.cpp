@@ -6,6 +6,7 @@
 #include <camera_metadata_hidden.h>
 
 #include <cstring>
+#include <iterator>
 
 #include "MetadataChanges.h"
 
@@ -13,17 +14,12 @@ namespace vel::sim {
 
 namespace {
 
-struct Tag {
-    const char* name;
-    int type;
-};
-constexpr Tag kTags[] = {{"MaxStreamSize", TYPE_INT32}, {"SensorTemperature", TYPE_FLOAT}};
 constexpr uint32_t kTagCount = VENDOR_TAGS_END - MAX_STREAM_SIZE;
 static_assert(MAX_STREAM_SIZE == static_cast<uint32_t>(VENDOR_SECTION_START));
-static_assert(sizeof(kTags) / sizeof(kTags[0]) == kTagCount);
+static_assert(std::size(kVendorTags) == kTagCount);
 
-const Tag* find(uint32_t tag) {
-    return tag >= MAX_STREAM_SIZE && tag < VENDOR_TAGS_END ? &kTags[tag - MAX_STREAM_SIZE] : nullptr;
+const VendorTagInfo* find(uint32_t tag) {
+    return tag >= MAX_STREAM_SIZE && tag < VENDOR_TAGS_END ? &kVendorTags[tag - MAX_STREAM_SIZE] : nullptr;
 }
 
 int tagCount(const vendor_tag_ops_t*) {
@@ -50,7 +46,7 @@ int tagType(const vendor_tag_ops_t*, uint32_t tag) {
 bool resolve(const char* section, const char* name, unsigned& id) {
     if (std::strcmp(section, kVendorSection) != 0) return false;
     for (uint32_t i = 0; i < kTagCount; ++i) {
-        if (std::strcmp(name, kTags[i].name) != 0) continue;
+        if (std::strcmp(name, kVendorTags[i].name) != 0) continue;
         id = MAX_STREAM_SIZE + i;
         return true;
     }

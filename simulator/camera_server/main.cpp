@@ -11,6 +11,7 @@
 #include "FrameSensor.h"
 #include "JsonMessage.h"
 #include "JsonUtils.h"
+#include "PictureTap.h"
 #include "Program.h"
 #include "ServiceClient.h"
 #include "TaskQueue.h"
@@ -24,6 +25,7 @@ namespace {
 using android::JsonUtils;
 using vel::sim::CameraServer;
 using vel::sim::FrameSensor;
+using vel::sim::PictureTap;
 using vel::sim::ServiceClient;
 using vel::sim::TaskQueue;
 using vel::sim::Track;
@@ -35,10 +37,12 @@ constexpr char kCommands[] =
     "      exchanges the metadata of each frame with the application, until the camera is\n"
     "      closed at the latest\n"
     "  frames CAMERA [size=1920x1080] [streams=1] [fps=30] [count=0]\n"
-    "         [input=FILE] [output=FILE] [sheet=FILE]\n"
+    "         [input=FILE] [output=FILE] [sheet=FILE] [loop=0]\n"
     "      streams frames once the application has configured them; count=0 has no end but\n"
-    "      frames end\n"
+    "      frames end; with loop=1 the input is played at its own rate, over and over\n"
     "  frames end, frames end-node\n"
+    "  pictures STREAM[,STREAM...], pictures none\n"
+    "      sends small pictures of these streams to the descriptor of --pictures\n"
     "  help";
 
 // The framework id in a request to restart a session, or INVALID_CAMERA_ID when the text is none.
@@ -54,24 +58,35 @@ uint32_t restartRequestedFor(const std::string& command) {
     return static_cast<uint32_t>(std::strtoul(idText.c_str(), nullptr, 10));
 }
 
-std::optional<int> parse(int argc, char** argv, vel::sim::CommonOptions& options, int& videoFd) {
+struct Options {
+    vel::sim::CommonOptions common;
+    int videoFd = -1;
+    int picturesFd = -1;
+};
+
+std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
         "The camera server. Loads the desktop helper as a camera HAL does, does what it reads from standard "
         "input, and answers the library's restart requests by opening the camera again. Ends with its "
         "input or by a signal.");
     cli.footer(kCommands);
-    cli.add_option("--video-fd", videoFd, "descriptor of the YUV4MPEG2 stream that input=- stands for")
+    cli.add_option("--video-fd", options.videoFd,
+                   "descriptor of the YUV4MPEG2 stream that input=- stands for")
         ->type_name("FD");
-    vel::sim::addCommonOptions(cli, options);
+    cli.add_option("--pictures", options.picturesFd, "descriptor of a socket that takes pictures as packets")
+        ->type_name("FD");
+    vel::sim::addCommonOptions(cli, options.common);
     return vel::sim::parseArguments(cli, argc, argv);
 }
 
 // Feeds the queues with the lines of standard input; its end, or a signal, is the program's.
 void readInput(vel::sim::EndSignals& signals, TaskQueue& cameraTasks, TaskQueue& frameTasks,
-               CameraServer& server, FrameSensor& sensor) {
+               CameraServer& server, FrameSensor& sensor, PictureTap& pictures) {
     for (std::string line; signals.readLine(line);) {
         if (line.empty() || vel::sim::answerHelp(line, kCommands)) continue;
-        if (FrameSensor::isCommand(line)) {
+        if (PictureTap::isCommand(line)) {
+            pictures.execute(line);
+        } else if (FrameSensor::isCommand(line)) {
             frameTasks.post([&, line] {
                 const vel::sim::events::Command traced(Track::FRAME_COMMANDS, line);
                 sensor.execute(line);
@@ -96,10 +111,10 @@ std::string answer(const std::string& command, TaskQueue& tasks, CameraServer& s
     return "OK_CAMERA_SERVICE";
 }
 
-int serve(const vel::sim::CommonOptions& options, int videoFd) {
+int serve(const Options& options) {
     vel::sim::EndSignals signals;  // before any thread starts
     vel::sim::endSoonAfter(signals, vel::sim::OutputFile::removeUnfinished);
-    const vel::sim::EventWriter events(options.eventsFd, vel::sim::Peer::CAMERA_SERVER);
+    const vel::sim::EventWriter events(options.common.eventsFd, vel::sim::Peer::CAMERA_SERVER);
     vel::sim::tellLibraryLog();
 
     TaskQueue cameraTasks;
@@ -107,12 +122,14 @@ int serve(const vel::sim::CommonOptions& options, int videoFd) {
     vel::sim::installVendorTags(*helper);
     vel::sim::CameraWatch watch(helper);
     CameraServer server(helper, watch);
+    PictureTap pictures(options.picturesFd);
     FrameSensor sensor(helper);
-    sensor.setStream(videoFd);
+    sensor.setStream(options.videoFd);
+    sensor.setPictures(&pictures);
     ServiceClient cameraService(
         ServiceClient::ClientType::CLIENT_CAMERA_SERVICE,
         [&](const std::string& command) { return answer(command, cameraTasks, server); },
-        vel::sim::printLinkOf(options));
+        vel::sim::printLinkOf(options.common));
 
     // Frame commands have a thread of their own: the end of frames waits for a peer that hangs.
     vel::sim::TaskThread frameCommands("the frame commands");
@@ -123,7 +140,8 @@ int serve(const vel::sim::CommonOptions& options, int videoFd) {
         server.stop();
         sensor.abort();
     });
-    input.tasks().post([&] { readInput(signals, cameraTasks, frameCommands.tasks(), server, sensor); });
+    input.tasks().post(
+        [&] { readInput(signals, cameraTasks, frameCommands.tasks(), server, sensor, pictures); });
     cameraTasks.run();
     input.finish();
     frameCommands.finish();
@@ -135,11 +153,10 @@ int serve(const vel::sim::CommonOptions& options, int videoFd) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    vel::sim::CommonOptions options;
-    int videoFd = -1;
-    if (const auto code = parse(argc, argv, options, videoFd)) return *code;
+    Options options;
+    if (const auto code = parse(argc, argv, options)) return *code;
     return vel::sim::runProgram("camera_server", [&] {
-        vel::sim::applyCommonOptions(options);
-        return serve(options, videoFd);
+        vel::sim::applyCommonOptions(options.common);
+        return serve(options);
     });
 }

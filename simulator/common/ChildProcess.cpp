@@ -51,6 +51,12 @@ ChildProcess::~ChildProcess() {
     mReader.join();
 }
 
+// The kernel calls a socket writable while three quarters of its 208 KB or more are free.
+bool ChildProcess::hasRoom() const {
+    pollfd input{mInput.get(), POLLOUT, 0};
+    return poll(&input, 1, 0) > 0;
+}
+
 bool ChildProcess::writeLine(const std::string& line) {
     const std::string text = line + "\n";
     size_t sent = 0;

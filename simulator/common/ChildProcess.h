@@ -48,6 +48,8 @@ class ChildProcess {
 
     pid_t pid() const { return mPid; }
 
+    /** Whether its input has room for a line of 64 KB: writeLine() does not wait for the child to read it. */
+    bool hasRoom() const;
     /** Writes the line and a newline to the child's input. False when the child no longer reads. */
     bool writeLine(const std::string& line);
     /** Ends the child's input. */

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <system/camera_metadata.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,6 +33,11 @@ const std::vector<MetadataChange>& metadataChanges();
 constexpr char kVendorSection[] = "com.brisel.zint.velc2d";
 constexpr char kMaxStreamSizeName[] = "com.brisel.zint.velc2d.MaxStreamSize";
 constexpr char kSensorTemperatureName[] = "com.brisel.zint.velc2d.SensorTemperature";
+struct VendorTagInfo {
+    const char* name;  // in the section
+    int type;
+};
+constexpr VendorTagInfo kVendorTags[] = {{"MaxStreamSize", TYPE_INT32}, {"SensorTemperature", TYPE_FLOAT}};
 enum VendorTag : uint32_t { MAX_STREAM_SIZE = 0x80000000, SENSOR_TEMPERATURE, VENDOR_TAGS_END };
 
 }  // namespace vel::sim

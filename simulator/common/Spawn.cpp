@@ -1,6 +1,7 @@
 #include "Spawn.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -49,6 +50,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     dup2(streams.input, STDIN_FILENO);
     dup2(streams.output, STDOUT_FILENO);
     if (streams.errors >= 0) dup2(streams.errors, STDERR_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // some libraries open descriptors without it
     for (const int fd : streams.others)
         fcntl(fd, F_SETFD, 0);
     execvpe(command[0], command, environment);

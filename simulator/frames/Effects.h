@@ -31,6 +31,8 @@ class EffectFilter {
     /** Throws std::invalid_argument when the size is none. */
     EffectFilter(Effect effect, FrameSize size);
 
+    Effect effect() const { return mEffect; }
+
     /** Both views must have the filter's size, or std::invalid_argument is thrown, and must not overlap. */
     void apply(const ConstFrameView& source, const FrameView& destination);
 

@@ -3,8 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
+#include <utility>
 
 #include "Program.h"
 #include "Timeline.h"
@@ -14,16 +14,16 @@ namespace vel::sim {
 
 namespace {
 constexpr std::chrono::seconds kReadyLimit{10};
-constexpr std::chrono::seconds kEndLimit{5};
 constexpr std::chrono::milliseconds kTick{50};
 }  // namespace
 
 Peers::Peers(const std::string& directory, Recorder& recorder, SessionRecord& session)
-    : mDirectory(directory),
-      mRecorder(recorder),
+    : mRecorder(recorder),
       mSession(session),
-      mEvents([&](const std::string& line) { (void)session.add(line); }) {
-    setTimeOrigin(steadyNowNs());
+      mEvents([this](const std::string& line) { (void)mSession.add(line); }),
+      mPrograms(directory,
+                [this](const std::string& peer, const std::string& line) { mRecorder.add(peer, line); }) {
+    setTimeOrigin(mPrograms.originNs());
 }
 
 Peers::~Peers() {
@@ -31,101 +31,75 @@ Peers::~Peers() {
 }
 
 bool Peers::startService() {
-    start("service", "desktop_service", {"--trace"});
+    start("service", {"--trace"});
     return waitUntilReady("service");
 }
 
 void Peers::startClients(bool passStandardInput) {
     // The camera server alone has it: whoever feeds it notices when that one ends.
     const android::base::unique_fd stream(passStandardInput ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : -1);
-    start("camera_server", "camera_server", {"--video-fd", std::to_string(stream.get())}, stream);
-    start("app", "desktop_app", {"-", "--change-metadata"});
+    start("camera_server", {"--video-fd", std::to_string(stream.get())},
+          stream >= 0 ? std::vector<int>{stream} : std::vector<int>{});
+    start("app", {"-", "--change-metadata"});
 }
 
-void Peers::start(const std::string& name, const std::string& program,
-                  const std::vector<std::string>& arguments, int inherited) {
+void Peers::start(const std::string& peer, std::vector<std::string> arguments, std::vector<int> descriptors) {
     const android::base::unique_fd events = mEvents.open();
-    ChildProcess::Options options;
-    options.command = {mDirectory + "/" + program,
-                       "--bus",
-                       mBus.address(),
-                       "--time-origin",
-                       std::to_string(timeOriginNs()),
-                       "--events",
-                       std::to_string(events.get())};
-    options.command.insert(options.command.end(), arguments.begin(), arguments.end());
-    options.descriptors = {events.get()};
-    if (inherited >= 0) options.descriptors.push_back(inherited);
-    options.onLine = [this, name](const std::string& line) { mRecorder.add(name, line); };
-    mChildren[name] = std::make_unique<ChildProcess>(std::move(options));
-    tell(name, "started");
+    arguments.insert(arguments.end(), {"--events", std::to_string(events.get())});
+    descriptors.push_back(events);
+    mPrograms.start(peer, {std::move(arguments), std::move(descriptors)});
+    tell(peer, "started");
 }
 
-void Peers::tell(const std::string& name, const std::string& action) {
+void Peers::tell(const std::string& peer, const std::string& action) {
     TraceEvent event;
     event.category = "fault";
-    event.name = name + " " + action;
+    event.name = peer + " " + action;
     event.track = Track::FAULTS;
     event.timeNs = steadyNowNs();
-    event.args.add("peer", name).add("action", action);
+    event.args.add("peer", peer).add("action", action);
     (void)mSession.add(event.line());
 }
 
 // False when the program ends first, or the limit passes.
-bool Peers::waitUntilReady(const std::string& name) {
+bool Peers::waitUntilReady(const std::string& peer) {
     const auto limit = std::chrono::steady_clock::now() + kReadyLimit;
-    while (!mRecorder.waitFor({name, {"ready"}}, 0, kTick)) {
-        if (!isAlive(name) || mRecorder.isInterrupted() || std::chrono::steady_clock::now() > limit)
+    while (!mRecorder.waitFor({peer, {"ready"}}, 0, kTick)) {
+        if (!isAlive(peer) || mRecorder.isInterrupted() || std::chrono::steady_clock::now() > limit)
             return false;
     }
     return true;
 }
 
 bool Peers::send(const std::string& peer, const std::string& line) {
-    return mChildren.at(peer)->writeLine(line);
+    return mPrograms.send(peer, line);
 }
 
 bool Peers::isAlive(const std::string& peer) {
-    return !mChildren.at(peer)->wait(std::chrono::milliseconds(0));
+    return !mPrograms.exitCode(peer);
 }
 
 bool Peers::end() {
     bool allWell = true;
-    for (const char* name : {"app", "camera_server", "service"})
-        allWell = end(name) && allWell;
+    for (const char* peer : {"app", "camera_server", "service"})
+        allWell = end(peer) && allWell;
     mEvents.finish();
     return allWell;
 }
 
-bool Peers::end(const std::string& name) {
-    const auto entry = mChildren.find(name);
-    if (entry == mChildren.end()) return true;
-    const std::unique_ptr<ChildProcess> child = std::move(entry->second);
-    mChildren.erase(entry);
-
-    child->closeInput();  // ends the peers that read commands
-    if (name == "service") child->kill(SIGTERM);
-    const auto code = child->wait(kEndLimit);
-    if (code) tell(name, "ended");
-    if (code == 0) return true;
-    if (!code) {  // it may still take back what it wrote
-        child->kill(SIGTERM);
-        (void)child->wait(kEndLimit);
-    }
-    std::printf("%s did not end well: %s\n", name.c_str(), code ? std::to_string(*code).c_str() : "it hangs");
+bool Peers::end(const std::string& peer) {
+    const auto code = mPrograms.end(peer);
+    if (!code) return true;
+    tell(peer, "ended");
+    if (*code == 0) return true;
+    const bool hangs = *code == PeerPrograms::kHangs;
+    std::printf("%s did not end well: %s\n", peer.c_str(),
+                hangs ? "it hangs" : std::to_string(*code).c_str());
     return false;
 }
 
-// The camera server first: it takes its output back, and without it nobody misses the others.
 void Peers::interrupt() {
-    for (const char* name : {"camera_server", "app", "service"}) {
-        const auto entry = mChildren.find(name);
-        if (entry == mChildren.end()) continue;
-        entry->second->kill(SIGTERM);
-        (void)entry->second->wait(kEndLimit);
-        mChildren.erase(entry);
-        tell(name, "ended");
-    }
+    mPrograms.interrupt();
     mEvents.finish();
 }
 

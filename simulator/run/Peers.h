@@ -1,13 +1,10 @@
 #pragma once
 
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
 #include "EventCollector.h"
-#include "PrivateBus.h"
+#include "PeerPrograms.h"
 #include "Recorder.h"
 #include "SessionRecord.h"
 
@@ -39,25 +36,23 @@ class Peers {
     /** Writes a line to a peer's input ("app" or "camera_server"); false when it no longer reads. */
     bool send(const std::string& peer, const std::string& line);
 
-    /** Ends the peers as a person would; true when each ended by itself and well. */
+    /** Ends the peers as a person would; true when each ended by itself and well. The session is complete. */
     bool end();
 
-    /** Ends the peers at once, whatever they are doing. */
+    /** Ends the peers at once, whatever they are doing. The session is complete. */
     void interrupt();
 
   private:
-    void start(const std::string& name, const std::string& program, const std::vector<std::string>& arguments,
-               int inherited = -1);
-    void tell(const std::string& name, const std::string& action);
-    bool waitUntilReady(const std::string& name);
-    bool end(const std::string& name);
+    void start(const std::string& peer, std::vector<std::string> arguments,
+               std::vector<int> descriptors = {});
+    void tell(const std::string& peer, const std::string& action);
+    bool waitUntilReady(const std::string& peer);
+    bool end(const std::string& peer);
 
-    const std::string mDirectory;
     Recorder& mRecorder;
     SessionRecord& mSession;
     EventCollector mEvents;
-    PrivateBus mBus;
-    std::map<std::string, std::unique_ptr<ChildProcess>> mChildren;
+    PeerPrograms mPrograms;
 };
 
 }  // namespace vel::sim
