@@ -104,7 +104,7 @@ function captureText() {
     }
     if (!last) return "never without replacement";
     const { withoutMs, stream, ts } = last;
-    return `replaced; were without for ${milliseconds(withoutMs)} (stream ${stream}), until ${seconds(ts)} s`;
+    return `replaced; without for ${milliseconds(withoutMs)} until ${seconds(ts)} s (stream ${stream})`;
 }
 
 const streamsText = () => `stream ${[...without.keys()].sort().join(", ")}`;
