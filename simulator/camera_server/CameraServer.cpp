@@ -7,6 +7,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "CameraWatch.h"
 #include "CaptureSession.h"
 #include "Program.h"
 #include "StopSignal.h"
@@ -55,7 +56,8 @@ struct CameraServer::Camera {
     std::unique_ptr<TaskThread> captures;  // from the first one on; last: it uses the members above
 };
 
-CameraServer::CameraServer(VelChiDesktopHelper* helper) : mHelper(helper) {}
+CameraServer::CameraServer(VelChiDesktopHelper* helper, CameraWatch& watch)
+    : mHelper(helper), mWatch(watch) {}
 
 CameraServer::~CameraServer() {
     stop();
@@ -83,6 +85,7 @@ bool CameraServer::execute(const std::string& line) {
 void CameraServer::open(uint32_t fwkId) {
     uint32_t cameraId = fwkId;
     mHelper->updateCameraIdOnHalOpen(cameraId);
+    mWatch.look();
     {
         std::lock_guard<std::mutex> lock(mLock);
         std::unique_ptr<Camera>& camera = mOpenCameras[fwkId];
@@ -96,6 +99,7 @@ void CameraServer::open(uint32_t fwkId) {
 void CameraServer::close(uint32_t fwkId) {
     retire(fwkId);
     mHelper->onHalClose(fwkId);
+    mWatch.look();
     printLine("close %u", fwkId);
 }
 
@@ -165,6 +169,7 @@ void CameraServer::restartSession(uint32_t fwkId) {
         printLine("restart of %u: camera %u stays", fwkId, cameraId);
         return;
     }
+    mWatch.look();
     printLine("restart of %u: camera %u must be switched", original, cameraId);
     open(original);
 }

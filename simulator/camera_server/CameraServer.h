@@ -11,6 +11,8 @@ class VelChiDesktopHelper;
 
 namespace vel::sim {
 
+class CameraWatch;
+
 /**
  * A camera HAL as the library sees it: opens and closes framework cameras, and restarts a session by asking
  * whether the open camera must be switched and opening it again without a close; captures frames and has
@@ -21,7 +23,8 @@ namespace vel::sim {
  */
 class CameraServer {
   public:
-    explicit CameraServer(VelChiDesktopHelper* helper);
+    /** watch: is told of what may have changed. */
+    CameraServer(VelChiDesktopHelper* helper, CameraWatch& watch);
     /** Ends the captures and waits for it. */
     ~CameraServer();
 
@@ -51,6 +54,7 @@ class CameraServer {
     bool startCaptures(Camera& camera);
 
     VelChiDesktopHelper* const mHelper;
+    CameraWatch& mWatch;
     std::mutex mLock;  // held to change what follows, and by stop()
     bool mIsStopped = false;
     std::map<uint32_t, std::unique_ptr<Camera>> mOpenCameras;  // by framework id

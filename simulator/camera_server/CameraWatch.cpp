@@ -1,12 +1,9 @@
 #include "CameraWatch.h"
 
-#include <VelChiDesktopHelper.h>
 #include <android/log.h>
 
-#include <array>
-#include <mutex>
-#include <optional>
 #include <string>
+#include <tuple>
 
 #include "DesktopHelperTestAccess.h"
 #include "EventWriter.h"
@@ -17,35 +14,7 @@ namespace vel::sim {
 namespace {
 
 constexpr std::chrono::milliseconds kLookEvery{10};
-constexpr uint32_t kCameras = 16;
-
 using Access = DesktopHelperTestAccess;
-using Record = VelChiDesktopHelper::DesktopSettings;
-using Records = std::array<Record, kCameras>;
-
-Records read(VelChiDesktopHelper& helper) {
-    std::lock_guard<std::mutex> lock(Access::settingsLock(helper));
-    Records records;
-    for (uint32_t fwkId = 0; fwkId < kCameras; ++fwkId)
-        records[fwkId] = Access::settings(helper, fwkId);
-    return records;
-}
-
-bool isEqual(const Record& one, const Record& other) {
-    return one.isDesktop == other.isDesktop && one.overrideAllowed == other.overrideAllowed &&
-           one.restartPending == other.restartPending && one.defaultOverrideId == other.defaultOverrideId &&
-           one.requiredOverrideId == other.requiredOverrideId &&
-           one.currentOverrideId == other.currentOverrideId;
-}
-
-void tell(uint32_t fwkId, const Record& record) {
-    JsonObject args;
-    args.add("camera", fwkId).add("default", record.defaultOverrideId);
-    args.add("required", record.requiredOverrideId).add("open", record.currentOverrideId);
-    args.add("desktop", record.isDesktop).add("overrideAllowed", record.overrideAllowed);
-    args.add("restartPending", record.restartPending);
-    events::instant(Track::CAMERAS, "camera", "camera " + std::to_string(fwkId), args);
-}
 
 void log(const __android_logger_data* data, const char* message) {
     __android_log_stderr_logger(data, message);
@@ -61,7 +30,12 @@ void log(const __android_logger_data* data, const char* message) {
 }  // namespace
 
 CameraWatch::CameraWatch(VelChiDesktopHelper* helper) : mHelper(helper) {
-    if (events::areWanted()) mThread = startThread("the cameras' records", [this] { run(); });
+    if (!events::areWanted()) return;
+    mThread = startThread("the cameras' records", [this] {
+        do {
+            look();
+        } while (mEnd.waitFor(kLookEvery));
+    });
 }
 
 CameraWatch::~CameraWatch() {
@@ -69,15 +43,39 @@ CameraWatch::~CameraWatch() {
     if (mThread.joinable()) mThread.join();
 }
 
-void CameraWatch::run() {
-    std::optional<Records> told;
-    do {
-        const Records records = read(*mHelper);
-        for (uint32_t fwkId = 0; fwkId < kCameras; ++fwkId) {
-            if (!told || !isEqual(records[fwkId], (*told)[fwkId])) tell(fwkId, records[fwkId]);
-        }
-        told = records;
-    } while (mEnd.waitFor(kLookEvery));
+void CameraWatch::look() {
+    if (!events::areWanted()) return;
+    std::lock_guard<std::mutex> lock(mLock);
+    const Records records = read();
+    for (uint32_t fwkId = 0; fwkId < records.size(); ++fwkId) {
+        if (!mTold || !isEqual(records[fwkId], (*mTold)[fwkId])) tell(fwkId, records[fwkId]);
+    }
+    mTold = records;
+}
+
+CameraWatch::Records CameraWatch::read() const {
+    std::lock_guard<std::mutex> lock(Access::settingsLock(*mHelper));
+    Records records;
+    for (uint32_t fwkId = 0; fwkId < records.size(); ++fwkId)
+        records[fwkId] = Access::settings(*mHelper, fwkId);
+    return records;
+}
+
+bool CameraWatch::isEqual(const Record& one, const Record& other) {
+    const auto fields = [](const Record& record) {
+        return std::tie(record.isDesktop, record.overrideAllowed, record.restartPending,
+                        record.defaultOverrideId, record.requiredOverrideId, record.currentOverrideId);
+    };
+    return fields(one) == fields(other);
+}
+
+void CameraWatch::tell(uint32_t fwkId, const Record& record) {
+    JsonObject args;
+    args.add("camera", fwkId).add("default", record.defaultOverrideId);
+    args.add("required", record.requiredOverrideId).add("open", record.currentOverrideId);
+    args.add("desktop", record.isDesktop).add("overrideAllowed", record.overrideAllowed);
+    args.add("restartPending", record.restartPending);
+    events::instant(Track::CAMERAS, "camera", "camera " + std::to_string(fwkId), args);
 }
 
 void tellLibraryLog() {

@@ -1,17 +1,19 @@
 #pragma once
 
-#include <memory>
+#include <VelChiDesktopHelper.h>
+
+#include <array>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 #include "StopSignal.h"
 
-class VelChiDesktopHelper;
-
 namespace vel::sim {
 
 /**
- * Tells the library's records of its cameras as events, all at the start and then those that change, as they
- * are found on a thread of its own. Without a thread when nobody wants events.
+ * Tells the library's records of its cameras as events, all at the start and then those that change. A thread
+ * of its own looks now and then, since the application changes them, too; none when nobody wants events.
  */
 class CameraWatch {
   public:
@@ -21,10 +23,20 @@ class CameraWatch {
     CameraWatch(const CameraWatch&) = delete;
     CameraWatch& operator=(const CameraWatch&) = delete;
 
+    /** Looks now. Any thread. */
+    void look();
+
   private:
-    void run();
+    using Record = VelChiDesktopHelper::DesktopSettings;
+    using Records = std::array<Record, 16>;
+
+    Records read() const;
+    static bool isEqual(const Record& one, const Record& other);
+    static void tell(uint32_t fwkId, const Record& record);
 
     VelChiDesktopHelper* const mHelper;
+    std::mutex mLock;
+    std::optional<Records> mTold;  // guarded by mLock
     StopSignal mEnd;
     std::thread mThread;
 };

@@ -28,6 +28,11 @@ bool FrameSensor::execute(const std::string& line) try {
         end();
         return true;
     }
+    if (FieldList(line).word(1) == "end-node") {
+        if (mSession == nullptr) throw std::invalid_argument("no frames run");
+        mSession->endNode();
+        return true;
+    }
     const FrameSetup setup = readFrameSetup(line);
     if (mSession != nullptr && !mSession->isOver()) throw std::invalid_argument("frames run already");
     end();

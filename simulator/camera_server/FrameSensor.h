@@ -31,8 +31,10 @@ class FrameSensor {
      * starts frames: it says that they are ready, waits until the application has configured them, and
      * streams. Count 0 has no end but "frames end", which waits for it. An input gives stream 0 its pictures
      * and the size; "-" is YUV4MPEG2 from the descriptor that setStream() gave. With an input or an output
-     * no frame is repeated or dropped. The last line tells how it ended: "frames ended: well", or the reason.
-     * False, said in an error line, when the line is not understood or frames run already.
+     * no frame is repeated or dropped. "frames end-node" ends the substitution node as a HAL does that goes
+     * on without it: the frames have no replacements from then on. The last line tells how it ended: "frames
+     * ended: well", or the reason. False, said in an error line, when the line is not understood or frames
+     * run already.
      */
     bool execute(const std::string& line);
 

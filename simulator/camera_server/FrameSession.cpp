@@ -22,6 +22,7 @@ namespace vel::sim {
 namespace {
 
 constexpr std::chrono::seconds kReportEvery{1};
+constexpr std::chrono::milliseconds kNodePause{2};
 
 bool isPowerOfTwo(uint32_t number) {
     return (number & (number - 1)) == 0;
@@ -113,6 +114,15 @@ void FrameSession::stop(bool isAborted) {
     eventfd_write(mCancel, 1);
 }
 
+// The library keeps the node as long as a frame uses it.
+void FrameSession::endNode() {
+    mIsNodeGone = true;
+    do {
+        mHelper->ImgSubNodeDisconnect();
+    } while (std::atomic_load(&mHelper->mImgSubHelper) != nullptr && mStreamsEnd.waitFor(kNodePause));
+    printLine("frames: the substitution node has ended");
+}
+
 void FrameSession::play() {
     openFiles();
     makeStreams();
@@ -154,6 +164,7 @@ FrameStream::Setup FrameSession::streamSetup(uint32_t index) {
     setup.fps = mSource->fps();
     setup.isLossless = mSetup.isLossless();
     setup.hasCounters = !mSource->isVideo();
+    setup.isNodeGone = &mIsNodeGone;
     setup.draw = mSource->drawing(index);
     setup.output = [this](const auto&... frames) { output(frames...); };
     return setup;

@@ -37,6 +37,8 @@ class FrameSession {
     void run();
     /** Ends the frames early, which is a failure of those that are aborted or have an input. Any thread. */
     void stop(bool isAborted);
+    /** Ends the substitution node while the frames go on. Waits for those that are under way. Any thread. */
+    void endNode();
     /** Whether run() has told the outcome, or is about to. Any thread. */
     bool isOver() const { return mIsOver; }
 
@@ -67,6 +69,7 @@ class FrameSession {
     StopSignal mStreamsEnd;  // the streams have ended
     std::atomic<size_t> mRunning{0};
     std::atomic<bool> mIsOver{false};
+    std::atomic<bool> mIsNodeGone{false};
     std::mutex mLock;
     ContactSheet mSheet;   // guarded by mLock
     std::string mProblem;  // guarded by mLock; the first one

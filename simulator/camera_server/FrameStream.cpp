@@ -71,6 +71,12 @@ void FrameStream::run() {
     }
 }
 
+// Null while there is none for frames.
+std::shared_ptr<VelImgSubHelper> FrameStream::node() const {
+    if (mSetup.isNodeGone != nullptr && *mSetup.isNodeGone) return nullptr;
+    return std::atomic_load(&mHelper->mImgSubHelper);
+}
+
 // The time at which the frame is to be captured.
 StopSignal::Clock::time_point FrameStream::due() const {
     if (mSetup.fps == 0) return mStart;
@@ -87,7 +93,7 @@ void FrameStream::runLive() {
     while (mSetup.count == 0 || mCounter < mSetup.count) {
         if (!mStop.waitUntil(due())) return;
         skipMissed();
-        const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
+        const auto helper = node();
         if (!draw()) return;
         if (helper != nullptr && send(*helper)) {
             exchange(*helper);
@@ -104,7 +110,7 @@ bool FrameStream::sendFirst() {
     const auto limit = StopSignal::Clock::now() + kApplicationLimit;
     if (!draw()) return false;
     for (;;) {
-        const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
+        const auto helper = node();
         mStart = StopSignal::Clock::now();
         if (helper != nullptr && send(*helper)) {
             exchange(*helper);
@@ -175,7 +181,7 @@ void FrameStream::runLossless() {
 bool FrameStream::exchangeWithoutLoss() {
     const auto limit = StopSignal::Clock::now() + (mCounter == 0 ? kApplicationLimit : kReplacementLimit);
     while (!mStop.isSet()) {
-        const auto helper = std::atomic_load(&mHelper->mImgSubHelper);
+        const auto helper = node();
         if (helper != nullptr && send(*helper) && awaitReplacement(helper)) return true;
         if (StopSignal::Clock::now() > limit) {
             throw std::runtime_error("no replacement of frame " + std::to_string(mCounter) + " of stream " +
@@ -191,8 +197,7 @@ bool FrameStream::exchangeWithoutLoss() {
 bool FrameStream::awaitReplacement(const std::shared_ptr<VelImgSubHelper>& helper) {
     const int64_t startNs = steadyNowNs();
     const auto limit = StopSignal::Clock::now() + kSendAgainAfter;
-    while (!mStop.isSet() && StopSignal::Clock::now() < limit &&
-           std::atomic_load(&mHelper->mImgSubHelper) == helper) {
+    while (!mStop.isSet() && StopSignal::Clock::now() < limit && node() == helper) {
         const Taken taken = take(*helper);
         noteChange(taken.outcome);
         if (taken.outcome == Outcome::REPLACED) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -54,6 +55,7 @@ class FrameStream {
         // repeated or dropped.
         bool isLossless = false;
         bool hasCounters = false;  // the pictures carry frame counters, which are checked
+        const std::atomic<bool>* isNodeGone = nullptr;  // set: frames go on without the substitution node
         Draw draw;
         Output output;
     };
@@ -84,6 +86,7 @@ class FrameStream {
     void runLossless();
     bool draw();
     bool sendFirst();
+    std::shared_ptr<VelImgSubHelper> node() const;
     void skipMissed();
     void exchange(VelImgSubHelper& helper);
     bool exchangeWithoutLoss();

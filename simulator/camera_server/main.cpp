@@ -40,7 +40,7 @@ constexpr char kCommands[] =
     "         [input=FILE] [output=FILE] [sheet=FILE] [loop=0]\n"
     "      streams frames once the application has configured them; count=0 has no end but\n"
     "      frames end; with loop=1 the input is played at its own rate, over and over\n"
-    "  frames end\n"
+    "  frames end, frames end-node\n"
     "  pictures STREAM[,STREAM...], pictures none\n"
     "      sends small pictures of these streams to the descriptor of --pictures\n"
     "  help";
@@ -120,8 +120,8 @@ int serve(const Options& options) {
     TaskQueue cameraTasks;
     VelChiDesktopHelper* const helper = VelChiDesktopHelper::getInstance();
     vel::sim::installVendorTags(*helper);
-    const vel::sim::CameraWatch watch(helper);
-    CameraServer server(helper);
+    vel::sim::CameraWatch watch(helper);
+    CameraServer server(helper, watch);
     PictureTap pictures(options.picturesFd);
     FrameSensor sensor(helper);
     sensor.setStream(options.videoFd);

@@ -19,9 +19,7 @@ constexpr char kWaitsForInput[] = "waiting for input";
 constexpr std::chrono::milliseconds kTick{100};
 
 std::string cameraCommand(const FrameOptions& options) {
-    std::string command = "frames 0 sheet=out/contact-sheet.png";
-    command += options.input.empty() ? " size=1920x1080 streams=2 fps=30 count=120"
-                                     : " input=" + FieldList::quoted(options.input);
+    std::string command = "frames 0 sheet=out/contact-sheet.png input=" + FieldList::quoted(options.input);
     if (!options.output.empty()) command += " output=" + FieldList::quoted(options.output);
     return command;
 }

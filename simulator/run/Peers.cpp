@@ -1,8 +1,14 @@
 #include "Peers.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
+
+#include "Program.h"
+#include "Timeline.h"
+#include "TraceEvent.h"
 
 namespace vel::sim {
 
@@ -11,32 +17,55 @@ constexpr std::chrono::seconds kReadyLimit{10};
 constexpr std::chrono::milliseconds kTick{50};
 }  // namespace
 
-Peers::Peers(const std::string& directory, Recorder& recorder)
-    : mRecorder(recorder), mPrograms(directory, [this](const std::string& peer, const std::string& line) {
-          mRecorder.add(peer, line);
-      }) {}
+Peers::Peers(const std::string& directory, Recorder& recorder, SessionRecord& session)
+    : mRecorder(recorder),
+      mSession(session),
+      mEvents([this](const std::string& line) { (void)mSession.add(line); }),
+      mPrograms(directory,
+                [this](const std::string& peer, const std::string& line) { mRecorder.add(peer, line); }) {
+    setTimeOrigin(mPrograms.originNs());
+}
 
 Peers::~Peers() {
     end();
 }
 
-bool Peers::start(bool passStandardInput) {
-    mPrograms.start("service", {{"--trace"}, {}});
-    if (!waitUntilReady("service")) return false;
+bool Peers::startService() {
+    start("service", {"--trace"});
+    return waitUntilReady("service");
+}
+
+void Peers::startClients(bool passStandardInput) {
     // The camera server alone has it: whoever feeds it notices when that one ends.
-    const android::base::unique_fd stream(passStandardInput ? dup(STDIN_FILENO) : -1);
-    PeerPrograms::Start camera{{"--video-fd", std::to_string(stream.get())}, {}};
-    if (stream >= 0) camera.descriptors = {stream};
-    mPrograms.start("camera_server", camera);
-    mPrograms.start("app", {{"-", "--change-metadata"}, {}});
-    return true;
+    const android::base::unique_fd stream(passStandardInput ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : -1);
+    start("camera_server", {"--video-fd", std::to_string(stream.get())},
+          stream >= 0 ? std::vector<int>{stream} : std::vector<int>{});
+    start("app", {"-", "--change-metadata"});
+}
+
+void Peers::start(const std::string& peer, std::vector<std::string> arguments, std::vector<int> descriptors) {
+    const android::base::unique_fd events = mEvents.open();
+    arguments.insert(arguments.end(), {"--events", std::to_string(events.get())});
+    descriptors.push_back(events);
+    mPrograms.start(peer, {std::move(arguments), std::move(descriptors)});
+    tell(peer, "started");
+}
+
+void Peers::tell(const std::string& peer, const std::string& action) {
+    TraceEvent event;
+    event.category = "fault";
+    event.name = peer + " " + action;
+    event.track = Track::FAULTS;
+    event.timeNs = steadyNowNs();
+    event.args.add("peer", peer).add("action", action);
+    (void)mSession.add(event.line());
 }
 
 // False when the program ends first, or the limit passes.
-bool Peers::waitUntilReady(const std::string& name) {
+bool Peers::waitUntilReady(const std::string& peer) {
     const auto limit = std::chrono::steady_clock::now() + kReadyLimit;
-    while (!mRecorder.waitFor({name, {"ready"}}, 0, kTick)) {
-        if (!isAlive(name) || mRecorder.isInterrupted() || std::chrono::steady_clock::now() > limit)
+    while (!mRecorder.waitFor({peer, {"ready"}}, 0, kTick)) {
+        if (!isAlive(peer) || mRecorder.isInterrupted() || std::chrono::steady_clock::now() > limit)
             return false;
     }
     return true;
@@ -52,18 +81,26 @@ bool Peers::isAlive(const std::string& peer) {
 
 bool Peers::end() {
     bool allWell = true;
-    for (const char* name : {"app", "camera_server", "service"})
-        allWell = end(name) && allWell;
+    for (const char* peer : {"app", "camera_server", "service"})
+        allWell = end(peer) && allWell;
+    mEvents.finish();
     return allWell;
 }
 
-bool Peers::end(const std::string& name) {
-    const auto code = mPrograms.end(name);
-    if (!code || *code == 0) return true;
+bool Peers::end(const std::string& peer) {
+    const auto code = mPrograms.end(peer);
+    if (!code) return true;
+    tell(peer, "ended");
+    if (*code == 0) return true;
     const bool hangs = *code == PeerPrograms::kHangs;
-    std::printf("%s did not end well: %s\n", name.c_str(),
+    std::printf("%s did not end well: %s\n", peer.c_str(),
                 hangs ? "it hangs" : std::to_string(*code).c_str());
     return false;
+}
+
+void Peers::interrupt() {
+    mPrograms.interrupt();
+    mEvents.finish();
 }
 
 }  // namespace vel::sim

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
+#include "EventCollector.h"
 #include "PeerPrograms.h"
 #include "Recorder.h"
+#include "SessionRecord.h"
 
 namespace vel::sim {
 
@@ -13,32 +16,42 @@ namespace vel::sim {
  */
 class Peers {
   public:
-    /** Starts the bus. The programs are looked for in the folder; their output goes to the recorder. */
-    Peers(const std::string& directory, Recorder& recorder);
+    /**
+     * Starts the bus; the session's times count from now. The programs are looked for in the folder; their
+     * output goes to the recorder, their events to the session.
+     */
+    Peers(const std::string& directory, Recorder& recorder, SessionRecord& session);
     ~Peers();
 
+    /** Starts the service; false when it does not become ready. */
+    bool startService();
     /**
-     * Starts the programs; false when the service does not become ready. The camera server gets this
+     * Starts the camera server and the application, which wait for the service. The camera server gets this
      * process's standard input as its stream of video when asked for.
      */
-    bool start(bool passStandardInput);
+    void startClients(bool passStandardInput);
     /** False once the peer has ended by itself. */
     bool isAlive(const std::string& peer);
 
     /** Writes a line to a peer's input ("app" or "camera_server"); false when it no longer reads. */
     bool send(const std::string& peer, const std::string& line);
 
-    /** Ends the peers as a person would; true when each ended by itself and well. */
+    /** Ends the peers as a person would; true when each ended by itself and well. The session is complete. */
     bool end();
 
-    /** Ends the peers at once, whatever they are doing. */
-    void interrupt() { mPrograms.interrupt(); }
+    /** Ends the peers at once, whatever they are doing. The session is complete. */
+    void interrupt();
 
   private:
-    bool waitUntilReady(const std::string& name);
-    bool end(const std::string& name);
+    void start(const std::string& peer, std::vector<std::string> arguments,
+               std::vector<int> descriptors = {});
+    void tell(const std::string& peer, const std::string& action);
+    bool waitUntilReady(const std::string& peer);
+    bool end(const std::string& peer);
 
     Recorder& mRecorder;
+    SessionRecord& mSession;
+    EventCollector mEvents;
     PeerPrograms mPrograms;
 };
 

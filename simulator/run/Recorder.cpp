@@ -49,6 +49,11 @@ void Recorder::printOnlyFirst(const Expectation& pattern, size_t count) {
     mQuotas.push_back({pattern, count});
 }
 
+void Recorder::printAll() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mQuotas.clear();
+}
+
 // Whether the line is to be printed.
 bool Recorder::takeFromQuota(const Entry& entry) {
     const auto quota = std::find_if(mQuotas.begin(), mQuotas.end(), [&](const Quota& candidate) {

@@ -31,6 +31,8 @@ class Recorder {
      * as before. A line that meets several patterns counts for the one that was given first.
      */
     void printOnlyFirst(const Expectation& pattern, size_t count);
+    /** Forgets these patterns. */
+    void printAll();
 
     /**
      * Prints the lines that came since the last print, in the order of their times. When they cannot be

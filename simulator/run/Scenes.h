@@ -4,6 +4,12 @@
 
 namespace vel::sim {
 
+/**
+ * The camera server opens a camera and captures while there is no service, which then appears; the line
+ * "start" for the actor "service" is to start it. All three peers are at the service in the end.
+ */
+Scene lateService();
+
 /** All three peers are at the service. */
 Scene registration();
 
@@ -16,7 +22,15 @@ Scene cameraSwitch();
  */
 Scene metadataExchange();
 
-/** What of its messages to print, so that the frames do not bury the rest: one request and one result. */
+/**
+ * Two streams of frames, each through the application: the camera is switched while they flow, they end and
+ * begin at another size, and go on without replacements when the substitution node ends. output: a file for
+ * the first frames' replacements; empty for none.
+ */
+Scene liveFrames(const std::string& effect, const std::string& output);
+
+/** What of the messages of captures to print, so that the frames do not bury the rest: one request and one
+ * result. */
 void printFewCaptures(Recorder& recorder);
 
 }  // namespace vel::sim

@@ -1,6 +1,5 @@
-// Plays a camera switch, an exchange of capture metadata and frames between the desktop service, the desktop
-// application and the camera server, each a process of its own on a private bus, and checks that every
-// expected message was seen.
+// Plays a session between the desktop service, the desktop application and the camera server, each a process
+// of its own on a private bus, and checks that every expected message was seen.
 
 #include <unistd.h>
 
@@ -15,12 +14,17 @@
 #include "Program.h"
 #include "Recorder.h"
 #include "Scenes.h"
+#include "SessionRecord.h"
 
 namespace {
 
 using vel::sim::FrameOptions;
 using vel::sim::Peers;
 using vel::sim::Recorder;
+using vel::sim::SessionRecord;
+
+constexpr char kTraceFile[] = "out/trace.json";
+constexpr char kSessionFile[] = "out/session.json";
 
 struct Options {
     std::string directory;
@@ -39,22 +43,40 @@ struct Outcome {
 Outcome playAll(Peers& peers, const FrameOptions& frames, Recorder& recorder) {
     Outcome outcome;
     const auto send = [&](const std::string& peer, const std::string& line) {
-        return peers.send(peer, line);
+        return peer == "service" ? peers.startService() : peers.send(peer, line);
     };
     const auto mayGoOn = [&] { return outcome.isWell() && !recorder.isInterrupted(); };
     const auto playNext = [&](const vel::sim::Scene& scene) {
         if (mayGoOn()) outcome.missing = vel::sim::play(scene, recorder, send);
     };
-    playNext(vel::sim::registration());
     if (frames.input.empty()) {
+        peers.startClients(false);
+        playNext(vel::sim::lateService());
         playNext(vel::sim::cameraSwitch());
         vel::sim::printFewCaptures(recorder);
         playNext(vel::sim::metadataExchange());
+        recorder.printAll();
+        playNext(vel::sim::liveFrames(frames.effect, frames.output));
+        return outcome;
     }
+    if (!peers.startService()) return {{}, "the desktop service did not start"};
+    peers.startClients(frames.input == "-");
+    playNext(vel::sim::registration());
     if (!mayGoOn()) return outcome;
     const auto isCameraAlive = [&] { return peers.isAlive("camera_server"); };
     outcome.problem = vel::sim::playFrames(frames, recorder, send, isCameraAlive);
     return outcome;
+}
+
+// Writes what is left of a run; false, with a line, when that fails.
+bool writeFiles(const SessionRecord& session) try {
+    session.writeTrace(kTraceFile);
+    session.writeSession(kSessionFile);
+    std::printf("\nthe trace is in %s, what a page shows again in %s\n", kTraceFile, kSessionFile);
+    return true;
+} catch (const std::runtime_error& error) {
+    std::fprintf(stderr, "desktop_run: %s\n", error.what());
+    return false;
 }
 
 // The exit code of a run that ended by itself, after a word on it.
@@ -68,21 +90,19 @@ int tell(const Outcome& outcome, bool programsEndedWell, bool hasVideo) {
 }
 
 int play(const Options& options, Recorder& recorder) {
-    Peers peers(options.directory, recorder);
-    Outcome outcome;
-    if (peers.start(options.frames.input == "-")) {
-        outcome = playAll(peers, options.frames, recorder);
-    } else {
-        outcome.problem = "the desktop service did not start";
-    }
+    SessionRecord session;
+    Peers peers(options.directory, recorder, session);
+    const Outcome outcome = playAll(peers, options.frames, recorder);
     if (recorder.isInterrupted()) {
         peers.interrupt();
+        (void)writeFiles(session);
         std::printf("\ninterrupted\n");
         return 130;
     }
     const bool endedWell = peers.end();
     recorder.print();
-    return tell(outcome, endedWell, !options.frames.input.empty());
+    const bool hasFiles = writeFiles(session);
+    return tell(outcome, endedWell && hasFiles, !options.frames.input.empty());
 }
 
 // A file's name goes to the camera server in a line.
@@ -100,10 +120,11 @@ std::string ownDirectory() {
 
 std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App cli(
-        "Plays a camera switch, an exchange of capture metadata and frames that are replaced between the "
-        "desktop service, the desktop application and the camera server on a private bus. Prints the "
-        "timeline, writes out/contact-sheet.png, and fails, naming what is missing, unless all went as "
-        "expected. Leaves no process behind.");
+        "Plays a session between the desktop service, the desktop application and the camera server on a "
+        "private bus: a service that appears late, camera switches, an exchange of capture metadata, and "
+        "frames that are replaced. Prints the timeline, writes out/contact-sheet.png, out/trace.json and "
+        "out/session.json, and fails, naming what is missing, unless all went as expected. Leaves no process "
+        "behind.");
     options.directory = ownDirectory();
     cli.add_option("--programs", options.directory,
                    "folder of the three programs (default: this program's own)")

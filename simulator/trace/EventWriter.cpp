@@ -161,8 +161,8 @@ bool EventWriter::write(const std::string& text) {
         if (count > 0 || (count < 0 && errno == EINTR)) continue;
         if (count == 0 || errno != EAGAIN) return false;
         pollfd writable{mFd, POLLOUT, 0};
-        (void)poll(&writable, 1, static_cast<int>(kTick.count()));
-        if (buffer().isOver() && ++ticks > kTicksAtEnd) return false;
+        const bool isStuck = poll(&writable, 1, static_cast<int>(kTick.count())) == 0;
+        if (isStuck && buffer().isOver() && ++ticks == kTicksAtEnd) return false;
     }
     return true;
 }

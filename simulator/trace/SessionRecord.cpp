@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <set>
 #include <utility>
 
 #include "AtomicFile.h"
@@ -78,12 +79,17 @@ void SessionRecord::writeTrace(const std::string& file) const {
 std::vector<std::string> SessionRecord::linesForPage() const {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<std::string> newest;
-    for (auto entry = mEntries.rbegin(); entry != mEntries.rend() && newest.size() < kMaxPageEvents;
-         ++entry) {
-        if (entry->isForPage) newest.push_back(entry->line);
+    std::set<std::string> cameras;  // seen
+    size_t left = kMaxPageEvents;
+    for (auto entry = mEntries.rbegin(); entry != mEntries.rend(); ++entry) {
+        const bool isNewestOfCamera = !entry->camera.empty() && cameras.insert(entry->camera).second;
+        if (!entry->isForPage || (left == 0 && !isNewestOfCamera)) continue;
+        newest.push_back(entry->line);
+        if (left > 0) --left;
     }
-    for (const auto& [name, line] : mLostCameras)
-        newest.push_back(line);
+    for (const auto& [camera, line] : mLostCameras) {
+        if (cameras.count(camera) == 0) newest.push_back(line);
+    }
     std::reverse(newest.begin(), newest.end());
     return newest;
 }

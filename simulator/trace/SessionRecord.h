@@ -37,8 +37,8 @@ class SessionRecord {
      */
     void writeTrace(const std::string& file) const;
     /**
-     * Writes {"format":1,"figures":{..},"events":[..]}, the newest kMaxPageEvents events for pages in the
-     * order in which they came. Throws as writeTraceFile() does.
+     * Writes {"format":1,"figures":{..},"events":[..]}, the newest kMaxPageEvents events for pages, and the
+     * newest of each camera, in the order in which they came. Throws as writeTraceFile() does.
      */
     void writeSession(const std::string& file) const;
 
