@@ -28,9 +28,10 @@ using httplib::Response;
 constexpr char kHost[] = "127.0.0.1";
 constexpr char kChartFile[] = "/usr/share/javascript/chart.js/chart.min.js";
 constexpr size_t kMaxBodyBytes = size_t{64} << 10;
-// A stream holds a thread. What is left of the threads is for everything else, so that it always gets one.
+// A stream holds a thread. What is left of the threads is for everything else, so that it always gets one; a
+// browser opens connections ahead, too, which hold one until it uses them.
 constexpr int kMaxStreams = 120;
-constexpr size_t kThreads = kMaxStreams + 40;
+constexpr size_t kThreads = kMaxStreams + 120;
 constexpr int kBacklog = 128;
 constexpr int kSendBufferBytes = 256 << 10;  // the kernel's, a connection
 constexpr time_t kWriteLimitSeconds = 3;
