@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "Access.h"
+#include "Connection.h"
 #include "EventFeed.h"
 #include "JsonObject.h"
 #include "PictureFeed.h"
@@ -34,7 +35,8 @@ constexpr int kMaxStreams = 120;
 constexpr size_t kThreads = kMaxStreams + 120;
 constexpr int kBacklog = 128;
 constexpr int kSendBufferBytes = 256 << 10;  // the kernel's, a connection
-constexpr time_t kWriteLimitSeconds = 3;
+constexpr std::chrono::seconds kReadLimit{5};
+constexpr std::chrono::seconds kWriteLimit{3};
 
 constexpr char kPlain[] = "text/plain; charset=utf-8";
 constexpr char kJson[] = "application/json";
@@ -124,6 +126,13 @@ class ConsoleServer::Http : private httplib::Server {
     }
 
   private:
+    // One request a connection: an idle one would hold a thread.
+    bool process_and_close_socket(socket_t socket) override {
+        Connection connection(socket, kReadLimit, kWriteLimit);
+        bool isClosed = false;
+        return connection.is_readable() && process_request(connection, true, isClosed, [](Request&) {});
+    }
+
     int bind(int port) {
         set_address_family(AF_INET);
         set_socket_options([](socket_t socket) {
@@ -140,8 +149,6 @@ class ConsoleServer::Http : private httplib::Server {
     void setLimits() {
         set_tcp_nodelay(true);
         set_payload_max_length(kMaxBodyBytes);
-        set_keep_alive_max_count(1);  // an idle connection would hold a thread
-        set_write_timeout(kWriteLimitSeconds);
     }
 
     void setChecks() {
@@ -217,7 +224,7 @@ class ConsoleServer::Http : private httplib::Server {
         response.set_content_provider("text/event-stream", [this, stream, reader](size_t, DataSink& sink) {
             const auto text = mEvents.next(*reader);
             if (!text) sink.done();
-            return text && (text->empty() || sink.write(text->data(), text->size()));
+            return text && sink.is_writable() && sink.write(text->data(), text->size());
         });
     }
 
@@ -227,7 +234,7 @@ class ConsoleServer::Http : private httplib::Server {
         const auto viewer = std::make_shared<PictureFeed::Viewer>(mPictures, index);
         const auto send = [stream, viewer](size_t offset, DataSink& sink) {
             const auto jpeg = viewer->next();
-            if (jpeg == nullptr) return !viewer->isOver();
+            if (jpeg == nullptr) return !viewer->isOver() && sink.is_writable();
             // The next boundary goes out with the picture: browsers show it once they see that.
             const std::string text =
                 (offset == 0 ? kBoundary : "") +

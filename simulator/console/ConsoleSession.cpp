@@ -127,6 +127,7 @@ void ConsoleSession::onCameraLine(const std::string& line) {
         send("camera_server", "capture " + opened + kCaptures);
     mCapturing.erase(cameraIn(line, "close"));
     mFrames.onCameraLine(line);
+    publishState();
 }
 
 void ConsoleSession::tick() {

@@ -1,5 +1,6 @@
 #include "FrameKeeper.h"
 
+#include <cstdio>
 #include <stdexcept>
 
 #include "FieldList.h"
@@ -57,6 +58,7 @@ void FrameKeeper::onCameraLine(const std::string& line) {
     const std::string said = saying(line);
     if (begins(said, ready.c_str())) {
         mReadySize = said.substr(ready.size(), said.find(' ', ready.size()) - ready.size());
+        noteSize();
         mIsRunning = true;
         mConfigured = Configured::NO;
         mNotBefore = {};
@@ -70,6 +72,12 @@ void FrameKeeper::onCameraLine(const std::string& line) {
         return;
     }
     step();
+}
+
+// An input has its own, and so have frames that were begun by hand.
+void FrameKeeper::noteSize() {
+    FrameSize size;
+    if (std::sscanf(mReadySize.c_str(), "%4dx%4d", &size.width, &size.height) == 2) mSettings.size = size;
 }
 
 void FrameKeeper::onAppLine(const std::string& line) {

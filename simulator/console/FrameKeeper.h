@@ -54,6 +54,7 @@ class FrameKeeper {
 
     void beginFrames();
     void configureApp();
+    void noteSize();
     bool isRefusal(const std::string& said) const;
 
     FrameSettings mSettings;
