@@ -65,26 +65,39 @@ ConsoleSession::~ConsoleSession() {
 }
 
 void ConsoleSession::start() {
-    std::promise<void> started;
-    mThread.tasks().post([&] {
-        try {
-            startPeers();
-            started.set_value();
-        } catch (...) {
-            started.set_exception(std::current_exception());
-        }
+    mThread.tasks().post([this] {
+        begin([this] {
+            mPeers = std::make_unique<PeerPrograms>(
+                mOptions.programs, [this](const std::string& peer, const std::string& line) {
+                    mThread.tasks().post([this, peer, line] { onLine(peer, line); });
+                });
+            setTimeOrigin(mPeers->originNs());
+            startPeer("service");
+        });
     });
-    started.get_future().get();
+    std::future<void> started = mStarted.get_future();
+    if (started.wait_for(kAnswerLimit) != std::future_status::ready)
+        throw std::runtime_error("the desktop service did not start");
+    started.get();
 }
 
-void ConsoleSession::startPeers() {
-    mPeers = std::make_unique<PeerPrograms>(
-        mOptions.programs, [this](const std::string& peer, const std::string& line) {
-            mThread.tasks().post([this, peer, line] { onLine(peer, line); });
-        });
-    setTimeOrigin(mPeers->originNs());
-    for (const char* peer : {"service", "camera_server", "app"})
-        startPeer(peer);
+// Does a step of the start, which fails with it.
+void ConsoleSession::begin(const std::function<void()>& step) {
+    try {
+        step();
+    } catch (...) {
+        mStarted.set_exception(std::current_exception());
+    }
+}
+
+// The library looks for a service when it is loaded, and then when a camera is opened.
+void ConsoleSession::onServiceReady() {
+    if (mPeerStates.count("app") != 0) return;  // it is another service
+    begin([this] {
+        startPeer("camera_server");
+        startPeer("app");
+        mStarted.set_value();
+    });
 }
 
 void ConsoleSession::startPeer(const std::string& peer) {
@@ -108,6 +121,7 @@ void ConsoleSession::startPeer(const std::string& peer) {
 }
 
 void ConsoleSession::onLine(const std::string& peer, const std::string& line) {
+    if (peer == "service" && line.find("SERVICE ready") != std::string::npos) onServiceReady();
     if (peer == "service" && line.find("HAL registered") != std::string::npos) onHalThere();
     if (peer == "camera_server") onCameraLine(line);
     if (peer == "app") mFrames.onAppLine(line);

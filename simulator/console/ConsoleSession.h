@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <set>
@@ -53,7 +54,8 @@ class ConsoleSession {
     Answer doFault(const ConsoleRequest& request);
     Answer save() const;
 
-    void startPeers();
+    void begin(const std::function<void()>& step);
+    void onServiceReady();
     void startPeer(const std::string& peer);
     void onLine(const std::string& peer, const std::string& line);
     void onHalThere();
@@ -73,6 +75,7 @@ class ConsoleSession {
     EventCollector mCollector;
     PictureFeed mPictures;
     // Of the thread below from here on.
+    std::promise<void> mStarted;  // once all peers are
     std::unique_ptr<PeerPrograms> mPeers;
     std::map<std::string, std::string> mPeerStates;
     FrameKeeper mFrames;
