@@ -17,7 +17,8 @@ constexpr std::chrono::milliseconds kLookEvery{10};
 using Access = DesktopHelperTestAccess;
 
 void log(const __android_logger_data* data, const char* message) {
-    __android_log_stderr_logger(data, message);
+    // What a terminal gets without a logger of one's own.
+    if (data->priority >= ANDROID_LOG_INFO) __android_log_stderr_logger(data, message);
     if (!events::areWanted()) return;
     static const char kLetters[] = "??VDIWEFS";
     const int priority = data->priority >= 0 && data->priority <= 8 ? data->priority : 0;
@@ -79,7 +80,9 @@ void CameraWatch::tell(uint32_t fwkId, const Record& record) {
 }
 
 void tellLibraryLog() {
-    if (events::areWanted()) __android_log_set_logger(log);
+    if (!events::areWanted()) return;
+    __android_log_set_logger(log);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 }  // namespace vel::sim

@@ -9,18 +9,11 @@
 #include <string>
 
 #include "EventWriter.h"
+#include "LatencyArgs.h"
 
 namespace vel::sim {
 
 namespace {
-
-JsonObject toJson(const LatencyStats& times) {
-    const auto microseconds = [](int64_t ns) { return static_cast<double>(ns) / 1e3; };
-    JsonObject percentiles;
-    percentiles.add("p50", microseconds(times.percentileNs(50)));
-    percentiles.add("p99", microseconds(times.percentileNs(99)));
-    return percentiles.add("max", microseconds(times.maxNs()));
-}
 
 std::string nameOf(uint32_t tag) {
     const char* const section = get_camera_metadata_section_name(tag);
@@ -93,14 +86,15 @@ void tellChanges(uint32_t fwkId, uint32_t frame, bool isRequest, const camera_me
 
 void tellExchangeTimes(const LatencyStats& second) {
     if (events::areWanted())
-        events::counter("figures", "exchange us", toJson(second).add("count", second.count()));
+        events::counter("figures", "exchange us", latencyArgs(second, 1e3).add("count", second.count()));
 }
 
 void tellCapturesEnd(uint32_t fwkId, uint32_t frames, const LatencyStats& all) {
     if (!events::areWanted()) return;
     JsonObject args;
     args.add("camera", fwkId).add("frames", frames).add("exchanges", all.count());
-    events::instant(Track::FIGURES, "figures", "captures ended", args.addJson("us", toJson(all).text()));
+    events::instant(Track::FIGURES, "figures", "captures ended",
+                    args.addJson("us", latencyArgs(all, 1e3).text()));
 }
 
 }  // namespace vel::sim

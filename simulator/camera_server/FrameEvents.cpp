@@ -1,19 +1,11 @@
 #include "FrameEvents.h"
 
 #include "EventWriter.h"
+#include "LatencyArgs.h"
 
 namespace vel::sim {
 
 namespace {
-
-JsonObject toJson(const LatencyStats& latency) {
-    const auto milliseconds = [](int64_t ns) { return static_cast<double>(ns) / 1e6; };
-    JsonObject percentiles;
-    percentiles.add("p50", milliseconds(latency.percentileNs(50)));
-    percentiles.add("p90", milliseconds(latency.percentileNs(90)));
-    percentiles.add("p99", milliseconds(latency.percentileNs(99)));
-    return percentiles.add("max", milliseconds(latency.maxNs()));
-}
 
 void add(JsonObject& object, const FrameCounts& counts) {
     object.add("sent", counts.sent).add("inTime", counts.replaced).add("late", counts.late);
@@ -35,7 +27,7 @@ void tellSecond(uint32_t stream, const FrameCounts& counts, const LatencyStats& 
     JsonObject values;
     add(values, counts);
     events::counter("figures", name + " frames", values);
-    if (latency.count() > 0) events::counter("figures", name + " latency ms", toJson(latency));
+    if (latency.count() > 0) events::counter("figures", name + " latency ms", latencyArgs(latency, 1e6));
 }
 
 void tellFramesEnd(const std::string& outcome, FrameSize size,
@@ -46,7 +38,7 @@ void tellFramesEnd(const std::string& outcome, FrameSize size,
         JsonObject stream;
         stream.add("stream", index);
         add(stream, streams[index]->counts());
-        stream.addJson("latencyMs", toJson(streams[index]->latency()).text());
+        stream.addJson("latencyMs", latencyArgs(streams[index]->latency(), 1e6).text());
         figures.append(index > 0 ? "," : "").append(stream.text());
     }
     JsonObject args;

@@ -35,8 +35,8 @@ void Trace::ready(const std::string& name) const {
 
 TracedCommand Trace::command(const std::string& from, const std::string& to, const std::string& text) const {
     // The time as the id: unique also behind a service that has died.
-    const TracedCommand command{from, to,
-                                static_cast<uint64_t>(vel::sim::steadyNowNs() - vel::sim::timeOriginNs())};
+    TracedCommand command{from, to,
+                          static_cast<uint64_t>(vel::sim::steadyNowNs() - vel::sim::timeOriginNs())};
     print(nameOf(command) + "   ", text);
     events::asyncBegin(Track::MESSAGES, "message", nameOf(command), command.id,
                        peersOf(command).add("text", text));

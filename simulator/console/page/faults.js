@@ -18,6 +18,7 @@ const replaced = new Map();  // stream -> how many captures were, and when that 
 const held = new Set();      // streams that only their figures show to be without
 let last = null;             // the newest time without replacements that is over
 let ticking = 0;
+let isReplay = false;
 
 function makePeer(peer) {
     const buttons = kActions.map((action) => {
@@ -31,7 +32,8 @@ function makePeer(peer) {
         ...(peer === "camera_server" ? [] : [element("span", { className: "buttons" }, ...buttons)]));
 }
 
-function takeState({ peers }) {
+function takeState({ peers, replay }) {
+    isReplay = replay;
     for (const peer of Object.keys(kNames)) {
         const state = peers?.[peer] ?? "saved";
         setText(byId(`state-${peer}`), state);
@@ -104,7 +106,7 @@ function captureText() {
     }
     if (!last) return "never without replacement";
     const { withoutMs, stream, ts } = last;
-    return `replaced; were without for ${milliseconds(withoutMs)} (stream ${stream}), until ${seconds(ts)} s`;
+    return `replaced; without for ${milliseconds(withoutMs)} until ${seconds(ts)} s (stream ${stream})`;
 }
 
 const streamsText = () => `stream ${[...without.keys()].sort().join(", ")}`;
@@ -126,7 +128,7 @@ function show() {
     for (const program of ["app", "camera_server"]) {
         showFact(program, linkText(links.get(program)), links.get(program)?.up === false);
     }
-    const isMissing = without.has(chosenStream());
+    const isMissing = without.has(chosenStream()) && !isReplay;
     byId("replaced-figure").classList.toggle("missing", isMissing);
     setText(byId("replaced-note"), isMissing ? "no replacement comes" : "");
     tick();
@@ -136,7 +138,7 @@ function show() {
 function tick() {
     clearTimeout(ticking);
     const missing = without.size || [...links.values()].some((link) => !link.up);
-    if (missing) ticking = setTimeout(() => draw(show), 500);
+    if (missing && !isReplay) ticking = setTimeout(() => draw(show), 500);
 }
 
 function makeFact([name, title]) {

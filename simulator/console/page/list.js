@@ -1,6 +1,6 @@
 import { draw } from "./events.js";
 
-/** A bounded list of entries, newest first, on the page: those that pass a filter, as rows. */
+/** A bounded list of entries, newest first by their time, on the page: those that pass a filter, as rows. */
 export class NewestFirst {
     #entries = [];  // oldest first
     #fresh = [];
@@ -14,7 +14,10 @@ export class NewestFirst {
     }
 
     add(entry) {
-        this.#entries.push(entry);
+        let place = this.#entries.length;
+        while (place > 0 && this.#entries[place - 1].ts > entry.ts) --place;
+        if (place < this.#entries.length) this.#all = true;  // another program was faster to tell
+        this.#entries.splice(place, 0, entry);
         this.#fresh.push(entry);
         if (this.#entries.length > this.limit) this.remove(this.#entries[0]);
         draw(this.#render);
