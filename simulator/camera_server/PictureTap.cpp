@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sstream>
 #include <vector>
 
 #include "FieldList.h"
@@ -22,6 +23,21 @@ constexpr int kQuality = 80;
 constexpr int kPoorQuality = 40;           // for pictures that do not fit into a packet
 constexpr int kSendBufferBytes = 1 << 20;  // the system gives what it allows
 constexpr uint8_t kDarkGrey = 56, kColourless = 128;
+
+// A list as in "0,2" or "none", a bit a stream; nothing for any other text.
+std::optional<uint32_t> readStreams(const std::string& text) {
+    if (text == "none") return 0;
+    uint32_t streams = 0;
+    std::istringstream list(text);
+    for (std::string stream; std::getline(list, stream, ',');) {
+        const uint32_t index =
+            stream.size() == 1 ? static_cast<uint32_t>(stream[0] - '0') : kMaxPictureStreams;
+        if (index >= kMaxPictureStreams) return std::nullopt;
+        streams |= 1U << index;
+    }
+    if (streams == 0) return std::nullopt;
+    return streams;
+}
 
 // Of each half.
 FrameSize smallSize(FrameSize size) {
@@ -85,17 +101,12 @@ bool PictureTap::isCommand(const std::string& line) {
 }
 
 bool PictureTap::execute(const std::string& line) {
-    const std::string streams = line.substr(std::min(line.size(), sizeof(kVerb)));
-    uint32_t watched = 0;
-    for (size_t i = 0; streams != "none" && i < streams.size(); i += 2) {
-        const bool isStream = streams[i] >= '0' && streams[i] < static_cast<char>('0' + kMaxPictureStreams);
-        if (!isStream || (i + 1 < streams.size() && streams[i + 1] != ',')) {
-            refuseLine(line);
-            return false;
-        }
-        watched |= 1U << (streams[i] - '0');
+    const auto watched = readStreams(line.substr(std::min(line.size(), sizeof(kVerb))));
+    if (!watched) {
+        refuseLine(line);
+        return false;
     }
-    mWatched = watched;
+    mWatched = *watched;
     return true;
 }
 

@@ -249,13 +249,7 @@ ConsoleServer::Answer ConsoleSession::save() const {
 }
 
 void ConsoleSession::tellFault(const std::string& peer, const std::string& what, const std::string& action) {
-    TraceEvent event;
-    event.category = "fault";
-    event.name = peer + " " + what;
-    event.track = Track::FAULTS;
-    event.timeNs = steadyNowNs();
-    event.args.add("peer", peer).add("action", action);
-    addEvent(event.line());
+    addEvent(faultLine(peer, what, action));
 }
 
 void ConsoleSession::addEvent(const std::string& line) {

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Program.h"
-#include "Timeline.h"
 #include "TraceEvent.h"
 
 namespace vel::sim {
@@ -52,13 +51,7 @@ void Peers::start(const std::string& peer, std::vector<std::string> arguments, s
 }
 
 void Peers::tell(const std::string& peer, const std::string& action) {
-    TraceEvent event;
-    event.category = "fault";
-    event.name = peer + " " + action;
-    event.track = Track::FAULTS;
-    event.timeNs = steadyNowNs();
-    event.args.add("peer", peer).add("action", action);
-    (void)mSession.add(event.line());
+    (void)mSession.add(faultLine(peer, action, action));
 }
 
 // False when the program ends first, or the limit passes.

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Program.h"
+#include "Timeline.h"
 
 namespace vel::sim {
 
@@ -38,6 +39,16 @@ std::string TraceEvent::line() const {
     if (phase == 'i') event.add("s", "t");
     if (phase == 'f') event.add("bp", "e");  // ends in the slice around it, not in the next one
     return event.addJson("args", args.text()).text();
+}
+
+std::string faultLine(const std::string& peer, const std::string& what, const std::string& action) {
+    TraceEvent event;
+    event.category = "fault";
+    event.name = peer + " " + what;
+    event.track = Track::FAULTS;
+    event.timeNs = steadyNowNs();
+    event.args.add("peer", peer).add("action", action);
+    return event.line();
 }
 
 }  // namespace vel::sim

@@ -29,4 +29,7 @@ struct TraceEvent {
     std::string line() const;
 };
 
+/** The line of what is done to a peer, or happens to it, now, as in ("app", "killed", "restart"). */
+std::string faultLine(const std::string& peer, const std::string& what, const std::string& action);
+
 }  // namespace vel::sim
