@@ -4,6 +4,7 @@
 Usage: console_test.py PROGRAM [argument of unittest ...]
 """
 
+import contextlib
 import http.client
 import json
 import os
@@ -34,8 +35,7 @@ class Console:
         self.token = address.split("token=")[1]
 
     def children(self):
-        with open(f"/proc/{self.process.pid}/task/{self.process.pid}/children") as own:
-            found = own.read().split()
+        found = []
         for task in os.listdir(f"/proc/{self.process.pid}/task"):
             with open(f"/proc/{self.process.pid}/task/{task}/children") as children:
                 found += children.read().split()
@@ -211,8 +211,10 @@ class ConsoleTest(unittest.TestCase):
         self.assertEqual(self.console.do(do="line", peer="app", line="help"), (200, {"ok": True}))
 
     def test_only_the_loopback_address_is_bound(self):
-        sockets = {os.readlink(f"/proc/{self.console.process.pid}/fd/{fd}")
-                   for fd in os.listdir(f"/proc/{self.console.process.pid}/fd")}
+        sockets = set()
+        for fd in os.listdir(f"/proc/{self.console.process.pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+                sockets.add(os.readlink(f"/proc/{self.console.process.pid}/fd/{fd}"))
         listening = []
         for table in ("tcp", "tcp6"):
             with open(f"/proc/net/{table}") as rows:
