@@ -167,6 +167,9 @@ FrameStream::Setup FrameSession::streamSetup(uint32_t index) {
     setup.isNodeGone = &mIsNodeGone;
     setup.draw = mSource->drawing(index);
     setup.output = [this](const auto&... frames) { output(frames...); };
+    setup.unsent = [this](const FrameHeader& captured, const ConstFrameView& picture) {
+        if (mPictures != nullptr) mPictures->offer(captured, picture, std::nullopt, std::nullopt);
+    };
     return setup;
 }
 

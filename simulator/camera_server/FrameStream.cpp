@@ -100,6 +100,7 @@ void FrameStream::runLive() {
         } else {
             count(&FrameCounts::dropped);
             noteChange(Outcome::NONE);
+            if (mSetup.unsent) mSetup.unsent({mCounter, mSetup.stream}, mPicture.view());
         }
         ++mCounter;
     }

@@ -58,6 +58,8 @@ class FrameStream {
         const std::atomic<bool>* isNodeGone = nullptr;  // set: frames go on without the substitution node
         Draw draw;
         Output output;
+        // Gets a frame that nobody took, which only a stream that is not lossless has.
+        std::function<void(const FrameHeader& captured, const ConstFrameView& picture)> unsent;
     };
 
     FrameStream(VelChiDesktopHelper* helper, Setup setup, const StopSignal& stop);

@@ -258,6 +258,9 @@ class ConsoleTest(unittest.TestCase):
                 self.assertEqual(self.console.do(do="fault", peer=peer, action="kill")[0], 200)
                 killed = events.until_named(f"{peer} killed")
                 self.assertEqual(self.console.do(do="fault", peer=peer, action="stop")[0], 409)
+                captured = Readers([self.console.stream("/pictures/0")], b"image/jpeg")
+                self.addCleanup(captured.close)
+                wait_until(lambda: sum(captured.counts.values()) > 2)
                 self.assertEqual(self.console.do(do="fault", peer=peer, action="restart")[0], 200)
                 again = events.until(lambda event: event["name"] == "frames" and event["ts"] > killed["ts"] and
                                      event["args"].get("ok"))
