@@ -12,8 +12,9 @@ constexpr size_t kMaxInFlight = 64;  // more buffers than a queue has
 
 void StreamEvents::sent(const FrameHeader& frame, int64_t startNs) {
     if (!events::areWanted()) return;
-    events::slice(streamTrack(mStream), kCategory, "capture", startNs, steadyNowNs(),
-                  JsonObject().add("frame", frame.counter));
+    const JsonObject args = JsonObject().add("frame", frame.counter);
+    events::slice(streamTrack(mStream), kCategory, "capture", startNs, frame.captureNs, args);
+    events::slice(streamTrack(mStream), kCategory, "out", frame.captureNs, steadyNowNs(), args);
     events::flowStart(streamTrack(mStream), kCategory, "frame", flowIdOf(frame), frame.captureNs);
     mInFlight.push_back(frame.counter);
     if (mInFlight.size() > kMaxInFlight) mInFlight.pop_front();
