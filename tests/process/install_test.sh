@@ -26,7 +26,7 @@ await() {
 
 cmake --install "$build" --prefix "$prefix" --strip >"$scratch/install.log"
 ! grep -rlF -e "$build" -e "$sources" "$prefix" || fail "these point back to where they were built"
-cmake -S "$sources/examples/minimal_hal" -B "$scratch/hal" -DCMAKE_PREFIX_PATH="$prefix" >"$scratch/cmake.log"
+cmake -G Ninja -S "$sources/examples/minimal_hal" -B "$scratch/hal" -DCMAKE_PREFIX_PATH="$prefix" >"$scratch/cmake.log"
 cmake --build "$scratch/hal" >"$scratch/make.log" 2>&1 || fail "the example does not build"
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs vel_chi_desktop_helper >"$scratch/flags"
 read -ra flags <"$scratch/flags"
