@@ -44,6 +44,6 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/host/libhidl ${PROJECT_BINARY_DIR}/host/libui ${PROJECT_BINARY_DIR}/host/libgui
   ${PROJECT_BINARY_DIR}/host/libmediandk ${PROJECT_BINARY_DIR}/host/libcamera_metadata)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "android-liblog-dev, android-libutils-dev, android-libcutils-dev, dbus-daemon")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ffmpeg, libjs-chart.js")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "android-liblog-dev, android-libutils-dev, android-libcutils-dev, dbus-daemon, libjs-chart.js")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ffmpeg")
 include(CPack)
