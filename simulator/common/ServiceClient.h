@@ -68,9 +68,8 @@ class ServiceClient {
 
 /**
  * What a program does when its link changes: prints "registered" or "service lost" and tells it as an event.
- * Unless the options told
- * where printed times begin, they count from the start of the service from then on; asks it, for at most a
- * second.
+ * Unless the options told where printed times begin, they count from the start of the service from then on;
+ * asks it, for at most a second.
  */
 ServiceClient::StateListener printLinkOf(const CommonOptions& options);
 
